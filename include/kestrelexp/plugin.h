@@ -1,0 +1,250 @@
+/* The plugin contract: four kinds, the entry points of each, and the registry that holds them.
+ *
+ * A plugin is a shared object that exports an int32_t `plugin_type` (a sum of PLUGIN_KIND_* bits)
+ * and, for each bit, the functions declared at the end of this file, under exactly those names. The
+ * built-in plugins are registered through the same four add_*_plugin functions.
+ *
+ * Ownership: descriptions and their strings are constants of the plugin. params strings belong to
+ * the program and live as long as it does. Instances belong to the plugin and are never freed.
+ */
+#ifndef KESTRELEXP_PLUGIN_H
+#define KESTRELEXP_PLUGIN_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "kestrelexp/api.h"
+#include "kestrelexp/getter.h"
+#include "kestrelexp/packet.h"
+#include "kestrelexp/record.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+enum plugin_kind {
+    PLUGIN_KIND_INPUT = 1,
+    PLUGIN_KIND_EXPORT = 2,
+    PLUGIN_KIND_PROCESS = 4,
+    PLUGIN_KIND_FILTER = 8
+};
+
+struct plugin_description {
+    const char* name;        /* chosen by on the command line; unique within the kind */
+    const char* description; /* help text of -l, may have several lines */
+    uint16_t data_size;      /* bytes wanted in every record's data space; input and process only */
+    int32_t flags;           /* process plugins: non-zero = needs the packet behind each record */
+};
+
+typedef const struct plugin_description* plugin_desc_function(void);
+
+/* ---- Input plugins: exactly one of get_packet, get_flow and get_final_flow ---- */
+
+/* Opens the input. needs_packets: some process plugin will look at whole frames. data_offset: where
+ * the plugin's own data_size bytes lie in each record. Returns the instance, NULL on failure. */
+typedef void* input_init_function(char* params, int needs_packets, uint16_t data_offset);
+/* May add getters to the base table. Called once, after init. */
+typedef void input_getter_init_function(void* instance, struct getter** table);
+/* Sampling rate of the driver (1-in-N), 0 = none. Read once, after init. */
+typedef uint32_t input_sampling_function(void* instance);
+/* Fills a prepared record with one packet's data and returns its key, or a non-negative value when
+ * nothing was produced. "Prepared": packets 1; bytes, tcpflags, l3protocol, l4protocol, export_flag
+ * and the VLAN and MPLS counts 0. Called in a loop: wait a little inside (10 ms, say) rather than
+ * return at once when there is nothing. */
+typedef flow_key input_flow_function(void* instance, struct flow_record* record);
+/* The frame behind the record that get_flow returned last, with its captured length and the bytes
+ * up to the first one behind its headers. Only beside get_flow. */
+typedef const uint8_t* input_flow_packet_function(void* instance, uint32_t* captured_length,
+                                                  uint32_t* header_length);
+/* Fills a prepared record with a finished flow: returns 0 when it did, non-zero when not. */
+typedef flow_key input_final_flow_function(void* instance, struct flow_record* record);
+
+struct input_plugin {
+    plugin_desc_function* desc;
+    input_init_function* init;
+    input_getter_init_function* getter_init; /* may be NULL */
+    input_sampling_function* sampling;       /* return_zero_func when the plugin has none */
+    packet_function* get_packet;
+    input_flow_function* get_flow;
+    input_flow_packet_function* get_flow_packet;
+    input_final_flow_function* get_final_flow;
+    char* params; /* filled when the plugin is chosen; may be NULL */
+    uint16_t data_offset;
+    void* instance; /* filled by init */
+};
+
+/* ---- Export plugins ---- */
+
+/* Connects the export. getters is this export's own table. Returns the instance, NULL on failure.
+ */
+typedef void* export_init_function(char* params, struct getter* getters);
+/* Takes one flow; returns 0, or 0xFFFFFFFF when it was not exported. The record may be changed by
+ * filters of exports behind this one, so nothing of it is kept by reference. */
+typedef uint32_t export_export_function(void* instance, struct flow_record* record);
+/* Sends what is buffered. Called when traffic stops and at the end of the program. */
+typedef uint32_t export_flush_function(void* instance);
+
+struct export_plugin {
+    plugin_desc_function* desc;
+    export_init_function* init;
+    export_export_function* export_record;
+    export_flush_function* flush;
+    char* params;
+    void* instance;
+};
+
+/* ---- Filter plugins ---- */
+
+/* Returns the instance, NULL on failure. *getters is the table of the chain the filter stands in
+ * (the base table for -G); a filter may add getters to it. */
+typedef void* filter_init_function(char* params, struct getter** getters);
+/* 0 keeps the flow, anything else drops it. The filter may change the record; the change stays for
+ * everything behind it. */
+typedef int32_t filter_filter_function(void* instance, struct flow_record* record);
+
+struct filter_plugin {
+    plugin_desc_function* desc;
+    filter_init_function* init;
+    filter_filter_function* filter;
+    char* params;
+    void* instance;
+};
+
+/* ---- Process plugins ---- */
+
+struct process_plugin;
+
+/* data_offset: where the plugin's own data_size bytes lie in each record. NULL on failure. */
+typedef void* process_init_function(char* params, uint16_t data_offset);
+/* May add getters to the base table. self is the program's record of this plugin. */
+typedef void process_getter_init_function(void* instance, struct getter** table,
+                                          struct process_plugin* self);
+/* A packet starts a flow: fill the plugin's area of the packet record, which becomes the flow's. */
+typedef void process_create_function(void* instance, struct flow_record* packet);
+/* A packet joins a flow; the flow's counters already include it. Setting flow->export_flag ends
+ * the flow. */
+typedef void process_update_function(void* instance, struct flow_record* flow,
+                                     struct flow_record* packet);
+/* The flow ends for the reason given (enum removal_reason), just before it is handed to export. */
+typedef void process_release_function(void* instance, struct flow_record* flow, int32_t reason);
+
+/* create, update and release run under the flow cache's lock, on the switch or the remover thread:
+ * be quick, never block. Setting packet->export_flag in create outputs the packet record at once.
+ */
+struct process_plugin {
+    plugin_desc_function* desc;
+    process_init_function* init;
+    process_getter_init_function* getter_init; /* may be NULL */
+    process_create_function* create;
+    process_update_function* update;
+    process_release_function* release;
+    uint16_t data_offset;
+    char* params;
+    void* instance;
+};
+
+/* ---- The registry ---- */
+
+struct dirent;
+
+struct plugin_registry {
+    int32_t input_count;
+    struct input_plugin* inputs; /* arrays in order of registration */
+    int32_t export_count;
+    struct export_plugin* exports;
+    int32_t filter_count;
+    struct filter_plugin* filters;
+    int32_t process_count;
+    struct process_plugin* processes;
+    uint16_t extension_length; /* bytes of the record's data space reserved so far */
+    int32_t process_flag;      /* some chosen process plugin needs packets */
+    struct dirent** directory_list;
+};
+
+/* Registration happens on the main thread before any other exists. A name that the kind already
+ * has, or an input without exactly one way to deliver, ends the program with status 255. Optional
+ * operations are NULL. */
+KX_API void add_input_plugin(struct plugin_registry* registry, plugin_desc_function* desc,
+                             input_init_function* init, input_sampling_function* sampling,
+                             input_getter_init_function* getter_init, input_flow_function* get_flow,
+                             input_final_flow_function* get_final_flow, packet_function* get_packet,
+                             input_flow_packet_function* get_flow_packet);
+KX_API void add_export_plugin(struct plugin_registry* registry, plugin_desc_function* desc,
+                              export_init_function* init, export_export_function* export_record,
+                              export_flush_function* flush);
+KX_API void add_filter_plugin(struct plugin_registry* registry, plugin_desc_function* desc,
+                              filter_init_function* init, filter_filter_function* filter);
+KX_API void add_process_plugin(struct plugin_registry* registry, plugin_desc_function* desc,
+                               process_init_function* init,
+                               process_getter_init_function* getter_init,
+                               process_create_function* create, process_update_function* update,
+                               process_release_function* release);
+
+/* Loads one shared object and registers a plugin for each bit of its plugin_type. An object that
+ * cannot be opened is reported and skipped; one that breaks the contract ends the program (255). */
+KX_API void add_plugin(const char* path, struct plugin_registry* registry);
+
+/* Prints the plugin list to standard output and ends the program with status 0. */
+KX_API void print_plugins(const struct plugin_registry* registry) __attribute__((noreturn));
+
+/* ---- What an external plugin defines ----
+ * Declared here so that the compiler checks a plugin's signatures; define what your kind needs.
+ * "Optional" entry points are simply left out. */
+
+extern KX_API int32_t plugin_type;
+
+KX_API plugin_desc_function plugin_input_desc;
+KX_API input_init_function plugin_input_init;
+KX_API input_getter_init_function plugin_input_getter_init;     /* optional */
+KX_API input_sampling_function plugin_input_sampling;           /* optional */
+KX_API packet_function plugin_input_get_packet;                 /* one of these three */
+KX_API input_flow_function plugin_input_get_flow;               /* ... */
+KX_API input_final_flow_function plugin_input_get_final_flow;   /* ... */
+KX_API input_flow_packet_function plugin_input_get_flow_packet; /* optional, beside get_flow */
+
+KX_API plugin_desc_function plugin_export_desc;
+KX_API export_init_function plugin_export_init;
+KX_API export_export_function plugin_export_export;
+KX_API export_flush_function plugin_export_flush;
+
+KX_API plugin_desc_function plugin_process_desc;
+KX_API process_init_function plugin_process_init;
+KX_API process_create_function plugin_process_create;
+KX_API process_update_function plugin_process_update;
+KX_API process_release_function plugin_process_release;
+KX_API process_getter_init_function plugin_process_getter_init; /* optional */
+
+KX_API plugin_desc_function plugin_filter_desc;
+KX_API filter_init_function plugin_filter_init;
+KX_API filter_filter_function plugin_filter_filter;
+
+#ifdef __cplusplus
+}
+#endif
+
+KX_ASSERT_LAYOUT(sizeof(struct plugin_description) == 24);
+KX_ASSERT_LAYOUT(offsetof(struct plugin_description, name) == 0);
+KX_ASSERT_LAYOUT(offsetof(struct plugin_description, description) == 8);
+KX_ASSERT_LAYOUT(offsetof(struct plugin_description, data_size) == 16);
+KX_ASSERT_LAYOUT(offsetof(struct plugin_description, flags) == 20);
+KX_ASSERT_LAYOUT(sizeof(struct input_plugin) == 88);
+KX_ASSERT_LAYOUT(offsetof(struct input_plugin, sampling) == 24);
+KX_ASSERT_LAYOUT(offsetof(struct input_plugin, get_packet) == 32);
+KX_ASSERT_LAYOUT(offsetof(struct input_plugin, get_final_flow) == 56);
+KX_ASSERT_LAYOUT(offsetof(struct input_plugin, params) == 64);
+KX_ASSERT_LAYOUT(offsetof(struct input_plugin, data_offset) == 72);
+KX_ASSERT_LAYOUT(offsetof(struct input_plugin, instance) == 80);
+KX_ASSERT_LAYOUT(sizeof(struct export_plugin) == 48);
+KX_ASSERT_LAYOUT(offsetof(struct export_plugin, params) == 32);
+KX_ASSERT_LAYOUT(offsetof(struct export_plugin, instance) == 40);
+KX_ASSERT_LAYOUT(sizeof(struct filter_plugin) == 40);
+KX_ASSERT_LAYOUT(offsetof(struct filter_plugin, params) == 24);
+KX_ASSERT_LAYOUT(offsetof(struct filter_plugin, instance) == 32);
+KX_ASSERT_LAYOUT(sizeof(struct process_plugin) == 72);
+KX_ASSERT_LAYOUT(offsetof(struct process_plugin, data_offset) == 48);
+KX_ASSERT_LAYOUT(offsetof(struct process_plugin, params) == 56);
+KX_ASSERT_LAYOUT(offsetof(struct process_plugin, instance) == 64);
+KX_ASSERT_LAYOUT(offsetof(struct plugin_registry, extension_length) == 64);
+KX_ASSERT_LAYOUT(offsetof(struct plugin_registry, process_flag) == 68);
+
+#endif

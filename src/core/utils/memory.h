@@ -1,0 +1,26 @@
+// The start-up allocators of service.h as typed helpers. What they give lives for the whole run and
+// is never freed.
+#pragma once
+
+#include <cstddef>
+#include <new>
+#include <utility>
+
+#include "kestrelexp/service.h"
+
+namespace kestrel {
+
+// One zeroed, cache-line-aligned object that lives for the whole run.
+template <typename T, typename... Args>
+T* make_lifelong(Args&&... args) {
+    return new (malloc_wrapper(sizeof(T), 1)) T{std::forward<Args>(args)...};
+}
+
+// A zeroed big array: from a file in directory (meant to be hugetlbfs), or ordinary memory when
+// directory is null, for which transparent huge pages are asked.
+void* big_array(size_t bytes, const char* directory, const char* name);
+
+// Makes a failing operator new end the process as malloc_wrapper does.
+void install_memory_handler();
+
+}  // namespace kestrel
