@@ -1,0 +1,81 @@
+// The clocks: wall clock, monotonic clock, and the start-up time that ties them together. Any
+// thread reads them; nothing here sleeps.
+#include "core/utils/clock.h"
+
+#include <sys/time.h>
+#include <time.h>
+
+#include <atomic>
+
+namespace kestrel {
+namespace {
+
+uint64_t system_wall_ns() {
+    timeval now;
+    (void)gettimeofday(&now, nullptr);  // cannot fail with a valid pointer
+    return static_cast<uint64_t>(now.tv_sec) * ns_per_second +
+           static_cast<uint64_t>(now.tv_usec) * ns_per_us;
+}
+
+uint64_t system_uptime_ns() {
+    timespec now;
+    (void)clock_gettime(CLOCK_MONOTONIC, &now);  // cannot fail with this clock
+    return static_cast<uint64_t>(now.tv_sec) * ns_per_second + static_cast<uint64_t>(now.tv_nsec);
+}
+
+constexpr clock_source system_clocks = {system_wall_ns, system_uptime_ns};
+
+// Written by whoever installs a driver, read by all threads; release and acquire, so that a driver
+// is seen complete.
+std::atomic<const clock_source*> current_clocks = &system_clocks;
+
+// Wall-clock ns at which the monotonic clock was zero; 0 = not computed yet. Any thread may fill it
+// in; relaxed, since it is one word on its own and two threads at most compute the same estimate.
+std::atomic<uint64_t> startup_time_ns = 0;
+
+const clock_source& clocks() {
+    return *current_clocks.load(std::memory_order_acquire);
+}
+
+}  // namespace
+
+void set_clock_source(const clock_source* source) {
+    current_clocks.store(source ? source : &system_clocks, std::memory_order_release);
+}
+
+}  // namespace kestrel
+
+using namespace kestrel;
+
+uint64_t timer_get_uptime(void) {
+    return clocks().uptime_ns();
+}
+
+uint64_t timer_get_nsec(void) {
+    return clocks().wall_ns();
+}
+
+uint64_t timer_get_sec(void) {
+    return timer_get_nsec() / ns_per_second;
+}
+
+uint64_t timer_get_rnd(void) {
+    return timer_get_nsec() % ns_per_second / ns_per_us;
+}
+
+uint64_t timer_startup_time_update(void) {
+    const uint64_t now_ns = timer_get_nsec();
+    const uint64_t uptime_ns = timer_get_uptime();
+    startup_time_ns.store(now_ns - uptime_ns, std::memory_order_relaxed);
+    return uptime_ns;
+}
+
+uint64_t timer_get_startup_time(void) {
+    if (startup_time_ns.load(std::memory_order_relaxed) == 0)
+        timer_startup_time_update();
+    return startup_time_ns.load(std::memory_order_relaxed);
+}
+
+uint64_t timer_get_startup_time32(void) {
+    return timer_get_startup_time();
+}

@@ -1,0 +1,96 @@
+// The start-up allocators. What they hand out is zeroed and lives for the whole run; memory that
+// cannot be had ends the process here, so no caller ever sees a null pointer.
+#include "core/utils/memory.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "core/utils/log.h"
+
+namespace kestrel {
+namespace {
+
+constexpr size_t cache_alignment = 128;  // a pair of cache lines, as adjacent-line prefetch has it
+constexpr size_t huge_page = 0x200000;
+constexpr size_t huge_page_threshold = 2 * huge_page;
+
+void* aligned_block(size_t size) {
+    // A block worth huge pages starts on one; that is more than the 128 bytes promised.
+    const bool big = size >= huge_page_threshold;
+    void* block = nullptr;
+    if (posix_memalign(&block, big ? huge_page : cache_alignment, size) != 0)
+        die(exit_memory, "Posix memalign problem (malloc)");
+    if (big && block) {
+        // Before the first touch, or the small pages are there already. Only a wish: a kernel
+        // without them serves small pages.
+        (void)madvise(block, size / huge_page * huge_page, MADV_HUGEPAGE);
+    }
+    return block;
+}
+
+[[noreturn]] void huge_failure(const char* what) {
+    std::perror(what);
+    std::exit(exit_huge_memory);
+}
+
+int open_huge_file(const char* directory, const char* name) {
+    const std::string path =
+        std::string(directory) + "/" + std::to_string(getpid()) + "." + std::string(name);
+    const int file = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0755);
+    if (file < 0)
+        huge_failure("hugetlb open failed");
+    // At once, so that the memory goes with the process. Left behind, the file would only be ugly.
+    (void)unlink(path.c_str());
+    return file;
+}
+
+}  // namespace
+
+void* big_array(size_t bytes, const char* directory, const char* name) {
+    return directory ? malloc_huge(bytes, directory, name) : malloc_wrapper(bytes, 1);
+}
+
+void install_memory_handler() {
+    std::set_new_handler([] { die(exit_memory, "Malloc problem"); });
+}
+
+}  // namespace kestrel
+
+using namespace kestrel;
+
+void* malloc_wrapper(size_t size, int aligned) {
+    if (size == 0)
+        size = 1;  // so that a null pointer always means a fault
+    void* block = aligned ? aligned_block(size) : std::malloc(size);
+    if (!block)
+        die(exit_memory, "Malloc problem");
+    return std::memset(block, 0, size);
+}
+
+void* malloc_huge(size_t size, const char* directory, const char* name) {
+    const int file = open_huge_file(directory, name);
+    if (size > PTRDIFF_MAX - huge_page) {
+        errno = ENOMEM;
+        huge_failure("hugetlb mmap failed");
+    }
+    const size_t rounded = (size + huge_page - 1) / huge_page * huge_page;
+    // hugetlbfs grows a file by mapping it; the size makes any other file system serve as well.
+    if (ftruncate(file, static_cast<off_t>(rounded)) != 0)
+        huge_failure("hugetlb mmap failed");
+    void* block = mmap(nullptr, rounded, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+    if (block == MAP_FAILED)
+        huge_failure("hugetlb mmap failed");
+    // Takes the pages now: on a full file system the first touch would be a SIGBUS.
+    if (fallocate(file, 0, 0, static_cast<off_t>(rounded)) != 0 && errno != EOPNOTSUPP)
+        huge_failure("hugetlb mmap failed");
+    return std::memset(block, 0, rounded);
+}
