@@ -1,0 +1,160 @@
+// The rare roads of the ring: making it, waiting, announcing a batch. Runs on the thread of the
+// side that calls; holds no lock.
+
+#include "flow/temporal_storage.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "core/utils/log.h"
+#include "core/utils/memory.h"
+#include "flow/layout.h"
+
+namespace kestrel {
+namespace {
+
+constexpr uint32_t count_when_zero = 1024;
+constexpr uint32_t count_max = 1u << 20;
+constexpr uint64_t batches_per_ring = 8;
+
+struct pipe_ends {
+    int read;
+    int write;
+};
+
+pipe_ends make_pipe() {
+    int ends[2];
+    if (pipe(ends) != 0)
+        die(exit_config, "Unable to create pipe");
+    return {ends[0], ends[1]};
+}
+
+// Messages are one u64 count. Eight bytes go through a pipe whole or not at all, and a ring's pipes
+// never hold more than a few messages, so this blocks for no one.
+void send_count(int pipe_end, uint64_t count) {
+    while (write(pipe_end, &count, sizeof count) != sizeof count) {
+    }
+}
+
+uint64_t receive_count(int pipe_end) {
+    uint64_t count = 0;
+    while (read(pipe_end, &count, sizeof count) != sizeof count) {
+    }
+    return count;
+}
+
+uint32_t usable_count(uint32_t count) {
+    if (count == 0) {
+        verbose_msg(-1, "temporal storage too small, increasing to 1024");
+        return count_when_zero;
+    }
+    if (count > count_max) {
+        verbose_msg(-1, "temporal storage too large, decreasing to 2^20");
+        return count_max;
+    }
+    return count;
+}
+
+}  // namespace
+
+[[gnu::noinline]] void storage_wait_for_credits(temporal_storage& storage) {
+    storage_producer& p = storage.producer;
+    while (p.credits < p.batch)
+        p.credits += receive_count(p.credit_read);
+}
+
+[[gnu::noinline]] void storage_announce(temporal_storage& storage, uint64_t pending) {
+    storage_producer& p = storage.producer;
+    send_count(p.notify_write, pending);
+    p.announced = p.committed.load(std::memory_order_relaxed);
+}
+
+[[gnu::noinline]] bool storage_refill(temporal_storage& storage, int timeout_ms) {
+    storage_consumer& c = storage.consumer;
+    if (c.consumed >= c.batch) {
+        send_count(c.credit_write, c.consumed);
+        c.consumed = 0;
+    }
+    for (;;) {
+        pollfd notify{c.notify_read, POLLIN, 0};
+        const bool told = poll(&notify, 1, timeout_ms) > 0;
+        const uint64_t announced = told ? receive_count(c.notify_read) : c.batch;
+        const uint64_t there = storage_committed(storage) - c.seen;
+        const uint64_t fresh = std::min({announced, there, c.batch});
+        if (fresh > 0) {
+            c.available = fresh;
+            c.seen += fresh;
+            if (!told)
+                storage.grab.grabbed.store(c.seen, std::memory_order_relaxed);
+            return true;
+        }
+        if (!told)
+            return false;
+        // Told of slots that an earlier time-out had taken while they were being announced.
+    }
+}
+
+}  // namespace kestrel
+
+using namespace kestrel;
+
+temporal_storage* temporal_storage_init(uint32_t count, uint32_t slot_size, const char* directory,
+                                        const char* name) {
+    count = usable_count(count);
+    verbose_msg(0, "Temporal storage init: %i of %i (mem: %u KiB) %s", static_cast<int>(count),
+                static_cast<int>(slot_size),
+                static_cast<unsigned>(uint64_t{count} * slot_size / 1024), name);
+    const pipe_ends credit = make_pipe();
+    const pipe_ends notify = make_pipe();
+    const uint64_t stride = record_stride(slot_size);
+    // Rings of fewer than eight slots work in batches of one.
+    const uint64_t batch = std::max<uint64_t>(count / batches_per_ring, 1);
+
+    auto* storage = make_lifelong<temporal_storage>();
+    storage->buffer = static_cast<uint8_t*>(big_array(count * stride, directory, name));
+
+    storage_producer& p = storage->producer;
+    p.credits = count;
+    p.count = count;
+    p.slot_size = slot_size;
+    p.stride = stride;
+    p.batch = batch;
+    p.slot = storage->buffer;
+    p.credit_read = credit.read;
+    p.notify_write = notify.write;
+
+    storage_consumer& c = storage->consumer;
+    c.count = count;
+    c.stride = stride;
+    c.batch = batch;
+    c.slot = storage->buffer;
+    c.notify_read = notify.read;
+    c.credit_write = credit.write;
+    return storage;
+}
+
+void* temporal_storage_current(temporal_storage* storage) {
+    return storage->producer.slot;
+}
+
+void* temporal_storage_reserve(temporal_storage* storage) {
+    return storage_reserve(*storage);
+}
+
+void* temporal_storage_put(temporal_storage* storage) {
+    if (storage->producer.credits == 0)
+        storage_wait_for_credits(*storage);
+    return storage_commit(*storage);
+}
+
+void* temporal_storage_put_block(temporal_storage* storage, const void* record) {
+    std::memcpy(storage->producer.slot, record, storage->producer.slot_size);
+    return temporal_storage_put(storage);
+}
+
+void* temporal_storage_get(temporal_storage* storage, int timeout_ms) {
+    return storage_get(*storage, timeout_ms);
+}
