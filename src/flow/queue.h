@@ -1,0 +1,107 @@
+// The flow cache ("queue"): its structure, how it is made, and how flows leave it. What happens per
+// packet is in queue_update.h, ageing and flushing in remover.h.
+//
+// 2^q slots in buckets of eight. A slot's flow lies in three arrays: its key (eight keys of a
+// bucket are one cache line), its fast record (24 bytes that change with every packet) and its full
+// record (written when the flow starts and when it leaves). Flows are told apart by key alone.
+//
+// The switch thread updates it, the remover thread ages it; one lock guards everything but `now`.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "flow/spinlock.h"
+#include "flow/temporal_storage.h"
+#include "kestrelexp/flow.h"
+
+namespace kestrel {
+
+inline constexpr uint32_t bucket_slots = 8;
+
+// What changes with every packet of a flow.
+struct fast_record {
+    uint64_t start;  // ns
+    uint64_t end;    // ns
+    uint32_t bytes;
+    uint32_t packets_and_flags;  // packets in the low 24 bits, TCP flags in the high 8
+
+    uint32_t packets() const { return packets_and_flags & 0x00FF'FFFF; }
+    uint8_t tcp_flags() const { return static_cast<uint8_t>(packets_and_flags >> 24); }
+    void set(uint32_t packets, uint8_t flags) {
+        packets_and_flags = (packets & 0x00FF'FFFF) | uint32_t{flags} << 24;
+    }
+};
+static_assert(sizeof(fast_record) == 24);
+
+// Counters since the last statistics line.
+struct queue_statistics {
+    uint64_t packets;
+    uint64_t bytes;
+    uint64_t flows;  // records output
+    uint64_t collisions;
+    uint64_t invalid;  // printed, never counted: frames that are no flow do not reach the queue
+};
+
+}  // namespace kestrel
+
+struct flow_queue {
+    // Wall clock in ns. Stored by the remover every 10 ms without the lock, loaded by both threads:
+    // a time-out that is 10 ms old is good enough, so relaxed.
+    std::atomic<uint64_t> now;
+    uint64_t victim_counter;
+    uint64_t active_timeout;  // ns
+    kestrel::fast_record* fast;
+    flow_key* keys;  // negative: the slot holds this flow; else it is free
+    int32_t plugin_count;
+    kestrel::queue_statistics statistics;
+    uint64_t inactive_timeout;  // ns
+    uint32_t forced_checks;     // scans in a row that the packet path did not complete
+    kestrel::spinlock lock;
+    uint8_t* records;
+    uint32_t size;         // slots, 2^q
+    uint32_t bucket_mask;  // key bits that choose a bucket: size - 8
+    uint32_t record_count;
+    int32_t scan_cursor;  // the idle scan has looked at the slots from here upwards
+    // Set by the remover before it asks for the lock, so that the switch thread yields once when it
+    // lets go. A hint with nothing behind it: relaxed.
+    std::atomic<uint32_t> yield_wanted;
+    uint64_t record_size;  // 88 + data size
+    uint64_t stride;       // bytes from record to record
+    process_plugin* plugins;
+    const char* directory;  // hugetlbfs directory, or null
+    temporal_storage* final_storage;
+};
+
+namespace kestrel {
+
+// Makes a queue without a remover thread; queue_init adds one. `now` is left to the caller.
+flow_queue* queue_create(int32_t size_exponent, uint64_t active_ns, uint64_t inactive_ns,
+                         temporal_storage* final_storage, const char* directory, uint64_t data_size,
+                         int32_t plugin_count, process_plugin* plugins);
+
+inline flow_record& queue_record(flow_queue& queue, uint32_t slot) {
+    return *reinterpret_cast<flow_record*>(queue.records + slot * queue.stride);
+}
+
+inline bool occupied(flow_key key) {
+    return key < 0;
+}
+
+// A question about real time, so it cannot wrap: a flow that ends ahead of the clock is not idle.
+inline bool longer_than(uint64_t from, uint64_t to, uint64_t limit) {
+    return to > from && to - from > limit;
+}
+
+// Copies what the fast record knows better into the slot's full record.
+inline flow_record& queue_refresh_record(flow_queue& queue, uint32_t slot) {
+    const fast_record& fast = queue.fast[slot];
+    flow_record& record = queue_record(queue, slot);
+    record.end = fast.end;
+    record.packets = fast.packets();
+    record.bytes = fast.bytes;
+    record.tcpflags = fast.tcp_flags();
+    return record;
+}
+
+}  // namespace kestrel

@@ -1,0 +1,74 @@
+// The rare roads of the per-packet path, and its entry point for plugins.
+
+#include "flow/queue_update.h"
+
+#include <sched.h>
+
+#include <cstring>
+
+namespace kestrel {
+
+[[gnu::noinline]] void queue_finish_scan(flow_queue& queue, uint64_t now) {
+    while (queue.scan_cursor >= 0)
+        queue_scan_step(queue, now);
+    queue.forced_checks = 0;
+}
+
+[[gnu::noinline]] uint32_t queue_make_room(flow_queue& queue, uint32_t start) {
+    const unsigned free = ~keys_occupied(queue.keys + start) & bucket_full;
+    if (free != 0)
+        return start + static_cast<uint32_t>(__builtin_ctz(free));
+    const uint32_t victim =
+        start + (static_cast<uint32_t>(queue.victim_counter) & (bucket_slots - 1));
+    queue.victim_counter += 1;
+    queue.statistics.collisions += 1;
+    queue_remove_record(&queue, victim, REMOVAL_COLLISION);
+    return victim;
+}
+
+[[gnu::noinline]] void queue_start_flow(flow_queue& queue, uint32_t slot, flow_record& packet,
+                                        flow_key key) {
+    if (queue.plugin_count != 0) [[unlikely]] {
+        for (int32_t i = 0; i < queue.plugin_count; ++i)
+            queue.plugins[i].create(queue.plugins[i].instance, &packet);
+        if (packet.export_flag != 0) {
+            queue_remove_record_oneshot(&queue, &packet, REMOVAL_FORCED);
+            return;
+        }
+    }
+    std::memcpy(&queue_record(queue, slot), &packet, queue.record_size);
+    fast_record& fast = queue.fast[slot];
+    fast.start = packet.start;
+    fast.end = packet.end;
+    fast.bytes = packet.bytes;
+    fast.set(packet.packets, packet.tcpflags);
+    queue.record_count += 1;
+    queue.keys[slot] = key;
+}
+
+[[gnu::noinline]] void queue_update_plugins(flow_queue& queue, uint32_t slot, flow_record& packet) {
+    flow_record& flow = queue_refresh_record(queue, slot);
+    for (int32_t i = 0; i < queue.plugin_count; ++i)
+        queue.plugins[i].update(queue.plugins[i].instance, &flow, &packet);
+    if (flow.export_flag != 0)
+        queue_remove_record(&queue, slot, REMOVAL_FORCED);
+}
+
+[[gnu::noinline]] void queue_yield(flow_queue& queue) {
+    sched_yield();
+    queue.yield_wanted.store(0, std::memory_order_relaxed);
+}
+
+}  // namespace kestrel
+
+using namespace kestrel;
+
+void queue_update(flow_queue* queue, flow_record* packet, flow_key key) {
+    queue->lock.lock();
+    queue_update_locked(*queue, *packet, key);
+    queue_unlock(*queue);
+}
+
+void queue_try_to_remove(flow_queue* queue) {
+    queue_scan_step(*queue, queue->now.load(std::memory_order_relaxed));
+}

@@ -1,0 +1,170 @@
+#include "flow/remover.h"
+
+#include <pthread.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include "core/utils/clock.h"
+#include "core/utils/log.h"
+#include "flow/queue_update.h"
+
+uint32_t queue_force_flush = 0;
+
+namespace kestrel {
+namespace {
+
+constexpr useconds_t tick_us = 10'000;
+constexpr uint64_t ticks_divisor_ns = 40'000'000;  // four passes per timeout, 10 ms a tick
+constexpr uint32_t forced_checks_limit = 3;
+constexpr uint64_t statistics_interval_s = 10;
+
+// The lock, asked for so that the switch thread lets go of it soon.
+class remover_lock {
+  public:
+    explicit remover_lock(flow_queue& queue) : queue_(queue) {
+        queue_.yield_wanted.store(1, std::memory_order_relaxed);
+        queue_.lock.lock();
+    }
+    ~remover_lock() { queue_.lock.unlock(); }
+    remover_lock(const remover_lock&) = delete;
+    remover_lock& operator=(const remover_lock&) = delete;
+
+  private:
+    flow_queue& queue_;
+};
+
+void tick(flow_queue& queue) {
+    usleep(tick_us);
+    queue.now.store(timer_get_nsec(), std::memory_order_relaxed);
+}
+
+uint64_t process_cpu_ms() {
+    rusage usage{};
+    (void)getrusage(RUSAGE_SELF, &usage);  // fails only for a bad first argument
+    const auto ms = [](const timeval& time) {
+        return static_cast<uint64_t>(time.tv_sec) * 1000 +
+               static_cast<uint64_t>(time.tv_usec) / 1000;
+    };
+    return ms(usage.ru_utime) + ms(usage.ru_stime);
+}
+
+// When the last line of statistics was printed, and when the next is due.
+struct statistics_clock {
+    uint64_t last_s;
+    uint64_t next_s;
+    uint64_t last_cpu_ms;
+};
+
+void statistics_if_due(flow_queue& queue, statistics_clock& clock) {
+    const uint64_t now_s = timer_get_sec();
+    if (now_s <= clock.next_s)
+        return;
+    const uint64_t elapsed_s = now_s > clock.last_s ? now_s - clock.last_s : 1;
+    const uint64_t cpu_ms = process_cpu_ms();
+    queue_report report;
+    {
+        const remover_lock locked(queue);
+        report = queue_take_report(queue);
+    }
+    queue_print_report(report, now_s, elapsed_s, cpu_ms - clock.last_cpu_ms);
+    clock = {now_s, now_s + statistics_interval_s, cpu_ms};
+}
+
+// One pass: about a quarter of the inactive timeout in ticks, then the scan and the statistics.
+void remover_pass(flow_queue& queue, statistics_clock& clock) {
+    const uint64_t ticks = queue.inactive_timeout / ticks_divisor_ns + 1;
+    for (uint64_t i = 0; i < ticks; ++i) {
+        tick(queue);
+        if (queue_serve_flush_request(queue))
+            clock.next_s = timer_get_sec() + statistics_interval_s;
+    }
+    if (verbose(3))
+        verbose_msg(3, "queue check start %lu", timer_get_nsec());
+    {
+        const remover_lock locked(queue);
+        queue_restart_scan(queue, queue.now.load(std::memory_order_relaxed));
+    }
+    if (verbose(3))
+        verbose_msg(3, "queue check end %lu", timer_get_nsec());
+    statistics_if_due(queue, clock);
+}
+
+}  // namespace
+
+void queue_restart_scan(flow_queue& queue, uint64_t now) {
+    if (queue.scan_cursor >= 0) {
+        queue.forced_checks += 1;
+        if (queue.forced_checks == forced_checks_limit) {
+            verbose_msg(0, "Force queue check (maybe input driver is blocking)");
+            queue_finish_scan(queue, now);
+        }
+    }
+    queue.scan_cursor = static_cast<int32_t>(queue.size) - 1;
+}
+
+queue_report queue_take_report(flow_queue& queue) {
+    const queue_report report{queue.statistics, queue.record_count};
+    queue.statistics = {};
+    return report;
+}
+
+void queue_print_report(const queue_report& report, uint64_t now_s, uint64_t elapsed_s,
+                        uint64_t cpu_ms) {
+    const queue_statistics& counted = report.counted;
+    verbose_msg(0, "now: %14lu", now_s);
+    verbose_msg(0,
+                "stat -     packets/s,       bytes/s,       flows,   queue,    collisions/s,"
+                "         cpu,       invalid");
+    // flows and invalid are counts of the interval, the others are per second.
+    verbose_msg(0, "stat%14lu,%14lu,%14lu,%8u,%14lu,%14lu,%14lu", counted.packets / elapsed_s,
+                counted.bytes / elapsed_s, counted.flows, report.record_count,
+                counted.collisions / elapsed_s, cpu_ms * 100 / (elapsed_s * 1000), counted.invalid);
+}
+
+bool queue_serve_flush_request(flow_queue& queue) {
+    std::atomic_ref flag(queue_force_flush);
+    if (flag.load(std::memory_order_acquire) == 0)
+        return false;
+    uint32_t serving = flush_under_way;
+    do {
+        flag.store(flush_under_way, std::memory_order_relaxed);
+        uint64_t flushed_up_to;
+        {
+            const remover_lock locked(queue);
+            queue_flush(&queue);
+            flushed_up_to = storage_committed(*queue.final_storage);
+        }
+        while (storage_taken(*queue.final_storage) < flushed_up_to)
+            tick(queue);
+        serving = flush_under_way;
+    } while (!flag.compare_exchange_strong(serving, 0, std::memory_order_release));
+    return true;
+}
+
+}  // namespace kestrel
+
+using namespace kestrel;
+
+void queue_flush(flow_queue* queue) {
+    int removed = 0;
+    if (queue->size >= 1) {
+        verbose_msg(-1, "Flushing queue");
+        for (uint32_t slot = 0; slot < queue->size; ++slot) {
+            if (!occupied(queue->keys[slot]))
+                continue;
+            queue_remove_record(queue, slot, REMOVAL_FORCED);
+            ++removed;
+        }
+    }
+    verbose_msg(-1, "Queue flushed. %i records out.", removed);
+}
+
+void* queue_remover(void* argument) {
+    auto& queue = *static_cast<flow_queue*>(argument);
+    (void)pthread_setname_np(pthread_self(), "remover");  // a name for top -H, no more
+    verbose_msg(0, "timeouts: %lu %lu", queue.active_timeout, queue.inactive_timeout);
+    const uint64_t now_s = timer_get_sec();
+    statistics_clock clock{now_s, now_s + statistics_interval_s, 0};
+    for (;;)
+        remover_pass(queue, clock);
+}

@@ -1,0 +1,41 @@
+// Ageing of the flow cache: flows leave when nothing more is heard of them, when the program
+// flushes them, and the operator gets a line of statistics.
+//
+// The rules are functions of (queue, now) that take no lock, read no clock and never sleep; the
+// remover thread (queue_remover in kestrelexp/flow.h) calls them with the lock held and the clock
+// read. Most of the idle scan is done by the packet path, one slot a packet; the rules here restart
+// it and finish it when packets have stopped.
+#pragma once
+
+#include <cstdint>
+
+#include "flow/queue.h"
+
+namespace kestrel {
+
+// Starts the idle scan anew. Where the packet path has not completed the last one, the third time
+// in a row finishes it here; the first two make the path finish it with its next packet.
+void queue_restart_scan(flow_queue& queue, uint64_t now);
+
+// What one line of statistics tells; taking it sets the counters to 0.
+struct queue_report {
+    queue_statistics counted;
+    uint32_t record_count;  // flows in the queue
+};
+queue_report queue_take_report(flow_queue& queue);
+
+// Prints the report of elapsed_s seconds at level 0. cpu_ms: processor time of the process in them.
+void queue_print_report(const queue_report& report, uint64_t now_s, uint64_t elapsed_s,
+                        uint64_t cpu_ms);
+
+// queue_force_flush is this while the flush is on; who asks for another one meanwhile writes 1.
+inline constexpr uint32_t flush_requested = 1;
+inline constexpr uint32_t flush_under_way = 2;
+
+// Serves queue_force_flush when it is set: flushes the queue, waits without the lock until every
+// record that is then in the final storage has been taken, and clears the flag, unless a new
+// request came in meanwhile, which is then served too. The wait counts records, so producers that
+// go on producing do not prolong it. Returns whether there was a request.
+bool queue_serve_flush_request(flow_queue& queue);
+
+}  // namespace kestrel

@@ -1,0 +1,29 @@
+// A busy-waiting lock for two threads that hold it for well under a microsecond, as a rule. The
+// exceptions (a removal that waits for room in the final storage, a flush) can be long, so a waiter
+// that had no luck for a while yields its processor, and sleeps in the end.
+#pragma once
+
+#include <pthread.h>
+
+namespace kestrel {
+
+class spinlock {
+  public:
+    spinlock() { pthread_spin_init(&lock_, PTHREAD_PROCESS_PRIVATE); }
+    ~spinlock() { pthread_spin_destroy(&lock_); }
+    spinlock(const spinlock&) = delete;
+    spinlock& operator=(const spinlock&) = delete;
+
+    void lock() {
+        if (pthread_spin_trylock(&lock_) != 0) [[unlikely]]
+            wait();
+    }
+    void unlock() { pthread_spin_unlock(&lock_); }
+
+  private:
+    void wait();
+
+    pthread_spinlock_t lock_;
+};
+
+}  // namespace kestrel
