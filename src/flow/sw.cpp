@@ -1,0 +1,208 @@
+// The loops between input, parser, ring and queue.
+//
+// Cost per packet, beside parsing and updating: one prepared record, one put and one get of the
+// ring; the queue's lock once for up to packets_per_lock packets that the ring has announced. Hence
+// the shape of the switch loop: it looks ahead into the ring and fetches first the bucket, then the
+// slot that a packet to come will touch, so that their cache misses overlap with work.
+
+#include "flow/sw.h"
+
+#include <pthread.h>
+
+#include "core/utils/log.h"
+#include "core/utils/memory.h"
+#include "core/utils/thread.h"
+#include "core/utils/wire.h"
+#include "flow/layout.h"
+#include "flow/parser.h"
+#include "flow/queue_update.h"
+
+namespace kestrel {
+namespace {
+
+constexpr int exchange_timeout_ms = 10;
+constexpr uint32_t exchange_slots_divisor = 8;  // of the queue's slots
+// A waiter for the lock waits for a few microseconds at most, and the lock costs next to nothing.
+constexpr unsigned packets_per_lock = 32;
+constexpr uint64_t bucket_distance = 16;  // packets ahead
+constexpr uint64_t slot_distance = 8;
+
+// A name for top -H, no more, so a failure does not matter.
+void name_thread(const char* name) {
+    (void)pthread_setname_np(pthread_self(), name);
+}
+
+// The key follows the record in an exchange slot.
+flow_key exchange_key(const flow_queue& queue, const void* slot) {
+    return load_native<flow_key>(static_cast<const uint8_t*>(slot) + queue.record_size);
+}
+
+void look_ahead(const flow_queue& queue, const temporal_storage& exchange) {
+    if (const void* slot = storage_peek(exchange, bucket_distance))
+        queue_prefetch_bucket(queue, exchange_key(queue, slot));
+    if (const void* slot = storage_peek(exchange, slot_distance))
+        queue_prefetch_slot(queue, exchange_key(queue, slot));
+}
+
+// Updates the queue with the slot in hand and those that are there behind it.
+void update_announced(flow_queue& queue, temporal_storage& exchange, void* slot) {
+    queue.lock.lock();
+    for (unsigned left = packets_per_lock;;) {
+        look_ahead(queue, exchange);
+        queue_update_locked(queue, *static_cast<flow_record*>(slot), exchange_key(queue, slot));
+        if (--left == 0 || exchange.consumer.available == 0)
+            break;
+        slot = storage_get(exchange, 0);
+    }
+    queue_unlock(queue);
+}
+
+// Reading and updating on two threads.
+[[noreturn]] void split_loop(flow_switch& sw) {
+    flow_queue& queue = *sw.queue;
+    sw.exchange = temporal_storage_init(queue.size / exchange_slots_divisor,
+                                        static_cast<uint32_t>(queue.record_size + sizeof(flow_key)),
+                                        queue.directory, "parser-xchange");
+    if (!start_thread(sw_get_flow_thread, &sw))
+        die(exit_config, "Unable to create SW thread");
+    for (;;)
+        if (void* slot = storage_get(*sw.exchange, exchange_timeout_ms))
+            update_announced(queue, *sw.exchange, slot);
+}
+
+// Reading and updating on one thread, so that process plugins see the frame behind the record.
+[[noreturn]] void direct_loop(flow_switch& sw) {
+    auto& record = *static_cast<flow_record*>(malloc_wrapper(sw.queue->record_size, 1));
+    for (;;) {
+        prepare_record(record);
+        const flow_key key = sw.reader(sw.context, &record);
+        if (!occupied(key))
+            continue;
+        uint32_t captured_length = 0;
+        uint32_t header_length = 0;
+        const uint8_t* frame = sw.get_flow_packet(sw.context, &captured_length, &header_length);
+        parser_keep_position(frame, captured_length, header_length);
+        queue_update(sw.queue, &record, key);
+    }
+}
+
+// Fills the exchange ring. The reader is called directly where it is the program's own, so that it
+// can be inlined.
+template <typename Reader>
+[[noreturn]] void fill_exchange(flow_switch& sw, Reader reader) {
+    const uint64_t key_offset = sw.queue->record_size;
+    void* slot = storage_reserve(*sw.exchange);
+    for (;;) {
+        auto& record = *static_cast<flow_record*>(slot);
+        prepare_record(record);
+        const flow_key key = reader(sw.context, &record);
+        if (!occupied(key))
+            continue;
+        store_native(static_cast<uint8_t*>(slot) + key_offset, key);
+        storage_commit(*sw.exchange);
+        slot = storage_reserve(*sw.exchange);
+    }
+}
+
+// How a record comes out of an input plugin. First match wins.
+enum class input_mode { packets = 3, flows = 4, final_flows, none };
+
+input_mode mode_of(const input_plugin& input) {
+    if (input.get_packet)
+        return input_mode::packets;
+    if (input.get_flow)
+        return input_mode::flows;
+    return input.get_final_flow ? input_mode::final_flows : input_mode::none;
+}
+
+void refuse_impossible(input_mode mode, bool needs_packets, const input_plugin& input) {
+    if (mode == input_mode::none)
+        die(exit_config, "Invalid input plugin");
+    if (!needs_packets)
+        return;
+    if (mode == input_mode::flows && !input.get_flow_packet)
+        die(exit_config,
+            "Process plugin needs packets, but selected input mode is not able to provide it!");
+    if (mode == input_mode::final_flows)
+        die(exit_config,
+            "Process plugin needs packets, but selected input mode using final flows!");
+}
+
+bool init_input(input_mode mode, bool needs_packets, input_plugin& input) {
+    if (mode == input_mode::final_flows)
+        verbose_msg(3, "trying to init final flow plugin");
+    else
+        verbose_msg(3, "trying to init plugin: %i", static_cast<int>(mode));
+    input.instance = input.init(input.params, needs_packets, input.data_offset);
+    if (!input.instance) {
+        verbose_msg(-1, "Unable to init plugin");
+        return false;
+    }
+    verbose_msg(0, "Plugin OK");
+    return true;
+}
+
+}  // namespace
+}  // namespace kestrel
+
+using namespace kestrel;
+
+packet_reader* plugin_flow_reader_init(const input_plugin* input) {
+    return make_lifelong<packet_reader>(input->sampling(input->instance), input->instance,
+                                        input->get_packet);
+}
+
+flow_switch* sw_init(flow_queue* queue, uint32_t flow_mask, int needs_packets,
+                     input_plugin* input) {
+    parser_set_flow_mask(flow_mask);
+    const input_mode mode = mode_of(*input);
+    refuse_impossible(mode, needs_packets != 0, *input);
+    if (!init_input(mode, needs_packets != 0, *input))
+        return nullptr;
+    auto* sw = make_lifelong<flow_switch>();
+    sw->queue = queue;
+    sw->context = input->instance;
+    if (mode == input_mode::packets) {
+        sw->reader = packet_to_flow_reader;
+        sw->context = plugin_flow_reader_init(input);
+    } else if (mode == input_mode::flows) {
+        sw->reader = input->get_flow;
+        sw->get_flow_packet = input->get_flow_packet;
+    } else {
+        sw->reader = input->get_final_flow;
+    }
+    return sw;
+}
+
+void* sw_main_loop(void* argument) {
+    auto& sw = *static_cast<flow_switch*>(argument);
+    name_thread("switch");
+    if (sw.queue->plugin_count != 0 && sw.get_flow_packet)
+        direct_loop(sw);
+    split_loop(sw);
+}
+
+void* sw_get_flow_thread(void* argument) {
+    auto& sw = *static_cast<flow_switch*>(argument);
+    name_thread("reader");
+    if (sw.reader == packet_to_flow_reader)
+        fill_exchange(sw, [](void* context, flow_record* record) {
+            return packet_to_flow_reader(context, record);
+        });
+    fill_exchange(sw, sw.reader);
+}
+
+void* plugin_final_flow_loop(void* argument) {
+    auto& sw = *static_cast<flow_switch*>(argument);
+    name_thread("final flows");
+    temporal_storage& storage = *sw.queue->final_storage;
+    void* slot = storage_reserve(storage);
+    for (;;) {
+        auto& record = *static_cast<flow_record*>(slot);
+        prepare_record(record);
+        if (sw.reader(sw.context, &record) != 0)
+            continue;
+        storage_commit(storage);
+        slot = storage_reserve(storage);
+    }
+}

@@ -1,0 +1,20 @@
+// The switch: connects the input plugin to the flow cache. Its functions are in kestrelexp/flow.h;
+// here is the object that they share.
+//
+// Threads: with packet inputs (and whenever reading and updating can be split) a reader thread
+// calls the input, parses, and fills "parser-xchange", and the switch thread empties it into the
+// queue. With process plugins that need the packet behind each record, the switch thread does both.
+// Inputs of finished flows bypass the queue: one thread fills "final-records".
+#pragma once
+
+#include "flow/queue.h"
+#include "flow/temporal_storage.h"
+#include "kestrelexp/flow.h"
+
+struct flow_switch {
+    input_flow_function* reader;                  // fills a record and returns its key
+    input_flow_packet_function* get_flow_packet;  // may be null
+    void* context;                                // first argument of both
+    temporal_storage* exchange;                   // made by the split form of sw_main_loop
+    flow_queue* queue;
+};

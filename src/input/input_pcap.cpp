@@ -1,0 +1,137 @@
+// The "pcap" input: Ethernet frames from one network device through libpcap, one by one, with
+// deterministic 1-in-N sampling. Runs on the reader thread after start-up; never parses a frame.
+
+#include <pcap/pcap.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "core/utils/clock.h"
+#include "core/utils/log.h"
+#include "kestrelexp/builtin.h"
+
+namespace kestrel {
+namespace {
+
+constexpr plugin_description description{
+    "pcap",
+    "Pcap packet input driver, get packet from pcap and pass it directly to exporter.\n"
+    "This driver may be used with process plugins.\n"
+    "Parameters (delimited by ',':\n"
+    " device=devname (mandatory)\n"
+    " sampling=value",
+    0, 0};
+
+constexpr int snap_length_headers = 96;     // enough for every header that the parser reads
+constexpr int snap_length_packets = 10000;  // when process plugins look at whole frames
+constexpr int promiscuous = 1;
+constexpr int timeout_ms = 10;
+constexpr uint32_t sampling_believable = 1000;
+constexpr useconds_t pause_after_error_us = 10'000;
+
+struct pcap_input {
+    pcap_t* handle;
+    char* device;
+    int selectable_descriptor;
+    uint32_t sampling;          // deliver every N-th frame, 0 = all
+    uint32_t sampling_counter;  // frames up to the next one delivered, from 1
+    bool failing;               // the last attempt to read met an error, which has been reported
+};
+
+void read_parameters(char* params, pcap_input& input) {
+    int32_t sampling = 0;
+    const config_setting settings[] = {
+        {"device", static_cast<void*>(&input.device), CONFIG_STRING},
+        {"sampling", &sampling, CONFIG_INTEGER},
+        {nullptr, nullptr, 0},
+    };
+    if (config_set_values(params, settings) != 0)
+        die(exit_config, "Parameters decoding problem");
+    if (!input.device)
+        die(exit_config, "Device parameter is mandatory for pcap input.");
+    input.sampling = static_cast<uint32_t>(sampling);
+    if (input.sampling > sampling_believable)
+        verbose_msg(-1, "Sampling set to unbelievable value: %i", sampling);
+}
+
+// libpcap's own words about a device that cannot be opened are not shown; the switch reports that
+// the plugin failed.
+bool open_device(pcap_input& input, int snap_length) {
+    char error[PCAP_ERRBUF_SIZE] = "";
+    input.handle = pcap_open_live(input.device, snap_length, promiscuous, timeout_ms, error);
+    if (!input.handle)
+        return false;
+    if (pcap_datalink(input.handle) != DLT_EN10MB) {
+        verbose_msg(-1, "Device %s does not deliver Ethernet frames", input.device);
+        pcap_close(input.handle);
+        return false;
+    }
+    return true;
+}
+
+// pcap_next tells neither a time-out from an error nor one error from the next. An error (the
+// device went down or away) is reported once, and the reader does not spin on it.
+void note_error(pcap_input& input) {
+    char* error = pcap_geterr(input.handle);
+    if (*error == '\0')
+        return;
+    if (!input.failing)
+        verbose_msg(-1, "Device %s: %s", input.device, error);
+    input.failing = true;
+    *error = '\0';
+    usleep(pause_after_error_us);
+}
+
+bool is_sampled(pcap_input& input) {
+    if (input.sampling == 0)
+        return true;
+    if (input.sampling_counter++ != input.sampling)
+        return false;
+    input.sampling_counter = 1;
+    return true;
+}
+
+}  // namespace
+}  // namespace kestrel
+
+using namespace kestrel;
+
+const plugin_description* input_pcap_desc(void) {
+    return &description;
+}
+
+void* input_pcap_init(char* params, int needs_packets, uint16_t) {
+    auto* input = static_cast<pcap_input*>(malloc_wrapper(sizeof(pcap_input), 1));
+    read_parameters(params, *input);
+    if (!open_device(*input, needs_packets ? snap_length_packets : snap_length_headers)) {
+        free(input);
+        return nullptr;
+    }
+    input->sampling_counter = 1;
+    input->selectable_descriptor = pcap_get_selectable_fd(input->handle);
+    return input;
+}
+
+uint32_t input_pcap_sampling(void* instance) {
+    return static_cast<pcap_input*>(instance)->sampling;
+}
+
+const uint8_t* input_pcap_packet(void* instance, packet_header* header) {
+    auto& input = *static_cast<pcap_input*>(instance);
+    pcap_pkthdr captured;
+    const uint8_t* frame = pcap_next(input.handle, &captured);
+    if (!frame) [[unlikely]] {
+        note_error(input);
+        return nullptr;
+    }
+    input.failing = false;
+    if (!is_sampled(input))
+        return nullptr;
+    header->timestamp = static_cast<uint64_t>(captured.ts.tv_sec) * ns_per_second +
+                        static_cast<uint64_t>(captured.ts.tv_usec) * ns_per_us;
+    header->captured_length = captured.caplen;
+    header->wire_length = captured.len;
+    header->input_interface = 0;
+    header->output_interface = 0;
+    return frame;
+}
