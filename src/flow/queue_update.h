@@ -121,14 +121,15 @@ inline void queue_update_locked(flow_queue& queue, flow_record& packet, flow_key
     queue_start_flow(queue, slot, packet, key);
 }
 
-// Fetches the keys that a packet to come will be compared with.
-inline void queue_prefetch_bucket(const flow_queue& queue, flow_key key) {
+// Fetches the keys that a packet to come will be compared with. (Always inlined, as is the next
+// one: to gcc a function that does nothing but prefetch has no effect, and it drops the call.)
+[[gnu::always_inline]] inline void queue_prefetch_bucket(const flow_queue& queue, flow_key key) {
     __builtin_prefetch(queue.keys + bucket_start(queue, key));
 }
 
 // Fetches what the packet will change, once its bucket is in the cache: the fast record of its
 // flow, or the place of a new one. A guess: packets in between may change the bucket.
-inline void queue_prefetch_slot(const flow_queue& queue, flow_key key) {
+[[gnu::always_inline]] inline void queue_prefetch_slot(const flow_queue& queue, flow_key key) {
     const uint32_t start = bucket_start(queue, key);
     const flow_key* bucket = queue.keys + start;
     uint32_t slot = start;

@@ -24,8 +24,8 @@ constexpr int exchange_timeout_ms = 10;
 constexpr uint32_t exchange_slots_divisor = 8;  // of the queue's slots
 // A waiter for the lock waits for a few microseconds at most, and the lock costs next to nothing.
 constexpr unsigned packets_per_lock = 32;
-constexpr uint64_t bucket_distance = 16;  // packets ahead
-constexpr uint64_t slot_distance = 8;
+constexpr uint64_t bucket_distance = 32;  // packets ahead
+constexpr uint64_t slot_distance = 12;
 
 // A name for top -H, no more, so a failure does not matter.
 void name_thread(const char* name) {
@@ -37,7 +37,8 @@ flow_key exchange_key(const flow_queue& queue, const void* slot) {
     return load_native<flow_key>(static_cast<const uint8_t*>(slot) + queue.record_size);
 }
 
-void look_ahead(const flow_queue& queue, const temporal_storage& exchange) {
+[[gnu::always_inline]] inline void look_ahead(const flow_queue& queue,
+                                              const temporal_storage& exchange) {
     if (const void* slot = storage_peek(exchange, bucket_distance))
         queue_prefetch_bucket(queue, exchange_key(queue, slot));
     if (const void* slot = storage_peek(exchange, slot_distance))
