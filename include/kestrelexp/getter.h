@@ -27,9 +27,9 @@ typedef int getter_valid_function(void* context, const struct flow_record* recor
 typedef uint32_t getter_length_function(void);
 
 /* Writes the field to destination, widened with zeros or truncated to length bytes, in network
- * order when network_order is non-zero; fields whose own length is not 1, 2, 4, 8 or 16 are copied
- * whole, so destination must hold at least that many bytes (see record_universal_get). self is the
- * table entry that is being read; the base getters ignore it. */
+ * order when network_order is non-zero. A length other than 1, 2, 4, 8 and 16 takes no part of a
+ * field: destination must then hold the whole of it (see record_universal_get). self is the table
+ * entry that is being read; the base getters ignore it. */
 typedef void getter_get_function(void* context, const struct flow_record* record, void* destination,
                                  uint32_t length, uint32_t network_order,
                                  const struct getter* self);
@@ -76,10 +76,11 @@ KX_API void getter_copy_list(struct getter** destination, const struct getter* s
 KX_API void getter_copy_to(struct getter** destination, const struct getter* entry);
 
 /* Copies one value of source_length bytes at source + source_offset into destination_length bytes.
- * Wider destinations are filled with zeros (in front in network order, behind in host order),
- * narrower ones keep the low-order bytes. Lengths 2, 4, 8 and 16 are byte-swapped in network order.
- * Any other length (3 and 6 above all) is copied whole and unswapped even when the destination is
- * shorter: the caller provides the room. */
+ * Wider destinations are filled with zeros (in front in network order, behind in host order); the
+ * value then has its own length, else the destination's. A value of 1, 2, 4, 8 or 16 bytes is a
+ * number: its low-order bytes are written, swapped in network order. A value of any other length (3
+ * and 6 above all) is copied unswapped, and with all its source_length bytes even when the
+ * destination is shorter: the caller provides the room. */
 KX_API void record_universal_get(void* destination, const void* source, int32_t source_offset,
                                  int32_t source_length, int32_t destination_length,
                                  uint32_t network_order);
