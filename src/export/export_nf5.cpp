@@ -1,0 +1,277 @@
+// The "netflow-v5" exporter: IPv4 flows as NetFlow version 5 packets of at most 30 records over
+// UDP. Fields come straight from the flow record; only the AS numbers come through getters. Record
+// loop thread only. It never reconnects and never resends: a packet that cannot be sent is lost,
+// and the sequence number tells the collector so.
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cstddef>
+
+#include "core/utils/clock.h"
+#include "core/utils/log.h"
+#include "core/utils/memory.h"
+#include "core/utils/wire.h"
+#include "kestrelexp/builtin.h"
+#include "kestrelexp/getter.h"
+#include "kestrelexp/record.h"
+
+namespace kestrel {
+namespace {
+
+constexpr plugin_description description = {
+    "netflow-v5",
+    "Netflow v5 exporter exports data to network collector using netflow v5 protocol\n"
+    "Note: This export use pure netflow record and don't use getters\n"
+    "Parametres are (delimited by ','):\n"
+    " host=hostname (mandatory)\n"
+    " port=port     (default = 3001)\n"
+    " ip=ip         Protocol to connect with collector(4,6,46 or 64 - default is 46).\n"
+    " source_id=id  Exporter identification.",
+    0, 0};
+
+constexpr uint8_t protocol_icmp = 1;
+constexpr uint8_t protocol_tcp = 6;
+constexpr uint8_t protocol_udp = 17;
+constexpr uint8_t protocol_sctp = 132;
+
+constexpr uint32_t not_exported = 0xFFFFFFFF;
+constexpr uint32_t packet_records = 30;
+constexpr uint16_t sampling_mode_1 = 0x4000;
+constexpr uint16_t sampling_rate_limit = 0x3FFF;  // bits left beside the mode
+constexpr uint64_t clock_report_margin_ns = 5 * ns_per_second;
+
+struct nf5_header {
+    uint16_t version_be;
+    uint16_t count_be;
+    uint32_t sys_uptime_be;  // ms
+    uint32_t unix_secs_be;
+    uint32_t unix_nsecs_be;
+    uint32_t flow_sequence_be;  // flows written before this packet
+    uint8_t engine_type;
+    uint8_t engine_id;
+    uint16_t sampling_interval_be;
+};
+static_assert(sizeof(nf5_header) == 24);
+static_assert(offsetof(nf5_header, flow_sequence_be) == 16);
+static_assert(offsetof(nf5_header, sampling_interval_be) == 22);
+
+struct nf5_record {
+    uint32_t srcaddr_be;
+    uint32_t dstaddr_be;
+    uint32_t nexthop_be;
+    uint16_t input_be;
+    uint16_t output_be;
+    uint32_t packets_be;
+    uint32_t octets_be;
+    uint32_t first_be;  // ms since start-up, the same origin as sys_uptime
+    uint32_t last_be;
+    uint16_t srcport_be;
+    uint16_t dstport_be;
+    uint8_t pad1;
+    uint8_t tcp_flags;
+    uint8_t protocol;
+    uint8_t tos;
+    uint16_t src_as_be;
+    uint16_t dst_as_be;
+    uint8_t src_mask;
+    uint8_t dst_mask;
+    uint16_t pad2;
+};
+static_assert(sizeof(nf5_record) == 48);
+static_assert(offsetof(nf5_record, packets_be) == 16);
+static_assert(offsetof(nf5_record, srcport_be) == 32);
+static_assert(offsetof(nf5_record, src_as_be) == 40);
+
+struct nf5_packet {
+    nf5_header header;
+    nf5_record records[packet_records];
+};
+static_assert(sizeof(nf5_packet) == 1464);
+
+// The time that goes into a packet's header: that of the last export call.
+struct header_time {
+    uint32_t uptime_ms;
+    uint32_t secs;
+    uint32_t nsecs;
+};
+
+struct nf5_exporter {
+    // Parameters
+    char* host = nullptr;
+    int32_t port = 3001;
+    int32_t ip = 46;
+    int32_t source_id = 0;
+
+    int socket = -1;
+    getter src_as = {};  // copies: the table may still move
+    getter dst_as = {};
+    uint32_t flows = 0;          // written into packets since the start
+    uint16_t last_sampling = 0;  // of the last flow written
+    uint64_t last_clock_report_ns = 0;
+    uint32_t clock_faults = 0;  // since then
+
+    uint32_t count = 0;  // records in the packet
+    header_time time = {};
+    nf5_packet packet = {};
+};
+
+enum class clock_fault { none, backwards, future_flow };
+
+constexpr getter no_as_number = {
+    0, "ZERO", 8, nullptr, record_valid_ok, record_length_8, record_get_zero};
+
+getter as_getter(getter* table, const char* name) {
+    const getter* found = getter_by_name(table, name);
+    return found ? *found : no_as_number;
+}
+
+uint16_t sampling_interval(uint16_t rate) {
+    if (rate == 0)
+        return 0;
+    return sampling_mode_1 | std::min(rate, sampling_rate_limit);
+}
+
+uint32_t flush(nf5_exporter& self) {
+    if (self.count == 0)
+        return 0;
+    self.packet.header = {
+        .version_be = byte_swap(uint16_t{5}),
+        .count_be = byte_swap(static_cast<uint16_t>(self.count)),
+        .sys_uptime_be = byte_swap(self.time.uptime_ms),
+        .unix_secs_be = byte_swap(self.time.secs),
+        .unix_nsecs_be = byte_swap(self.time.nsecs),
+        .flow_sequence_be = byte_swap(self.flows - self.count),
+        .engine_type = 0,
+        .engine_id = static_cast<uint8_t>(self.source_id),
+        .sampling_interval_be = byte_swap(sampling_interval(self.last_sampling)),
+    };
+    const size_t size = sizeof(nf5_header) + self.count * sizeof(nf5_record);
+    self.count = 0;
+    return static_cast<uint32_t>(send(self.socket, &self.packet, size, 0));
+}
+
+void fill(const nf5_exporter& self, const flow_record& flow, nf5_record& slot) {
+    const uint64_t startup_ns = timer_get_startup_time();
+    const uint8_t protocol = flow.l4protocol;
+    const bool has_ports =
+        protocol == protocol_tcp || protocol == protocol_udp || protocol == protocol_sctp;
+    const uint16_t type_code = protocol == protocol_icmp ? flow.icmptypecode : uint16_t{0};
+    slot = {
+        .srcaddr_be = byte_swap(flow.ipv4.srcipv4),
+        .dstaddr_be = byte_swap(flow.ipv4.dstipv4),
+        .nexthop_be = 0,
+        .input_be = byte_swap(flow.inputsnmp),
+        .output_be = byte_swap(flow.outputsnmp),
+        .packets_be = byte_swap(flow.packets),
+        .octets_be = byte_swap(flow.bytes),
+        .first_be = byte_swap(static_cast<uint32_t>((flow.start - startup_ns) / ns_per_ms)),
+        .last_be = byte_swap(static_cast<uint32_t>((flow.end - startup_ns) / ns_per_ms)),
+        .srcport_be = has_ports ? byte_swap(flow.srcport) : uint16_t{0},
+        .dstport_be = byte_swap(has_ports ? flow.dstport : type_code),
+        .pad1 = 0,
+        .tcp_flags = protocol == protocol_tcp ? flow.tcpflags : uint8_t{0},
+        .protocol = protocol,
+        .tos = flow.ipv4.tos,
+        .src_as_be = 0,
+        .dst_as_be = 0,
+        .src_mask = 0,
+        .dst_mask = 0,
+        .pad2 = 0,
+    };
+    self.src_as.get(self.src_as.context, &flow, &slot.src_as_be, 2, 1, &self.src_as);
+    self.dst_as.get(self.dst_as.context, &flow, &slot.dst_as_be, 2, 1, &self.dst_as);
+}
+
+// A packet under way leaves when the clock went back or when the flow ends in the future: such
+// records never share a header with those before them.
+clock_fault check_clock(nf5_exporter& self, const header_time& now, uint64_t now_ns,
+                        uint64_t flow_end_ns) {
+    clock_fault fault = clock_fault::none;
+    // 32-bit arithmetic that wraps: in practice the uptime alone tells. A wider product would tear
+    // packets apart at every small step of the wall clock.
+    const uint32_t wrapped_ns =
+        self.time.secs * static_cast<uint32_t>(ns_per_second) + self.time.nsecs;
+    if (self.time.uptime_ms > now.uptime_ms || now_ns < wrapped_ns) {
+        flush(self);
+        fault = clock_fault::backwards;
+    }
+    if (flow_end_ns > now_ns) {
+        flush(self);
+        fault = clock_fault::future_flow;
+    }
+    return fault;
+}
+
+void report_clock_fault(nf5_exporter& self, uint64_t now_ns) {
+    ++self.clock_faults;
+    if (now_ns <= self.last_clock_report_ns + clock_report_margin_ns)
+        return;
+    verbose_msg(-1, "Machine time mangled :-( (%i)", static_cast<int>(self.clock_faults));
+    self.last_clock_report_ns = now_ns;
+    self.clock_faults = 0;
+}
+
+uint32_t export_flow(nf5_exporter& self, const flow_record& flow) {
+    if (flow.l3protocol != 4)
+        return not_exported;
+    const uint64_t now_ns = timer_get_nsec();
+    const header_time now = {static_cast<uint32_t>(timer_get_uptime() / ns_per_ms),
+                             static_cast<uint32_t>(now_ns / ns_per_second),
+                             static_cast<uint32_t>(now_ns % ns_per_second)};
+    clock_fault fault = clock_fault::none;
+    if (self.count == packet_records)
+        flush(self);
+    else if (self.count > 0)
+        fault = check_clock(self, now, now_ns, flow.end);
+    self.time = now;
+    if (fault != clock_fault::none)
+        report_clock_fault(self, now_ns);
+
+    fill(self, flow, self.packet.records[self.count]);
+    self.last_sampling = flow.sampling;
+    ++self.count;
+    ++self.flows;
+    if (fault == clock_fault::future_flow)
+        flush(self);
+    return 0;
+}
+
+}  // namespace
+}  // namespace kestrel
+
+using namespace kestrel;
+
+const struct plugin_description* exporter_nf5_desc(void) {
+    return &description;
+}
+
+void* exporter_nf5_init(char* params, struct getter* getters) {
+    auto* self = make_lifelong<nf5_exporter>();
+    const config_setting settings[] = {
+        {"source_id", &self->source_id, CONFIG_INTEGER},
+        {"host", &self->host, CONFIG_STRING},
+        {"port", &self->port, CONFIG_INTEGER},
+        {"ip", &self->ip, CONFIG_INTEGER},
+        {nullptr, nullptr, 0},
+    };
+    if (config_set_values(params, settings) != 0)
+        die(exit_config, "Parameters decoding problem");
+    if (!self->host)
+        die(exit_config, "Hostname parameter is mandatory for netflow v5 export");
+    self->socket = net_connect(self->host, static_cast<uint16_t>(self->port), protocol_udp,
+                               static_cast<uint32_t>(self->ip));
+    if (self->socket <= 0)
+        die(exit_config, "Can't connect to collector");
+    self->src_as = as_getter(getters, "SRC_AS");
+    self->dst_as = as_getter(getters, "DST_AS");
+    verbose_msg(0, "Export v5 OK");
+    return self;
+}
+
+uint32_t exporter_nf5_export(void* instance, struct flow_record* record) {
+    return export_flow(*static_cast<nf5_exporter*>(instance), *record);
+}
+
+uint32_t exporter_nf5_flush(void* instance) {
+    return flush(*static_cast<nf5_exporter*>(instance));
+}
