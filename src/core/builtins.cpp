@@ -1,0 +1,45 @@
+// The plugins that come with the program, as one table. Main thread, while the program starts;
+// never initialises a plugin.
+#include "core/builtins.h"
+
+#include <variant>
+
+#include "core/plugin_registry.h"
+#include "kestrelexp/builtin.h"
+
+namespace kestrel {
+
+namespace {
+
+using builtin = std::variant<input_plugin, export_plugin, filter_plugin>;
+
+constexpr input_plugin packet_input(plugin_desc_function* desc, input_init_function* init,
+                                    input_sampling_function* sampling, packet_function* packet) {
+    input_plugin plugin{};
+    plugin.desc = desc;
+    plugin.init = init;
+    plugin.sampling = sampling;
+    plugin.get_packet = packet;
+    return plugin;
+}
+
+constexpr export_plugin exporter(plugin_desc_function* desc, export_init_function* init,
+                                 export_export_function* export_record,
+                                 export_flush_function* flush) {
+    return {desc, init, export_record, flush, nullptr, nullptr};
+}
+
+constexpr builtin builtins[] = {
+    packet_input(input_pcap_desc, input_pcap_init, input_pcap_sampling, input_pcap_packet),
+    exporter(exporter_null_desc, exporter_null_init, exporter_null_export, exporter_null_flush),
+    exporter(exporter_nf5_desc, exporter_nf5_init, exporter_nf5_export, exporter_nf5_flush),
+};
+
+}  // namespace
+
+void register_builtins(plugin_registry& registry) {
+    for (const builtin& row : builtins)
+        std::visit([&registry](const auto& plugin) { register_plugin(registry, plugin); }, row);
+}
+
+}  // namespace kestrel

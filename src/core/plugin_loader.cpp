@@ -1,0 +1,162 @@
+// Opens plugin shared objects: one table per kind says which symbols are looked up, where they go,
+// and what is said when one is missing. Main thread, while the program starts. Never closes an
+// object and never initialises a plugin.
+#include "core/plugin_loader.h"
+
+#include <dirent.h>
+#include <dlfcn.h>
+
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <span>
+#include <string>
+#include <type_traits>
+
+#include "core/plugin_registry.h"
+#include "core/utils/log.h"
+
+namespace kestrel {
+
+namespace {
+
+// One step of taking a plugin out of an object; the steps of a kind run in table order, and the
+// first fault ends the program.
+struct load_step {
+    const char* symbol;  // null: no look-up but the rule that the plugin has no data_size
+    size_t slot;         // look-up: the operation's place in the plugin record;
+                         // rule: it holds only when the operation in this place is present
+    const char* fault;   // look-up: what follows the object's path, null = optional; rule: message
+};
+
+constexpr const char* no_description = ", plugin description not found";
+
+template <typename Plugin>
+constexpr std::span<const load_step> load_steps;
+
+constexpr load_step input_steps[] = {
+    {"plugin_input_desc", offsetof(input_plugin, desc), no_description},
+    {"plugin_input_init", offsetof(input_plugin, init), " no input init found."},
+    {"plugin_input_getter_init", offsetof(input_plugin, getter_init), nullptr},
+    {"plugin_input_sampling", offsetof(input_plugin, sampling), nullptr},
+    {"plugin_input_get_packet", offsetof(input_plugin, get_packet), nullptr},
+    {"plugin_input_get_flow", offsetof(input_plugin, get_flow), nullptr},
+    {"plugin_input_get_flow_packet", offsetof(input_plugin, get_flow_packet), nullptr},
+    {"plugin_input_get_final_flow", offsetof(input_plugin, get_final_flow), nullptr},
+    {nullptr, offsetof(input_plugin, get_packet),
+     "Packet input plugins are not allowed to have data space in flow record"},
+};
+template <>
+constexpr std::span<const load_step> load_steps<input_plugin>{input_steps};
+
+constexpr load_step export_steps[] = {
+    {"plugin_export_desc", offsetof(export_plugin, desc), no_description},
+    {nullptr, offsetof(export_plugin, desc),
+     "Export plugins are not allowed to have data space in flow record."},
+    {"plugin_export_init", offsetof(export_plugin, init), ", no export init found."},
+    {"plugin_export_export", offsetof(export_plugin, export_record), ", no export function found."},
+    {"plugin_export_flush", offsetof(export_plugin, flush), ", no flush function found."},
+};
+template <>
+constexpr std::span<const load_step> load_steps<export_plugin>{export_steps};
+
+constexpr load_step filter_steps[] = {
+    {"plugin_filter_desc", offsetof(filter_plugin, desc), no_description},
+    {nullptr, offsetof(filter_plugin, desc),
+     "Filter plugins are not allowed to have data space in flow record."},
+    {"plugin_filter_init", offsetof(filter_plugin, init), ", no filter init found."},
+    {"plugin_filter_filter", offsetof(filter_plugin, filter), ", no filter function found."},
+};
+template <>
+constexpr std::span<const load_step> load_steps<filter_plugin>{filter_steps};
+
+// A missing create is reported as a missing init function: people grep for the text, so it stays.
+constexpr load_step process_steps[] = {
+    {"plugin_process_desc", offsetof(process_plugin, desc), no_description},
+    {"plugin_process_init", offsetof(process_plugin, init), ", no process init found."},
+    {"plugin_process_create", offsetof(process_plugin, create), ", no init function found."},
+    {"plugin_process_update", offsetof(process_plugin, update), ", no update function found."},
+    {"plugin_process_release", offsetof(process_plugin, release), ", no release function found."},
+    {"plugin_process_getter_init", offsetof(process_plugin, getter_init), nullptr},
+};
+template <>
+constexpr std::span<const load_step> load_steps<process_plugin>{process_steps};
+
+template <typename Plugin>
+void load_kind(void* object, const char* path, plugin_registry& registry) {
+    static_assert(std::is_trivially_copyable_v<Plugin>, "operations are stored by offset");
+    Plugin plugin{};
+    char* const slots = reinterpret_cast<char*>(&plugin);
+
+    for (const load_step& step : load_steps<Plugin>) {
+        if (step.symbol != nullptr) {
+            void* const operation = dlsym(object, step.symbol);
+            if (operation == nullptr && step.fault != nullptr)
+                die(exit_config, "Plugin: %s%s", path, step.fault);
+            std::memcpy(slots + step.slot, &operation, sizeof operation);
+        } else {
+            void* operation;
+            std::memcpy(&operation, slots + step.slot, sizeof operation);
+            if (operation != nullptr && plugin.desc()->data_size != 0)
+                die(exit_config, "%s", step.fault);
+        }
+    }
+    register_plugin(registry, plugin);
+}
+
+struct kind_row {
+    int32_t bit;  // in plugin_type
+    void (*load)(void* object, const char* path, plugin_registry& registry);
+};
+
+// Filters go before process plugins, so that an object of several kinds always reports the same
+// fault first.
+constexpr kind_row kind_rows[] = {
+    {PLUGIN_KIND_INPUT, load_kind<input_plugin>},
+    {PLUGIN_KIND_EXPORT, load_kind<export_plugin>},
+    {PLUGIN_KIND_FILTER, load_kind<filter_plugin>},
+    {PLUGIN_KIND_PROCESS, load_kind<process_plugin>},
+};
+
+int is_visible(const dirent* entry) {
+    return entry->d_name[0] != '.';
+}
+
+}  // namespace
+
+void load_plugin_directory(const char* prefix, const char* directory, plugin_registry& registry) {
+    const std::string path = std::string(prefix) + directory;
+    const int count = scandir(path.c_str(), &registry.directory_list, is_visible, alphasort);
+    if (count < 0)
+        return;
+    for (int i = 0; i < count; ++i) {
+        // The directory brings its own slash; the doubled one shows in messages.
+        const std::string file =
+            std::string(prefix) + "/" + directory + "/" + registry.directory_list[i]->d_name;
+        add_plugin(file.c_str(), &registry);
+        std::free(registry.directory_list[i]);
+    }
+    std::free(registry.directory_list);
+    registry.directory_list = nullptr;
+}
+
+}  // namespace kestrel
+
+void add_plugin(const char* path, plugin_registry* registry) {
+    void* const object = dlopen(path, RTLD_NOW);
+    if (object == nullptr) {
+        verbose_msg(-1, "Unable to open plugin: %s", path);
+        return;
+    }
+    verbose_msg(2, "Plugin: %s opened", path);
+
+    const void* const type_symbol = dlsym(object, "plugin_type");
+    if (type_symbol == nullptr)
+        kestrel::die(kestrel::exit_config, "Plugin: %s, plugin type not found", path);
+    const int32_t type = *static_cast<const int32_t*>(type_symbol);
+    verbose_msg(3, "plugin type found. type: %i", type);
+
+    for (const kestrel::kind_row& row : kestrel::kind_rows)
+        if ((type & row.bit) != 0)
+            row.load(object, path, *registry);
+}
