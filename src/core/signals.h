@@ -1,0 +1,20 @@
+// What the signal handler tells the rest of the program. The handler itself (signal_handler in
+// kestrelexp/program.h) runs on the main thread only: every other thread has its signals blocked.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+namespace kestrel {
+
+// Set by the first SIGINT or SIGQUIT, read by the record loop on the same thread. Relaxed accesses
+// suffice: no data hangs on it.
+extern std::atomic<int32_t> exit_requested;
+
+// When the next SIGALRM is due, seconds since the epoch; 0 until the first one. Handler only.
+extern std::atomic<uint64_t> next_alarm_time;
+
+static_assert(std::atomic<int32_t>::is_always_lock_free && sizeof exit_requested == 4);
+static_assert(std::atomic<uint64_t>::is_always_lock_free);
+
+}  // namespace kestrel
