@@ -1,6 +1,8 @@
 // The record loop: takes finished flows from the storage, runs the global filters, and for each
 // export in command-line order its filters, its sampling and the export itself. Main thread only;
 // allocates nothing. Filters and exports are called from here and from nowhere else.
+#include "core/record_loop.h"
+
 #include <atomic>
 #include <cstdlib>
 #include <span>
@@ -18,7 +20,6 @@ namespace kestrel {
 namespace {
 
 constexpr int get_timeout_ms = 50;
-constexpr uint64_t idle_check_period_s = 5;
 
 // The first non-zero answer of a filter, or 0 when all keep the record.
 inline int32_t run_filters(std::span<const filter_plugin> filters, flow_record* record) {
@@ -71,25 +72,6 @@ void flush_exports(std::span<const export_entry> exports) {
         entry.plugin.flush(entry.instance);
 }
 
-// Flushes the exports when a whole period has passed without an export, and every period after
-// that.
-struct idle_watch {
-    uint64_t next_tick_s = timer_get_sec() + idle_check_period_s;
-    bool is_idle = false;
-
-    void check(std::span<const export_entry> exports) {
-        const uint64_t now_s = timer_get_sec();
-        if (now_s <= next_tick_s)
-            return;
-        next_tick_s = now_s + idle_check_period_s;
-        if (is_idle) {
-            verbose_msg(3, "Timeout occured, flushing flows");
-            flush_exports(exports);
-        }
-        is_idle = true;
-    }
-};
-
 // The remover clears the flush flag with release once every flushed flow has been taken from the
 // storage, so its acquisition here sees that all of them were.
 bool is_stop_due() {
@@ -106,7 +88,7 @@ int main_record_loop(temporal_storage* storage, unsigned, run_configuration* con
     const std::span<const filter_plugin> global_filters = configuration->global_filters;
     const std::span<const export_entry> exports = configuration->exports;
     uint64_t record_counter = 0;  // records that passed the global filters
-    idle_watch idle;
+    idle_watch idle(timer_get_sec());
 
     do {
         auto* const record =
@@ -117,10 +99,11 @@ int main_record_loop(temporal_storage* storage, unsigned, run_configuration* con
                 return rejection;
             for (const export_entry& entry : exports)
                 if (dispatch(entry, record, record_counter))
-                    idle.is_idle = false;
+                    idle.note_export();
             ++record_counter;
-        } else {
-            idle.check(exports);
+        } else if (idle.is_flush_due(timer_get_sec())) {
+            verbose_msg(3, "Timeout occured, flushing flows");
+            flush_exports(exports);
         }
     } while (!is_stop_due());
 
