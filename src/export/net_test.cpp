@@ -276,18 +276,24 @@ TEST_F(NetSend, PartialSendsAreCompleted) {
     int64_t result = 0;
     std::thread sending([&] {
         result = net_send(connection_, message.data(), static_cast<uint32_t>(message.size()), 0);
+        shutdown(connection_, SHUT_WR);
     });
+    const auto interrupt = [&] {
+        pause_ms(1);
+        pthread_kill(sending.native_handle(), SIGUSR1);
+    };
+    for (int i = 0; i < 20; ++i)
+        interrupt();  // the first finds a part sent, those behind it find nothing
     std::vector<uint8_t> received(message.size());
-    size_t got = 0;
-    for (int step = 0; got < received.size(); ++step) {
-        if (step < 50) {
-            pause_ms(1);
-            pthread_kill(sending.native_handle(), SIGUSR1);
-        }
-        const size_t wanted = step < 50 ? size_t{100'000} : received.size();
+    for (size_t got = 0; got < received.size();) {
+        const bool slow = got < 4'000'000;
+        if (slow)
+            interrupt();
+        const size_t wanted = slow ? size_t{100'000} : received.size();
         const ssize_t part =
             recv(peer_, received.data() + got, std::min(wanted, received.size() - got), 0);
-        ASSERT_GT(part, 0);
+        if (part <= 0)
+            break;  // the sender gave up
         got += static_cast<size_t>(part);
     }
     sending.join();
