@@ -25,7 +25,7 @@ void append(getter** table, const getter* entries, size_t count) {
     const size_t before = entry_count(*table);
     const size_t size = (before + count + 1) * sizeof(getter);
     getter* grown = static_cast<getter*>(malloc_wrapper(size, 0));
-    if (before > 0)
+    if (*table)
         std::memcpy(grown, *table, before * sizeof(getter));
     if (count > 0)
         std::memcpy(grown + before, entries, count * sizeof(getter));

@@ -124,9 +124,11 @@ VALID(mpls9, has_mpls(record, 9))
     GET(name##_msec, put_time(to, time_ns, ns_per_ms))          \
     GET(name##_usec, put_time(to, time_ns, ns_per_us))          \
     GET(name##_nsec, put_time(to, time_ns, 1))
-#define GET_VLAN(n) GET(vlan##n, put_from_block(to, record, kestrel_vlan_offset, n * 2, 2))
+#define GET_VLAN(n) \
+    GET(vlan##n, put_from_block(to, record, kestrel_vlan_offset, n * sizeof(uint16_t), 2))
 // A label and its traffic class and bottom bit are the low three bytes of their slot.
-#define GET_MPLS(n) GET(mpls##n, put_from_block(to, record, kestrel_mpls_offset, n * 4, 3))
+#define GET_MPLS(n) \
+    GET(mpls##n, put_from_block(to, record, kestrel_mpls_offset, n * sizeof(uint32_t), 3))
 
 GET(zero, std::memset(destination, 0, length))
 GET_TIMES(startup_time, timer_get_startup_time(), timer_get_startup_time())
