@@ -1,0 +1,69 @@
+/* An input of finished flows. Flow i of count (-I final:count=N), from 0:
+ *   start (i + 1) s, end 0.5 s later, packets i + 1, bytes 100 * (i + 1), UDP,
+ *   10.0.0.0 + i, port 1000 + i -> 192.0.2.1, port 53. */
+#define _POSIX_C_SOURCE 200809L
+#include <time.h>
+
+#include "kestrelexp/plugin.h"
+#include "kestrelexp/service.h"
+
+int32_t plugin_type = PLUGIN_KIND_INPUT;
+
+static int32_t count = 3;
+static int32_t delivered;
+
+const struct plugin_description* plugin_input_desc(void) {
+    static const struct plugin_description description = {"final", "Finished flows", 0, 0};
+    return &description;
+}
+
+void* plugin_input_init(char* params, int needs_packets, uint16_t data_offset) {
+    const struct config_setting settings[] = {{"count", &count, CONFIG_INTEGER}, {NULL, NULL, 0}};
+    (void)data_offset;
+    if (needs_packets != 0 || config_set_values(params, settings) != 0)
+        return NULL;
+    return &count;
+}
+
+void plugin_input_getter_init(void* instance, struct getter** table) {
+    getter_add(table, "FINAL_NUMBER", 4, instance, record_valid_ok, record_length_4,
+               record_get_packets);
+}
+
+/* What the program promises of a record that it hands out to be filled. */
+static void check_prepared(const struct flow_record* record) {
+    if (record->packets != 1 || record->bytes != 0 || record->tcpflags != 0 ||
+        record->l3protocol != 0 || record->l4protocol != 0 || record->export_flag != 0)
+        verbose_msg(-1, "final: the record is not prepared");
+}
+
+flow_key plugin_input_get_final_flow(void* instance, struct flow_record* record) {
+    const uint32_t i = (uint32_t)delivered;
+    (void)instance;
+    check_prepared(record);
+    if (delivered == count) {
+        const struct timespec pause = {0, 5 * 1000 * 1000};
+        nanosleep(&pause, NULL);
+        record->packets = 77; /* nothing of this may show: the record was not delivered */
+        return -1;
+    }
+    ++delivered;
+    record->start = (i + 1) * UINT64_C(1000000000);
+    record->end = record->start + 500000000;
+    record->packets = i + 1;
+    record->bytes = 100 * (i + 1);
+    record->inputsnmp = 3;
+    record->outputsnmp = 4;
+    record->ipv4.srcipv4 = 0x0A000000 + i;
+    record->ipv4.dstipv4 = 0xC0000201;
+    record->ipv4.tos = 8;
+    record->l3protocol = 4;
+    record->l4protocol = 17;
+    record->srcport = (uint16_t)(1000 + i);
+    record->dstport = 53;
+    record->tcpflags = 0x12;
+    record->icmptypecode = 0;
+    record->export_flag = 9;
+    record->sampling = 0;
+    return 0;
+}
