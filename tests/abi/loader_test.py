@@ -1,0 +1,175 @@
+"""The plugin loader: objects named with -X, and the plugin directory."""
+
+import ctypes
+import os
+import shutil
+import tempfile
+import unittest
+
+from abi import PROGRAM, main, plugin
+import probe
+
+
+def missing(name, what):
+    return [f"Plugin: {plugin(name)}{what}"]
+
+
+NO_DESCRIPTION = ", plugin description not found"
+MULTIPLE = ["Invalid input plugin (multiple input methods present)"]
+FRAMES = ["Invalid input plugin (get_packet and get_final_flow can't coexist with get_flow_packet"]
+PACKET_SPACE = ["Packet input plugins are not allowed to have data space in flow record"]
+
+# Object, and what the loader says of it; none: it is loaded.
+LOADER_ROWS = [
+    ("no_type", missing("no_type", ", plugin type not found")),
+    ("type_0", None),
+    ("type_16", None),
+    ("all_kinds", None),
+    ("input_no_desc", missing("input_no_desc", NO_DESCRIPTION)),
+    ("input_no_init", missing("input_no_init", " no input init found.")),
+    ("input_packet_space", PACKET_SPACE),
+    ("input_packet_flow_space", PACKET_SPACE),
+    ("input_flow_space", None),
+    ("input_final_space", None),
+    ("input_no_get", ["Invalid input plugin"]),
+    ("input_packet_flow", MULTIPLE),
+    ("input_packet_final", MULTIPLE),
+    ("input_flow_final", MULTIPLE),
+    ("input_packet_frames", FRAMES),
+    ("input_final_frames", FRAMES),
+    ("input_flow_frames", None),
+    ("input_named_pcap", ["Duplicate plugin name: pcap"]),
+    ("export_no_desc", missing("export_no_desc", NO_DESCRIPTION)),
+    ("export_space", ["Export plugins are not allowed to have data space in flow record."]),
+    ("export_no_init", missing("export_no_init", ", no export init found.")),
+    ("export_no_export", missing("export_no_export", ", no export function found.")),
+    ("export_no_flush", missing("export_no_flush", ", no flush function found.")),
+    ("export_named_null", ["Duplicate plugin name: null"]),
+    ("filter_no_desc", missing("filter_no_desc", NO_DESCRIPTION)),
+    ("filter_space", ["Filter plugins are not allowed to have data space in flow record."]),
+    ("filter_no_init", missing("filter_no_init", ", no filter init found.")),
+    ("filter_no_filter", missing("filter_no_filter", ", no filter function found.")),
+    ("process_no_desc", missing("process_no_desc", NO_DESCRIPTION)),
+    ("process_no_init", missing("process_no_init", ", no process init found.")),
+    ("process_no_create", missing("process_no_create", ", no init function found.")),
+    ("process_no_update", missing("process_no_update", ", no update function found.")),
+    ("process_no_release", missing("process_no_release", ", no release function found.")),
+    ("process_space", None),
+    ("broken_15", missing("broken_15", " no input init found.")),
+    ("broken_14", missing("broken_14", ", no export init found.")),
+    ("broken_12", missing("broken_12", ", no filter init found.")),
+]
+
+
+class Loader(unittest.TestCase):
+    """What the loader makes of good and broken objects. One test for each row, and some more."""
+
+    def listed(self, *objects):
+        """The plugin list after these objects were loaded: (kind, name) without the built-ins."""
+        status, text, lines = probe.run(
+            PROGRAM, ["-X", ",".join(plugin(name) for name in objects), "-l"])
+        self.assertEqual((status, lines), (0, []))
+        found = []
+        for line in text.splitlines():
+            if line.endswith(" Plugin(s)"):
+                kind = line.split()[0]
+            elif line.startswith("name: "):
+                found.append((kind, line[6:]))
+        return [entry for entry in found if entry[1] in ("variant", "zz", "aa")]
+
+    def test_an_object_without_kinds_is_opened_and_registers_nothing(self):
+        status, text, lines = probe.run(PROGRAM, ["-v", "3", "-X", plugin("type_0"), "-l"])
+        self.assertEqual(status, 0)
+        self.assertEqual(lines, [
+            f"VERBOSE: 0:Plugin to load: {plugin('type_0')}",
+            f"VERBOSE: 2:Plugin: {plugin('type_0')} opened",
+            "VERBOSE: 3:plugin type found. type: 0"])
+        self.assertNotIn("name: variant", text)
+
+    def test_an_object_of_all_kinds_registers_one_plugin_of_each(self):
+        self.assertEqual(self.listed("all_kinds"), [
+            ("INPUT", "variant"), ("PROCESS", "variant"), ("FILTER", "variant"),
+            ("EXPORT", "variant")])
+
+    def test_plugins_are_listed_in_the_order_of_loading(self):
+        self.assertEqual(self.listed("filter_a", "filter_b"), [("FILTER", "zz"), ("FILTER", "aa")])
+        self.assertEqual(self.listed("filter_b", "filter_a"), [("FILTER", "aa"), ("FILTER", "zz")])
+
+    def test_an_object_loaded_twice_is_a_duplicate(self):
+        status, _, lines = probe.run(PROGRAM, ["-X", plugin("drop"), "-X", plugin("drop")])
+        self.assertEqual((status, lines), (255, ["Duplicate plugin name: drop"]))
+
+    def test_a_description_of_several_lines_is_listed_whole(self):
+        _, text, _ = probe.run(PROGRAM, ["-X", plugin("drop"), "-l"])
+        self.assertIn("\nFILTER Plugin(s)\nname: drop\nDrops a port\n\n\nEXPORT Plugin(s)\n", text)
+
+
+def add_loader_row(name, refusal):
+    def test(self):
+        status, _, lines = probe.run(PROGRAM, ["-X", plugin(name), "-V"])
+        self.assertEqual(lines, refusal or [])
+        self.assertEqual(status, 0 if refusal is None else 255)
+
+    setattr(Loader, f"test_{name}", test)
+
+
+for loader_row in LOADER_ROWS:
+    add_loader_row(*loader_row)
+
+
+class Directory(unittest.TestCase):
+    """The plugin directory /usr/lib64/kestrelexp, in a mount namespace of this process."""
+
+    @classmethod
+    def setUpClass(cls):
+        clone_newns, ms_rec, ms_private, ms_bind = 0x20000, 0x4000, 1 << 18, 0x1000
+        libc = ctypes.CDLL(None, use_errno=True)
+        cls.copy = tempfile.TemporaryDirectory()
+        shutil.copytree("/usr/lib64", cls.copy.name, symlinks=True, dirs_exist_ok=True)
+        cls.directory = os.path.join(cls.copy.name, "kestrelexp")
+        os.makedirs(cls.directory, exist_ok=True)
+        os.chmod(cls.copy.name, 0o755)
+        for step in (libc.unshare(clone_newns),
+                     libc.mount(None, b"/", None, ms_rec | ms_private, None),
+                     libc.mount(cls.copy.name.encode(), b"/usr/lib64", None, ms_bind, None)):
+            if step != 0:
+                raise OSError(ctypes.get_errno(), "a mount namespace needs root")
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.copy.cleanup()
+
+    def setUp(self):
+        for name in os.listdir(self.directory):
+            os.unlink(os.path.join(self.directory, name))
+
+    def put(self, name, source):
+        shutil.copy(source, os.path.join(self.directory, name))
+
+    def test_its_objects_come_in_alphabetical_order_before_others(self):
+        self.put("2.so", plugin("filter_b"))
+        self.put("1.so", plugin("filter_a"))
+        status, text, lines = probe.run(PROGRAM, ["-X", plugin("drop"), "-l"])
+        self.assertEqual((status, lines), (0, []))
+        names = [line for line in text.splitlines() if line in ("name: zz", "name: aa",
+                                                                "name: drop")]
+        self.assertEqual(names, ["name: zz", "name: aa", "name: drop"])
+
+    def test_a_file_that_is_no_object_is_only_reported(self):
+        self.put("readme.txt", "/etc/passwd")
+        status, _, lines = probe.run(PROGRAM, ["-V"])
+        self.assertEqual(
+            (status, lines),
+            (0, ["Unable to open plugin: /usr//lib64/kestrelexp/readme.txt"]))
+
+    def test_hidden_files_are_skipped(self):
+        self.put(".hidden.so", "/etc/passwd")
+        self.assertEqual(probe.run(PROGRAM, ["-V"])[2], [])
+
+    def test_a_broken_object_ends_the_program(self):
+        self.put("a.so", plugin("export_named_null"))
+        self.assertEqual(probe.run(PROGRAM, ["-V"])[::2], (255, ["Duplicate plugin name: null"]))
+
+
+if __name__ == "__main__":
+    main()
