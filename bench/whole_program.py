@@ -1,0 +1,323 @@
+#!/usr/bin/env python3
+"""Processor time per packet of whole programs that watch the same interface.
+
+A sender in one network namespace puts 60-byte frames of many flows into a veth pair; in the other
+namespace one program at a time watches the other end: a bare libpcap loop, kestrelexp, softflowd,
+fprobe, nfpcapd. Programs take turns (A B C D, A B C D, ...), so that a disturbance of the machine
+meets all of them. Needs root; makes the namespaces and removes them.
+
+What is counted: user + system time of all threads of the program, by the process's own CPU clock.
+    traffic  from just before the first frame to 0.3 s after the last one
+    life     from the fork to the end, with start-up and the export of every flow at the end
+Nothing is subtracted. The sender has one processor and the program under test another, so the
+kernel's work for a frame on its way through the pair (softirq, filter, copy into the capture ring)
+is charged to the sender, for every program alike; the program pays for its wake-ups and for what it
+does with the ring. What the kernel does to deliver an exported datagram to the sink over loopback
+is charged to the program that sends it.
+
+Loss is looked for in three places: frames that the sender sent and the interface did not see,
+frames that the program's capture ring had no room for (asked from its own socket with
+PACKET_STATISTICS), both in "lost"; and packets that did not come out as flows (the sum of the
+NetFlow v5 records), in "not exported".
+"""
+
+import argparse
+import ctypes
+import os
+import shutil
+import signal
+import socket
+import statistics
+import struct
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+SENDER_NS, PROBE_NS = "kxbench-send", "kxbench-probe"
+SENDER_IF, PROBE_IF = "kxb0", "kxb1"
+SINK_PORT = 29995
+SETTLE_S = 0.3
+CLONE_NEWNET = 0x40000000
+SYS_PIDFD_OPEN, SYS_PIDFD_GETFD = 434, 438
+SOL_PACKET, PACKET_STATISTICS = 263, 6
+SO_RCVBUFFORCE = 33
+
+libc = ctypes.CDLL(None, use_errno=True)
+
+
+def run(*command):
+    subprocess.run(command, check=True)
+
+
+def enter_namespace(name):
+    with open(f"/run/netns/{name}") as namespace:
+        if libc.setns(namespace.fileno(), CLONE_NEWNET) != 0:
+            raise OSError(ctypes.get_errno(), "setns")
+
+
+class Network:
+    """Two namespaces joined by a veth pair, without IPv6 and without addresses on the pair."""
+
+    def __enter__(self):
+        self.remove()
+        for name in (SENDER_NS, PROBE_NS):
+            run("ip", "netns", "add", name)
+            run("ip", "netns", "exec", name, "sysctl", "-qw",
+                "net.ipv6.conf.all.disable_ipv6=1", "net.ipv6.conf.default.disable_ipv6=1")
+        run("ip", "-n", SENDER_NS, "link", "add", SENDER_IF, "type", "veth",
+            "peer", PROBE_IF, "netns", PROBE_NS)
+        run("ip", "-n", SENDER_NS, "link", "set", SENDER_IF, "arp", "off", "up")
+        run("ip", "-n", PROBE_NS, "link", "set", PROBE_IF, "arp", "off", "up")
+        run("ip", "-n", PROBE_NS, "link", "set", "lo", "up")
+        return self
+
+    def __exit__(self, *_):
+        self.remove()
+
+    @staticmethod
+    def remove():
+        for name in (SENDER_NS, PROBE_NS):
+            if os.path.exists(f"/run/netns/{name}"):
+                run("ip", "netns", "del", name)
+
+
+class Sink(threading.Thread):
+    """Takes NetFlow v5 datagrams in the probe's namespace and adds up what they tell."""
+
+    def __init__(self):
+        super().__init__(daemon=True)
+        self.datagrams, self.stopping, self.ready = [], False, threading.Event()
+
+    def run(self):
+        enter_namespace(PROBE_NS)
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sink:
+            sink.setsockopt(socket.SOL_SOCKET, SO_RCVBUFFORCE, 128 << 20)
+            sink.bind(("127.0.0.1", SINK_PORT))
+            sink.settimeout(0.2)
+            self.ready.set()
+            while True:
+                try:
+                    self.datagrams.append(sink.recv(2048))
+                except TimeoutError:
+                    if self.stopping:
+                        return
+
+    def sums(self):
+        """Flow records and packets, once nothing more comes."""
+        self.stopping = True
+        self.join()
+        flows = packets = 0
+        for datagram in self.datagrams:
+            version, count = struct.unpack_from("!HH", datagram)
+            if version != 5 or len(datagram) < 24 + 48 * count:
+                sys.exit("the sink received something that is not NetFlow v5")
+            flows += count
+            for record in range(count):
+                packets += struct.unpack_from("!I", datagram, 24 + 48 * record + 16)[0]
+        return flows, packets
+
+
+class Program:
+    """One program under test, running on its own processor in the probe's namespace."""
+
+    def __init__(self, command, ending, log, cpu):
+        def prepare():
+            enter_namespace(PROBE_NS)
+            if cpu is not None:
+                os.sched_setaffinity(0, {cpu})
+
+        self.ending = ending
+        self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=log, stderr=log,
+                                        preexec_fn=prepare)
+        self.pid = self.process.pid
+        self.capture = self.capture_socket()
+
+    def capture_socket(self):
+        """A duplicate of the program's packet socket, once it has one."""
+        for _ in range(100):
+            time.sleep(0.05)
+            if self.process.poll() is not None:
+                raise RuntimeError(f"{self.process.args[0]} ended at once")
+            descriptor = self.find_capture_descriptor()
+            if descriptor is not None:
+                pidfd = libc.syscall(SYS_PIDFD_OPEN, self.pid, 0)
+                copy = libc.syscall(SYS_PIDFD_GETFD, pidfd, descriptor, 0)
+                os.close(pidfd)
+                if copy < 0:
+                    raise OSError(ctypes.get_errno(), "pidfd_getfd")
+                return socket.socket(fileno=copy)
+        raise RuntimeError(f"{self.process.args[0]} does not capture")
+
+    def find_capture_descriptor(self):
+        with open(f"/proc/{self.pid}/net/packet") as table:
+            inodes = {line.split()[-1] for line in table.readlines()[1:]}
+        for descriptor in os.listdir(f"/proc/{self.pid}/fd"):
+            try:
+                target = os.readlink(f"/proc/{self.pid}/fd/{descriptor}")
+            except FileNotFoundError:
+                continue
+            if target.startswith("socket:[") and target[8:-1] in inodes:
+                return int(descriptor)
+        return None
+
+    def cpu_ns(self):
+        return time.clock_gettime_ns((~self.pid << 3) | 2)  # the process's CPU clock
+
+    def captured(self):
+        """Frames that came to the socket since the last call, and those it had no room for."""
+        return struct.unpack_from("II", self.capture.getsockopt(SOL_PACKET, PACKET_STATISTICS, 12))
+
+    def stop(self):
+        """Ends the program in its orderly way; returns what it used in its whole life."""
+        self.capture.close()
+        if isinstance(self.ending, signal.Signals):
+            self.process.send_signal(self.ending)
+        else:
+            subprocess.run(self.ending, check=True, stdout=subprocess.DEVNULL)
+        for _ in range(600):
+            pid, status, usage = os.wait4(self.pid, os.WNOHANG)
+            if pid:
+                self.process.returncode = os.waitstatus_to_exitcode(status)
+                return usage
+            time.sleep(0.05)
+        self.process.kill()
+        raise RuntimeError(f"{self.process.args[0]} did not stop")
+
+
+def programs(options, scratch):
+    """Name, command, signal or command that ends it, whether it exports NetFlow v5."""
+    build, most = options.build, str(2 * max(options.flows))
+    kestrelexp = options.kestrelexp or f"{build}/kestrelexp"
+    sink = f"127.0.0.1:{SINK_PORT}"
+    queue = ["-q", options.queue] if options.queue else []
+    pcap = [kestrelexp, "-v", "0", *queue, "-I", f"pcap:device={PROBE_IF}", "-E"]
+    return [
+        ("bare loop", [f"{build}/bench/bench_bare_pcap", PROBE_IF], signal.SIGINT, False),
+        ("kestrelexp null", [*pcap, "null:"], signal.SIGINT, False),
+        ("kestrelexp v5", [*pcap, f"netflow-v5:host=127.0.0.1,port={SINK_PORT}"],
+         signal.SIGINT, True),
+        ("softflowd", ["softflowd", "-d", "-i", PROBE_IF, "-n", sink, "-m", most,
+                       "-p", f"{scratch}/softflowd.pid", "-c", f"{scratch}/softflowd.ctl"],
+         ["softflowctl", "-c", f"{scratch}/softflowd.ctl", "shutdown"], True),  # -d: no signals
+        # -l 2 logs to standard output and stays in the foreground; queue and buffer as its manual
+        # recommends for heavy load.
+        ("fprobe", ["fprobe", "-i", PROBE_IF, "-f", "ip", "-q", "10000", "-B", "4096", "-l", "2",
+                    sink], signal.SIGTERM, True),
+        # Writes its flows to a file: it has no NetFlow v5.
+        ("nfpcapd", ["nfpcapd", "-i", PROBE_IF, "-s", "96", "-w", scratch], signal.SIGTERM, False),
+    ]
+
+
+def send(options, flows):
+    """Runs the sender to its end; returns the frames that it sent."""
+    def prepare():
+        enter_namespace(SENDER_NS)
+        if options.pin:
+            os.sched_setaffinity(0, {0})
+
+    done = subprocess.run([f"{options.build}/bench/bench_sender", SENDER_IF, str(flows),
+                           str(options.rate), str(options.seconds)],
+                          preexec_fn=prepare, check=True, capture_output=True, text=True)
+    return int(done.stdout.split()[0])
+
+
+def measure(options, scratch, program, flows):
+    """One program, one number of flows, one time."""
+    name, command, ending, exports = program
+    sink = Sink()
+    sink.start()
+    sink.ready.wait()
+    with open(f"{scratch}/{name.replace(' ', '-')}.log", "w") as log:
+        running = Program(command, ending, log, 1 if options.pin else None)
+        try:
+            time.sleep(0.5)
+            running.captured()  # from here on
+            before = running.cpu_ns()
+            sent = send(options, flows)
+            time.sleep(SETTLE_S)
+            traffic_ns = running.cpu_ns() - before
+            seen, dropped = running.captured()
+            usage = running.stop()
+        finally:
+            if running.process.returncode is None:
+                running.process.kill()
+    out_flows, out_packets = sink.sums()
+    received = seen - dropped
+    if not received:
+        sys.exit(f"{name} received nothing, see {scratch}")
+    return {
+        "traffic": traffic_ns / 1000 / received,
+        "life": (usage.ru_utime + usage.ru_stime) * 1e6 / received,
+        "memory": usage.ru_maxrss / 1024,
+        "sent": sent,
+        "lost": sent - received,
+        "missing": received - out_packets if exports else 0,
+        "flows": out_flows if exports else None,
+    }
+
+
+def report(options, flows, results):
+    """The table of one number of flows: medians over the rounds, and ratios to kestrelexp."""
+    print(f"\n{flows:,} flows, {options.rate:,} packets/s for {options.seconds:g} s, "
+          f"{options.rounds} rounds; median us of CPU per packet (lowest to highest)")
+    print(f"{'program':<16} {'traffic':>8} {'':<17} {'x bare':>6} {'life':>8} {'lost':>8} "
+          f"{'not exported':>13} {'flows out':>10} {'MiB':>6}")
+    bare = statistics.median(r["traffic"] for r in results["bare loop"])
+    for name, rows in results.items():
+        traffic = sorted(r["traffic"] for r in rows)
+        median = statistics.median(traffic)
+        flows_out = "-" if rows[0]["flows"] is None else \
+            f"{int(statistics.median(r['flows'] for r in rows)):,}"
+        missing = "-" if rows[0]["flows"] is None else f"{sum(r['missing'] for r in rows):,}"
+        print(f"{name:<16} {median:8.3f} ({traffic[0]:.3f} to {traffic[-1]:.3f}) "
+              f"{median / bare:6.1f} {statistics.median(r['life'] for r in rows):8.3f} "
+              f"{sum(r['lost'] for r in rows):8,} {missing:>13} {flows_out:>10} "
+              f"{max(r['memory'] for r in rows):6.0f}")
+    print(f"sent to each: {sum(r['sent'] for r in rows):,} packets")
+
+
+def arguments():
+    parser = argparse.ArgumentParser(description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--build", default="build/release", help="build directory (Release)")
+    parser.add_argument("--kestrelexp", help="another program file")
+    parser.add_argument("--queue", help="its -q, default its own default")
+    parser.add_argument("--flows", type=int, nargs="+", default=[10_000, 200_000])
+    parser.add_argument("--rate", type=int, default=250_000, help="packets per second")
+    parser.add_argument("--seconds", type=float, default=6)
+    parser.add_argument("--rounds", type=int, default=3)
+    parser.add_argument("--only", nargs="+", help="beginnings of the names of programs to run")
+    parser.add_argument("--no-pin", dest="pin", action="store_false",
+                        help="leave the choice of processors to the kernel")
+    return parser.parse_args()
+
+
+def main():
+    options = arguments()
+    if os.geteuid() != 0:
+        sys.exit("needs root: it makes network namespaces")
+    if options.pin and len(os.sched_getaffinity(0)) < 2:
+        sys.exit("needs two processors")
+    if options.pin:
+        os.sched_setaffinity(0, {0})  # this script and its sink stay with the sender
+    with tempfile.TemporaryDirectory(prefix="kxbench-") as scratch, Network():
+        chosen = []
+        for program in programs(options, scratch):
+            if options.only and not any(program[0].startswith(o) for o in options.only + ["bare"]):
+                continue
+            if not shutil.which(program[1][0]):
+                print(f"{program[0]}: {program[1][0]} is not there, left out")
+                continue
+            chosen.append(program)
+        for flows in options.flows:
+            results = {name: [] for name, *_ in chosen}
+            for _ in range(options.rounds):
+                for program in chosen:
+                    results[program[0]].append(measure(options, scratch, program, flows))
+            report(options, flows, results)
+
+
+if __name__ == "__main__":
+    main()
