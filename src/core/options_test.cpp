@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <list>
 #include <string>
 #include <vector>
 
@@ -34,8 +35,14 @@ flow_key no_flow(void*, flow_record*) {
     return 0;
 }
 
+// Settings live as long as the program, and so do the texts that they point to.
+std::list<settings>& kept_settings() {
+    static auto& kept = *new std::list<settings>;
+    return kept;
+}
+
 struct Options : testing::Test {
-    settings given;
+    settings& given = kept_settings().emplace_back();
 
     void SetUp() override {
         kestrel_vlan_offset = kestrel_mpls_offset = kestrel_mac_offset = 0;

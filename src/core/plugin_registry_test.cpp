@@ -2,7 +2,9 @@
 #include "core/plugin_registry.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <list>
 #include <string>
 
 namespace kestrel {
@@ -34,8 +36,14 @@ const uint8_t* no_flow_packet(void*, uint32_t*, uint32_t*) {
     return nullptr;
 }
 
+// A registry lives as long as the program.
+std::list<plugin_registry>& kept_registries() {
+    static auto& kept = *new std::list<plugin_registry>;
+    return kept;
+}
+
 struct Registry : testing::Test {
-    plugin_registry registry{};
+    plugin_registry& registry = kept_registries().emplace_back();
 
     void add_filter(plugin_desc_function* desc) {
         add_filter_plugin(&registry, desc, nullptr, nullptr);

@@ -2,6 +2,7 @@
 #include "core/record_loop.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
@@ -238,7 +239,7 @@ TEST_F(RecordLoop, GlobalFiltersRunOnceBeforeTheExports) {
 TEST_F(RecordLoop, AGlobalRejectionReturnsItWithoutAFlush) {
     configuration.global_filters = {make_filter(reject_packets, 2), make_filter(note_filter, 'g')};
     add("a");
-    EXPECT_EXIT(std::exit(run(configuration, numbered(3))), ExitedWithCode(7),
+    EXPECT_EXIT(_exit(run(configuration, numbered(3))), ExitedWithCode(7),
                 testing::Eq("filter g\na:1,0,0,0\n"));
 }
 

@@ -176,7 +176,8 @@ class Runs(unittest.TestCase):
         running = self.start()
         running.send(signal.SIGINT, signal.SIGQUIT)
         self.assertEqual(running.end(), 42)
-        self.assertEqual(running.lines(), self.START + [
+        lines = [line for line in running.lines() if line not in self.END[1:3]]  # may be under way
+        self.assertEqual(lines, self.START + [
             self.END[0], "Ok. Ok. Exiting now. You will be DOOMED for it"])
 
     def test_a_broken_pipe_and_the_alarm_do_not_end_it(self):
