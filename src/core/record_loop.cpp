@@ -75,8 +75,10 @@ void flush_exports(std::span<const export_entry> exports) {
 // The remover clears the flush flag with release once every flushed flow has been taken from the
 // storage, so its acquisition here sees that all of them were.
 bool is_stop_due() {
-    return exit_requested.load(std::memory_order_relaxed) != 0 &&
-           std::atomic_ref<uint32_t>(queue_force_flush).load(std::memory_order_acquire) == 0;
+    if (exit_requested.load(std::memory_order_relaxed) == 0)
+        return false;
+    report_interrupt();
+    return std::atomic_ref<uint32_t>(queue_force_flush).load(std::memory_order_acquire) == 0;
 }
 
 }  // namespace

@@ -1,11 +1,12 @@
 // The signal handler: interrupts become an orderly shutdown, a periodic alarm notices jumps of the
-// wall clock. Runs on the main thread only; stores flags and writes messages, allocates nothing.
+// wall clock. Runs on the main thread only; stores flags and writes messages to standard error,
+// which allocates nothing.
 #include "core/signals.h"
 
-#include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <initializer_list>
 
 #include "core/utils/clock.h"
@@ -23,6 +24,9 @@ namespace {
 constexpr unsigned alarm_period_s = 5;
 constexpr uint64_t clock_jump_s = 61;
 
+// Handler and record loop run on one thread.
+volatile std::sig_atomic_t is_report_due = 0;
+
 // The remover reads and clears the flag on its own thread; nothing else is published with it.
 void request_flush() {
     std::atomic_ref<uint32_t>(queue_force_flush).store(1, std::memory_order_relaxed);
@@ -31,10 +35,13 @@ void request_flush() {
 void on_interrupt() {
     if (exit_requested.load(std::memory_order_relaxed) != 0) {
         verbose_msg(-1, "Ok. Ok. Exiting now. You will be DOOMED for it");
-        // Not exit(): the handler may have interrupted anything, and nothing is buffered.
+        // Not exit(): the handler may have interrupted anything, and nothing is buffered. A
+        // daemon's message goes to syslog all the same, as nobody is left to report it later.
         _exit(exit_second_interrupt);
     }
-    verbose_msg(-1, "CTRL-C detected, will exit as soon as possible");
+    is_report_due = 1;
+    if (std::atomic_ref(syslog_on).load(std::memory_order_relaxed) == 0)
+        report_interrupt();
     // In this order: whoever sees the exit flag with the flush flag clear takes the flush as done.
     request_flush();
     exit_requested.store(1, std::memory_order_relaxed);
@@ -52,6 +59,13 @@ void on_alarm() {
 }
 
 }  // namespace
+
+void report_interrupt() {
+    if (is_report_due == 0)
+        return;
+    is_report_due = 0;
+    verbose_msg(-1, "CTRL-C detected, will exit as soon as possible");
+}
 
 }  // namespace kestrel
 

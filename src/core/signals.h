@@ -14,6 +14,10 @@ extern std::atomic<int32_t> exit_requested;
 // When the next SIGALRM is due, seconds since the epoch; 0 until the first one. Handler only.
 extern std::atomic<uint64_t> next_alarm_time;
 
+// Reports the first interrupt where the handler could not: syslog() allocates and locks, so in a
+// daemon the record loop does it. Does nothing when there is nothing to report.
+void report_interrupt();
+
 static_assert(std::atomic<int32_t>::is_always_lock_free && sizeof exit_requested == 4);
 static_assert(std::atomic<uint64_t>::is_always_lock_free);
 

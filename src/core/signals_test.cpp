@@ -11,6 +11,7 @@
 #include "core/utils/clock.h"
 #include "kestrelexp/flow.h"
 #include "kestrelexp/program.h"
+#include "kestrelexp/service.h"
 
 namespace kestrel {
 namespace {
@@ -53,6 +54,18 @@ TEST_F(Signals, TheFirstInterruptAsksForAFlushAndTheEnd) {
     EXPECT_EQ(exit_requested, 1);
     EXPECT_EQ(queue_force_flush, 1u);
     EXPECT_EQ(alarm(0), 5u);
+}
+
+TEST_F(Signals, ADaemonsInterruptIsReportedOutsideTheHandler) {
+    syslog_on = 1;
+    EXPECT_EQ(messages_of(SIGINT), "");
+    syslog_on = 0;
+    EXPECT_EQ(exit_requested, 1);
+    testing::internal::CaptureStderr();
+    report_interrupt();
+    report_interrupt();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "CTRL-C detected, will exit as soon as possible\n");
 }
 
 TEST_F(Signals, QuitIsAnInterrupt) {

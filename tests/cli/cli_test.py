@@ -3,6 +3,7 @@
 Usage: cli_test.py PROGRAM GROUP [TEST]
 """
 
+import contextlib
 import ctypes
 import os
 import re
@@ -193,10 +194,17 @@ class Runs(unittest.TestCase):
     def test_only_the_main_thread_takes_signals(self):
         running = self.start()
         handled = 1 << signal.SIGINT - 1 | 1 << signal.SIGQUIT - 1 | 1 << signal.SIGALRM - 1
-        for thread in os.listdir(f"/proc/{running.pid}/task"):
-            blocked = int(probe.status_field(f"{running.pid}/task/{thread}", "SigBlk")[0], 16)
-            expected = 0 if thread == str(running.pid) else handled
-            self.assertEqual(blocked & handled, expected)
+
+        def blocked(thread):
+            mask = probe.status_field(f"{running.pid}/task/{thread}", "SigBlk")[0]
+            return int(mask, 16) & handled
+
+        end = time.monotonic() + probe.SECONDS_TO_WAIT  # it may just be starting a thread
+        while blocked(running.pid) != 0 and time.monotonic() < end:
+            time.sleep(0.005)
+        threads = os.listdir(f"/proc/{running.pid}/task")
+        self.assertEqual([thread for thread in threads if blocked(thread) != handled],
+                         [str(running.pid)])
 
     def test_exports_are_flushed_when_traffic_stops(self):
         running = self.start("-v 3")
@@ -255,9 +263,9 @@ class Runs(unittest.TestCase):
                 self.assertTrue(ignored & 1 << number - 1)
             os.kill(pid, signal.SIGINT)
             self.assertEqual(os.waitpid(pid, 0), (pid, 0))
-        except BaseException:
-            os.kill(pid, signal.SIGKILL)
-            raise
+        finally:
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(pid, signal.SIGKILL)
 
 
 if __name__ == "__main__":

@@ -112,9 +112,9 @@ def status_field(pid, name):
 
 
 def wait_for_threads(pid, count):
-    """Waits until the process has that many threads."""
+    """Waits until the process has that many threads (sanitizers add some)."""
     end = time.monotonic() + SECONDS_TO_WAIT
-    while int(status_field(pid, "Threads")[0]) != count:
+    while int(status_field(pid, "Threads")[0]) < count:
         if time.monotonic() > end:
-            raise AssertionError(f"not {count} threads")
+            raise AssertionError(f"fewer than {count} threads")
         time.sleep(0.005)
