@@ -82,6 +82,11 @@ constexpr load_step process_steps[] = {
 template <>
 constexpr std::span<const load_step> load_steps<process_plugin>{process_steps};
 
+// A description without a name is as good as none.
+bool is_named(const plugin_description* description) {
+    return description != nullptr && description->name != nullptr;
+}
+
 template <typename Plugin>
 void load_kind(void* object, const char* path, plugin_registry& registry) {
     static_assert(std::is_trivially_copyable_v<Plugin>, "operations are stored by offset");
@@ -94,6 +99,8 @@ void load_kind(void* object, const char* path, plugin_registry& registry) {
             if (operation == nullptr && step.fault != nullptr)
                 die(exit_config, "Plugin: %s%s", path, step.fault);
             std::memcpy(slots + step.slot, &operation, sizeof operation);
+            if (step.slot == offsetof(Plugin, desc) && !is_named(plugin.desc()))
+                die(exit_config, "Plugin: %s%s", path, step.fault);
         } else {
             void* operation;
             std::memcpy(&operation, slots + step.slot, sizeof operation);

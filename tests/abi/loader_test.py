@@ -44,6 +44,7 @@ LOADER_ROWS = [
     ("export_no_init", missing("export_no_init", ", no export init found.")),
     ("export_no_export", missing("export_no_export", ", no export function found.")),
     ("export_no_flush", missing("export_no_flush", ", no flush function found.")),
+    ("export_nameless", missing("export_nameless", NO_DESCRIPTION)),
     ("export_named_null", ["Duplicate plugin name: null"]),
     ("filter_no_desc", missing("filter_no_desc", NO_DESCRIPTION)),
     ("filter_space", ["Filter plugins are not allowed to have data space in flow record."]),
