@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 #include <pcap/pcap.h>
 
+#include <cctype>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -15,6 +17,10 @@ struct capture {
     const char* name;
     size_t frames;
 };
+
+void PrintTo(const capture& c, std::ostream* out) {
+    *out << c.name;
+}
 
 constexpr capture captures[] = {
     {"pcpp-MplsPackets.pcap", 2},
