@@ -11,10 +11,12 @@
 #include "flow/remover.h"
 #include "kestrelexp/service.h"
 #include "kestrelexp/storage.h"
+#include "tests/support/lifelong.h"
 
 namespace {
 
 using namespace kestrel_model;
+using kestrel_test::keep;
 
 constexpr uint64_t ms = 1'000'000;
 constexpr uint64_t second = 1'000 * ms;
@@ -119,11 +121,11 @@ class two_queues {
           traces_(2 * c.plugins),
           real_plugins_(make_plugins(0)),
           model_({c.exponent, c.active_ns, c.inactive_ns, data_size_, make_plugins(c.plugins)}),
-          storage_(temporal_storage_init(
-              4096, static_cast<uint32_t>(FLOW_RECORD_BASE_SIZE + data_size_), nullptr, "test")),
-          real_(kestrel::queue_create(c.exponent, c.active_ns, c.inactive_ns, storage_, nullptr,
-                                      data_size_, static_cast<int32_t>(c.plugins),
-                                      real_plugins_.data())) {
+          storage_(keep(temporal_storage_init(
+              4096, static_cast<uint32_t>(FLOW_RECORD_BASE_SIZE + data_size_), nullptr, "test"))),
+          real_(keep(kestrel::queue_create(c.exponent, c.active_ns, c.inactive_ns, storage_,
+                                           nullptr, data_size_, static_cast<int32_t>(c.plugins),
+                                           real_plugins_.data()))) {
         make_keys();
         set_now();
     }

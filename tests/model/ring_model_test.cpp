@@ -11,10 +11,12 @@
 
 #include "flow/temporal_storage.h"
 #include "kestrelexp/service.h"
+#include "tests/support/lifelong.h"
 
 namespace {
 
 using namespace kestrel_model;
+using kestrel_test::keep;
 using namespace std::chrono_literals;
 
 // A slot holds its sequence number in bytes that follow from it, so that any mix of two records, or
@@ -40,7 +42,7 @@ class two_rings {
     two_rings(uint32_t count, uint32_t slot_size, uint64_t seed)
         : slot_size_(slot_size),
           model_(count),
-          real_(temporal_storage_init(count, slot_size, nullptr, "test")),
+          real_(keep(temporal_storage_init(count, slot_size, nullptr, "test"))),
           random_(seed) {}
 
     void step() {
@@ -206,7 +208,7 @@ class RingStress : public testing::TestWithParam<stress> {
 TEST_P(RingStress, LosesAndDoublesNothingBetweenTwoThreads) {
     const auto [count, records] = GetParam();
     temporal_storage* ring =
-        temporal_storage_init(count, sizeof(stressed_record), nullptr, "stress");
+        keep(temporal_storage_init(count, sizeof(stressed_record), nullptr, "stress"));
     std::thread producer(produce, ring, records, count);
     consume_all(ring, records, 1);
     producer.join();
@@ -226,7 +228,7 @@ class StalledConsumer : public testing::Test {
     static constexpr uint32_t count = 16;
 
     void SetUp() override {
-        ring_ = temporal_storage_init(count, sizeof(stressed_record), nullptr, "stalled");
+        ring_ = keep(temporal_storage_init(count, sizeof(stressed_record), nullptr, "stalled"));
         // One lap ahead of the interesting part: the consumer holds record 0 in its hand.
         for (uint64_t n = 0; n < count; ++n) {
             write_record(temporal_storage_reserve(ring_), n);
