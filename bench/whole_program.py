@@ -132,11 +132,16 @@ class Program:
         self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=log, stderr=log,
                                         preexec_fn=prepare)
         self.pid = self.process.pid
-        self.capture = self.capture_socket()
+        try:
+            self.capture = self.capture_socket()
+        except BaseException:
+            self.process.kill()
+            self.process.wait()
+            raise
 
     def capture_socket(self):
         """A duplicate of the program's packet socket, once it has one."""
-        for _ in range(100):
+        for _ in range(600):  # making a big queue takes seconds
             time.sleep(0.05)
             if self.process.poll() is not None:
                 raise RuntimeError(f"{self.process.args[0]} ended at once")
