@@ -64,6 +64,7 @@ void print_help(const plugin_registry* registry) {
                 kestrel::print_option(row);
     }
     if (verbose_level > 0) {
+        std::fflush(stdout);  // the sizes come last where both streams go to one place
         verbose_msg(1, "Record size: %lu",
                     size_t{FLOW_RECORD_BASE_SIZE} + registry->extension_length);
         verbose_msg(1, "Fast record size: %lu", kestrel::fast_record_size);
