@@ -1,5 +1,6 @@
 #include "tests/model/parser_check.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <memory>
