@@ -1,5 +1,6 @@
 #include "tests/support/child.h"
 
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -8,7 +9,7 @@
 
 namespace kestrel_test {
 
-child_result run_in_child(const std::function<void()>& body) {
+std::string run_in_child(const std::function<void()>& body) {
     int ends[2];
     if (pipe(ends) != 0)
         std::abort();
@@ -23,16 +24,17 @@ child_result run_in_child(const std::function<void()>& body) {
         _exit(0);
     }
     close(ends[1]);
-    child_result result{};
+    std::string errors;
     char piece[4096];
     ssize_t length;
     while ((length = read(ends[0], piece, sizeof piece)) > 0)
-        result.errors.append(piece, static_cast<size_t>(length));
+        errors.append(piece, static_cast<size_t>(length));
     close(ends[0]);
     int status = 0;
     waitpid(child, &status, 0);
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    return result;
+    EXPECT_TRUE(WIFEXITED(status)) << "ended by signal " << WTERMSIG(status) << "\n" << errors;
+    EXPECT_EQ(0, WEXITSTATUS(status)) << errors;
+    return errors;
 }
 
 }  // namespace kestrel_test
