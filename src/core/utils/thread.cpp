@@ -19,11 +19,13 @@ bool start_thread(void* (*body)(void*), void* argument) {
     // A thread inherits the mask of its maker, so the signals never reach it, not even at birth.
     if (pthread_sigmask(SIG_BLOCK, &handled, &before) != 0)
         return false;
+    pthread_attr_t detached;
     pthread_t thread;
-    const bool is_started = pthread_create(&thread, nullptr, body, argument) == 0;
+    const bool is_started = pthread_attr_init(&detached) == 0 &&
+                            pthread_attr_setdetachstate(&detached, PTHREAD_CREATE_DETACHED) == 0 &&
+                            pthread_create(&thread, &detached, body, argument) == 0;
+    (void)pthread_attr_destroy(&detached);                 // holds nothing on Linux
     (void)pthread_sigmask(SIG_SETMASK, &before, nullptr);  // fails only for a bad first argument
-    if (is_started)
-        (void)pthread_detach(thread);  // fails only for a thread that is detached already
     return is_started;
 }
 
