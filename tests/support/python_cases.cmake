@@ -1,0 +1,32 @@
+# kestrel_add_python_cases(LABEL label TIMEOUT seconds [FILES file...] [ENVIRONMENT NAME=value...]
+#                          [PROPERTIES name value...])
+#
+# Registers each test method of the NAME_test.py files (all of the current folder by default) as a
+# ctest case of its own, LABEL.NAME.method: cases run side by side, each with its own time limit.
+find_package(Python3 REQUIRED COMPONENTS Interpreter)
+
+function(kestrel_add_python_cases)
+  cmake_parse_arguments(ARG "" "LABEL;TIMEOUT" "FILES;ENVIRONMENT;PROPERTIES" ${ARGN})
+  if(NOT ARG_FILES)
+    file(GLOB ARG_FILES CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*_test.py)
+  endif()
+  foreach(file ${ARG_FILES})
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${file})
+    get_filename_component(module ${file} NAME_WE)
+    string(REGEX REPLACE "_test$" "" area ${module})
+    file(STRINGS ${file} lines REGEX "^(class [A-Za-z0-9_]+|    def test_[A-Za-z0-9_]+)")
+    foreach(line ${lines})
+      if(line MATCHES "^class ([A-Za-z0-9_]+)")
+        set(class ${CMAKE_MATCH_1})
+      elseif(line MATCHES "def (test_([A-Za-z0-9_]+))")
+        set(name ${KESTREL_TEST_PREFIX}${ARG_LABEL}.${area}.${CMAKE_MATCH_2})
+        add_test(NAME ${name}
+          COMMAND ${Python3_EXECUTABLE} -B -m unittest ${module}.${class}.${CMAKE_MATCH_1}
+          WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR})
+        set_tests_properties(${name} PROPERTIES
+          LABELS ${ARG_LABEL} TIMEOUT ${ARG_TIMEOUT} ${ARG_PROPERTIES}
+          ENVIRONMENT "PYTHONPATH=${PROJECT_SOURCE_DIR}/tests/support;${ARG_ENVIRONMENT}")
+      endif()
+    endforeach()
+  endforeach()
+endfunction()

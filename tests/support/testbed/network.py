@@ -1,0 +1,72 @@
+"""A network of our own: an anonymous namespace with a veth pair on which only our frames appear.
+
+The namespace belongs to this process and the children that it starts, and is gone with the last of
+them. Neither end answers or speaks on its own: no addresses, no ARP, no IPv6.
+"""
+
+import ctypes
+import os
+import socket
+import subprocess
+
+SENDER, PROBED = "ka", "kb"  # frames sent on the first end arrive at the second
+
+_CLONE_NEWNET = 0x40000000
+_SO_RCVBUFFORCE = 33
+
+
+def enter_private_network(mtu=1500):
+    """Moves this process into a fresh namespace with loopback and the veth pair up."""
+    assert os.geteuid() == 0, "this test makes network namespaces: run it as root"
+    libc = ctypes.CDLL(None, use_errno=True)
+    if libc.unshare(_CLONE_NEWNET) != 0:
+        raise OSError(ctypes.get_errno(), "unshare(CLONE_NEWNET) failed")
+    with open("/proc/sys/net/ipv6/conf/default/disable_ipv6", "w", encoding="ascii") as switch:
+        switch.write("1")
+    _ip("link set lo up")
+    _ip(f"link add {SENDER} mtu {mtu} type veth peer name {PROBED} mtu {mtu}")
+    for end in (SENDER, PROBED):
+        _ip(f"link set {end} arp off up")
+
+
+class FrameSender:
+    """Puts frames on the sender's end exactly as given (14 bytes at least: an Ethernet header)."""
+
+    def __init__(self):
+        self._socket = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, 0)
+        self._socket.bind((SENDER, 0))
+
+    def send(self, *frames):
+        for frame in frames:
+            assert self._socket.send(frame) == len(frame)
+
+    def close(self):
+        self._socket.close()
+
+
+def udp_receiver(buffer_bytes=128 << 20):
+    """A bound loopback socket whose buffer holds whatever a test sends before it is read."""
+    receiver = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    receiver.setsockopt(socket.SOL_SOCKET, _SO_RCVBUFFORCE, buffer_bytes)
+    receiver.bind(("127.0.0.1", 0))
+    return receiver
+
+
+def free_udp_port():
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+def received_frames(interface=PROBED):
+    """Frames that the kernel has handed to an interface so far."""
+    with open("/proc/self/net/dev", encoding="ascii") as table:
+        for line in table:
+            name, _, numbers = line.partition(":")
+            if name.strip() == interface:
+                return int(numbers.split()[1])
+    raise LookupError(interface)
+
+
+def _ip(arguments):
+    subprocess.run(["ip", *arguments.split()], check=True, stdin=subprocess.DEVNULL)

@@ -1,0 +1,93 @@
+"""Child processes under watch: their standard error is read as it comes, none outlives its test."""
+
+import os
+import signal
+import subprocess
+import threading
+import time
+
+# Sanitized builds run many times slower; waits for the program are stretched by this factor.
+SLOWNESS = float(os.environ.get("KESTREL_TEST_SLOWNESS", "1"))
+
+
+class WatchedProcess:
+    """A child whose standard error can be waited on; used as a context, it is killed at the end."""
+
+    def __init__(self, command, **options):
+        self.command = [str(word) for word in command]
+        self.lines = []
+        self._news = threading.Condition()
+        self._ended = False
+        self._process = subprocess.Popen(
+            self.command, stdin=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True,
+            errors="replace", **options)
+        self._reader = threading.Thread(target=self._read, daemon=True)
+        self._reader.start()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.kill()
+
+    @property
+    def pid(self):
+        return self._process.pid
+
+    @property
+    def running(self):
+        return self._process.poll() is None
+
+    def wait_for_line(self, text, timeout=10):
+        """Returns the first line that contains text; fails when the child ends or time is up."""
+        deadline = time.monotonic() + timeout * SLOWNESS
+        with self._news:
+            while True:
+                for line in self.lines:
+                    if text in line:
+                        return line
+                left = deadline - time.monotonic()
+                if self._ended or left <= 0:
+                    raise AssertionError(f"no line with {text!r} from {self.describe()}")
+                self._news.wait(left)
+
+    def signal(self, number=signal.SIGINT):
+        self._process.send_signal(number)
+
+    def wait(self, timeout=10):
+        """The exit status (negative: the signal that ended the child); kills it when time is up."""
+        try:
+            status = self._process.wait(timeout * SLOWNESS)
+        except subprocess.TimeoutExpired:
+            self.kill()
+            raise AssertionError(f"did not end in time: {self.describe()}") from None
+        self._reader.join(5)
+        return status
+
+    def kill(self):
+        if self.running:
+            self._process.kill()
+            self._process.wait()
+        self._reader.join(5)
+
+    @property
+    def log(self):
+        return "\n".join(self.lines)
+
+    def describe(self):
+        return f"{' '.join(self.command)}\nstatus {self._process.poll()}, it said:\n{self.log}"
+
+    def _read(self):
+        for line in self._process.stderr:
+            with self._news:
+                self.lines.append(line.rstrip("\n"))
+                self._news.notify_all()
+        self._process.stderr.close()
+        with self._news:
+            self._ended = True
+            self._news.notify_all()
+
+
+def settle(seconds=0.5):
+    """Leaves the probe time to take up every frame already sent (rings are polled every 10 ms)."""
+    time.sleep(seconds * SLOWNESS)
