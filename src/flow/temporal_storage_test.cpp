@@ -2,6 +2,7 @@
 #include "flow/temporal_storage.h"
 
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
 
 #include <atomic>
 #include <chrono>
@@ -208,6 +209,22 @@ TEST_F(TemporalStorage, GetWithoutLimitWaitsForABatch) {
     EXPECT_EQ(0, get(ring, -1));
     EXPECT_EQ(1, get(ring, -1));
     producer.join();
+}
+
+// The pipe says how often the consumer is woken: once per batch, counted from what it has.
+TEST_F(TemporalStorage, BatchIsCountedFromWhatATimeoutTook) {
+    temporal_storage* ring = make(80);  // a batch is ten
+    for (uint64_t n = 0; n < 5; ++n)
+        put(ring, n);
+    ASSERT_EQ(0, get(ring, 10));
+    for (uint64_t n = 5; n < 15; ++n)
+        put(ring, n);
+    int announced_bytes = -1;
+    ASSERT_EQ(0, ioctl(ring->consumer.notify_read, FIONREAD, &announced_bytes));
+    EXPECT_EQ(0, announced_bytes);
+    put(ring, 15);
+    ASSERT_EQ(0, ioctl(ring->consumer.notify_read, FIONREAD, &announced_bytes));
+    EXPECT_EQ(8, announced_bytes);
 }
 
 class FullRing : public TemporalStorage {
