@@ -1,11 +1,12 @@
 // The clocks: wall clock, monotonic clock, and the start-up time that ties them together. Any
-// thread reads them; nothing here sleeps.
+// thread reads them; only sleep_ns blocks.
 #include "core/utils/clock.h"
 
 #include <sys/time.h>
 #include <time.h>
 
 #include <atomic>
+#include <cerrno>
 
 namespace kestrel {
 namespace {
@@ -23,7 +24,16 @@ uint64_t system_uptime_ns() {
     return static_cast<uint64_t>(now.tv_sec) * ns_per_second + static_cast<uint64_t>(now.tv_nsec);
 }
 
-constexpr clock_source system_clocks = {system_wall_ns, system_uptime_ns};
+void system_sleep_ns(uint64_t ns) {
+    const uint64_t end_ns = system_uptime_ns() + ns;
+    const timespec end = {static_cast<time_t>(end_ns / ns_per_second),
+                          static_cast<long>(end_ns % ns_per_second)};
+    // Up to a moment, not for a while: the alarm every five seconds would restart a while.
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) == EINTR) {
+    }
+}
+
+constexpr clock_source system_clocks = {system_wall_ns, system_uptime_ns, system_sleep_ns};
 
 // Written by whoever installs a driver, read by all threads; release and acquire, so that a driver
 // is seen complete.
@@ -41,6 +51,11 @@ const clock_source& clocks() {
 
 void set_clock_source(const clock_source* source) {
     current_clocks.store(source ? source : &system_clocks, std::memory_order_release);
+}
+
+void sleep_ns(uint64_t ns) {
+    const auto sleep = clocks().sleep_ns;
+    (sleep ? sleep : system_sleep_ns)(ns);
 }
 
 }  // namespace kestrel

@@ -12,15 +12,20 @@ inline constexpr uint64_t ns_per_second = 1'000'000'000;
 inline constexpr uint64_t ns_per_ms = 1'000'000;
 inline constexpr uint64_t ns_per_us = 1'000;
 
-// A driver of time. Both functions may be called from any thread.
+// A driver of time. Its functions may be called from any thread.
 struct clock_source {
     uint64_t (*wall_ns)();    // ns since the Unix epoch, in whole microseconds
     uint64_t (*uptime_ns)();  // ns, never running backwards
+    // Returns when so many ns of its time have passed; null: the system's.
+    void (*sleep_ns)(uint64_t ns) = nullptr;
 };
 
 // Puts another driver in place of the system's clocks (a replay that runs on the time of its
 // packets, a test that makes time jump); null brings the system's back. The driver is borrowed
 // until it is replaced. The start-up time is kept: see timer_startup_time_update.
 void set_clock_source(const clock_source* source);
+
+// Blocks the calling thread. Signals are handled meanwhile and do not shorten the sleep.
+void sleep_ns(uint64_t ns);
 
 }  // namespace kestrel
