@@ -27,6 +27,16 @@ KX_API export_init_function exporter_nf5_init;
 KX_API export_export_function exporter_nf5_export;
 KX_API export_flush_function exporter_nf5_flush;
 
+KX_API plugin_desc_function exporter_nf9_desc;
+KX_API export_init_function exporter_nf9_init;
+KX_API export_export_function exporter_nf9_export;
+KX_API export_flush_function exporter_nf9_flush;
+
+KX_API plugin_desc_function exporter_ipfix_desc;
+KX_API export_init_function exporter_ipfix_init;
+KX_API export_export_function exporter_ipfix_export;
+KX_API export_flush_function exporter_ipfix_flush;
+
 /* A socket connected to host:port. protocol: IP protocol number, 17, 6 or 132 (datagram for 17,
  * stream for all others). ip: 4, 6, 46 (4 first) or 64 (6 first). Returns a descriptor greater
  * than 0, or 0 or less on failure. The caller owns the descriptor. */

@@ -33,6 +33,8 @@ constexpr builtin builtins[] = {
     packet_input(input_pcap_desc, input_pcap_init, input_pcap_sampling, input_pcap_packet),
     exporter(exporter_null_desc, exporter_null_init, exporter_null_export, exporter_null_flush),
     exporter(exporter_nf5_desc, exporter_nf5_init, exporter_nf5_export, exporter_nf5_flush),
+    exporter(exporter_nf9_desc, exporter_nf9_init, exporter_nf9_export, exporter_nf9_flush),
+    exporter(exporter_ipfix_desc, exporter_ipfix_init, exporter_ipfix_export, exporter_ipfix_flush),
 };
 
 }  // namespace

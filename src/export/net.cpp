@@ -1,5 +1,7 @@
-// The connection of an exporter to its collector. Runs on the thread that calls the exporter; both
-// functions may block as long as the system does. Nothing is ever resent.
+// The connection of an exporter to its collector. Runs on the thread that calls the exporter, and
+// may block as long as the system does. Nothing is ever resent.
+#include "export/net.h"
+
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -12,6 +14,8 @@
 #include <cstring>
 #include <memory>
 
+#include "core/utils/clock.h"
+#include "core/utils/log.h"
 #include "core/utils/wire.h"
 #include "kestrelexp/builtin.h"
 
@@ -92,7 +96,28 @@ int connect_family(const char* host, uint16_t port, uint8_t protocol, int family
     return 0;
 }
 
+constexpr int reconnect_attempts = 8;
+constexpr uint64_t reconnect_pause_ns = 60 * ns_per_second;
+
 }  // namespace
+
+int net_connect(const collector& to) {
+    return ::net_connect(to.host, static_cast<uint16_t>(to.port), to.protocol,
+                         static_cast<uint32_t>(to.ip));
+}
+
+int net_reconnect(const collector& to, int lost) {
+    (void)close(lost);  // its send failed: what is lost is lost
+    for (int attempt = 0; attempt < reconnect_attempts; ++attempt) {
+        const int descriptor = net_connect(to);
+        if (descriptor > 0)
+            return descriptor;
+        verbose_msg(-1, "Can't reconnect to collector");
+        sleep_ns(reconnect_pause_ns);
+    }
+    die(exit_config, "Reconnect to collector failed, exiting");
+}
+
 }  // namespace kestrel
 
 using namespace kestrel;

@@ -1,8 +1,11 @@
 #include "core/utils/clock.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
 #include <time.h>
 
+#include <chrono>
 #include <thread>
 
 namespace {
@@ -73,6 +76,38 @@ TEST_F(Clock, StartupTimeOfZeroIsComputedAnew) {
     timer_startup_time_update();
     fake_wall = 9'000;
     EXPECT_EQ(2'000u, timer_get_startup_time());
+}
+
+uint64_t slept_ns = 0;
+
+TEST_F(Clock, DriverSleepsInItsOwnTime) {
+    constexpr clock_source sleeping = {[] { return fake_wall; }, [] { return fake_uptime; },
+                                       [](uint64_t ns) { slept_ns += ns; }};
+    set_clock_source(&sleeping);
+    sleep_ns(60'000'000'000);
+    EXPECT_EQ(60'000'000'000u, slept_ns);
+}
+
+TEST_F(Clock, DriverWithoutSleepLeavesItToTheSystem) {
+    drive(0, 0);
+    const uint64_t before = now_ns(CLOCK_MONOTONIC);
+    sleep_ns(2'000'000);
+    EXPECT_LE(before + 2'000'000, now_ns(CLOCK_MONOTONIC));
+}
+
+TEST_F(Clock, SignalsDoNotShortenASleep) {
+    struct sigaction ignoring = {}, saved;
+    ignoring.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &ignoring, &saved);
+    const uint64_t before = now_ns(CLOCK_MONOTONIC);
+    std::thread sleeper([] { sleep_ns(100'000'000); });
+    for (int i = 0; i < 5; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        pthread_kill(sleeper.native_handle(), SIGUSR1);
+    }
+    sleeper.join();
+    EXPECT_LE(before + 100'000'000, now_ns(CLOCK_MONOTONIC));
+    sigaction(SIGUSR1, &saved, nullptr);
 }
 
 TEST_F(Clock, ThreadsMayAskForTheStartupTimeTogether) {

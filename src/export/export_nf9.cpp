@@ -1,0 +1,189 @@
+// The "netflow-v9" exporter: flows as NetFlow version 9 packets (RFC 3954) over UDP. Here stands
+// what differs from IPFIX: the packet header with its two clocks, a sequence number that counts
+// packets, the look at the clocks before each record, and a plain send. Record loop thread only. It
+// never reconnects: a packet that cannot be sent is lost.
+#include <sys/socket.h>
+
+#include <cstddef>
+
+#include "core/utils/clock.h"
+#include "core/utils/log.h"
+#include "core/utils/memory.h"
+#include "core/utils/wire.h"
+#include "export/template_exporter.h"
+#include "kestrelexp/builtin.h"
+
+namespace kestrel {
+
+namespace {
+
+// RFC 3954 section 5.1
+struct nf9_header {
+    uint16_t version_be;
+    uint16_t count_be;       // templates and records
+    uint32_t sys_uptime_be;  // ms
+    uint32_t unix_secs_be;
+    uint32_t sequence_be;  // packets sent before this one
+    uint32_t source_id_be;
+};
+static_assert(sizeof(nf9_header) == 20);
+static_assert(offsetof(nf9_header, sequence_be) == 12);
+
+}  // namespace
+
+constexpr template_protocol netflow_v9_protocol = {
+    .default_file = "/etc/kestrel/nf9-template.txt",
+    // Times are ms since start-up, as the header's uptime is.
+    .builtin_head =
+        "INPUT_SNMP=INPUT_INTERFACE,OUTPUT_SNMP=OUTPUT_INTERFACE,"
+        "IP_PROTOCOL_VERSION=L3_PROTO,"
+        "FIRST_SWITCHED=FLOW_START_RELATIVE_MSEC,"
+        "LAST_SWITCHED=FLOW_END_RELATIVE_MSEC,"
+        "IN_BYTES=BYTES,IN_PKTS=PACKETS,OUT_BYTES=BYTES,OUT_PKTS=PACKETS,"
+        "PROTOCOL=L4_PROTO,",
+    .file_key = "template-file",
+    .elements = static_field_nf9,
+    .template_set_id = 0,
+    .header_length = sizeof(nf9_header),
+};
+
+namespace {
+
+constexpr plugin_description description = {
+    "netflow-v9",
+    "Netflow v9 exporter exports data to network collector using netflow v9 protocol\n"
+    "Parametres are (delimited by ','):\n"
+    " host=hostname                (mandatory)\n"
+    " port=port                    (default = 3001)\n"
+    " ip=ip                        Protocol to connect with collector(4,6,46 or 64 - default is "
+    "46).\n"
+    " source_id=id                 Exporter identification.\n"
+    " template-file=filename       File with template parameters.\n"
+    " template-refresh-time=time   Send templates to collector each 'time' seconds.\n"
+    " template-refresh-packets=num Send templates to collector each 'num' packets.",
+    0, 0};
+
+// The time that goes into a packet's header: that of the last export call.
+struct header_time {
+    uint32_t uptime_ms;
+    uint32_t secs;
+};
+
+struct nf9_exporter : template_exporter {
+    header_time time = {};
+    uint16_t last_count = 0;  // in the header of the packet before; 0 = there was none
+    uint32_t sequence = 0;
+    uint64_t last_clock_report_s = 0;
+    uint32_t clock_faults = 0;  // since then
+};
+
+enum class clock_fault { none, backwards, future_flow };
+
+// Far beyond any uptime: the message is meant for nobody but a reader of the counter.
+constexpr uint64_t clock_report_margin_s = 5'000'000'000;
+constexpr uint32_t report_pause_bit = 0x400;  // of the sequence number
+
+// Only records are pending here: a template set waits for the next record.
+uint32_t flush(nf9_exporter& self) {
+    const uint64_t now_s = timer_get_sec();
+    if (self.pending == 0) {
+        verbose_msg(4, "Nothing to export");
+        return 0;
+    }
+    const uint32_t length = close_packet(self);
+    self.last_count = static_cast<uint16_t>(self.cursor.count);
+    const nf9_header header = {
+        .version_be = byte_swap(uint16_t{9}),
+        .count_be = byte_swap(self.last_count),
+        .sys_uptime_be = byte_swap(self.time.uptime_ms),
+        .unix_secs_be = byte_swap(self.time.secs),
+        .sequence_be = byte_swap(self.sequence),
+        .source_id_be = byte_swap(static_cast<uint32_t>(self.source_id)),
+    };
+    store_native(self.packet, header);
+    const bool sent = send(self.socket, self.packet, length, 0) >= 0;
+    if (sent)
+        ++self.sequence;
+    start_packet(self);
+    refresh_templates(self, now_s);
+    if ((self.sequence & report_pause_bit) == 0)
+        verbose_msg(4, "EXPORTER_SENT_PACKETS: %u", self.sequence);
+    return sent ? 0 : not_exported;
+}
+
+// Records never share a header with those before a clock that went back, nor with a flow that ends
+// in the future.
+clock_fault check_clock(nf9_exporter& self, const header_time& now, uint64_t now_ns,
+                        uint64_t flow_end_ns) {
+    clock_fault fault = clock_fault::none;
+    if (now_ns / ns_per_second < self.time.secs || now.uptime_ms < self.time.uptime_ms) {
+        flush(self);
+        fault = clock_fault::backwards;
+    }
+    if (flow_end_ns > now_ns) {
+        flush(self);
+        fault = clock_fault::future_flow;
+    }
+    return fault;
+}
+
+void report_clock_fault(nf9_exporter& self, uint64_t now_s) {
+    ++self.clock_faults;
+    if (now_s <= self.last_clock_report_s + clock_report_margin_s)
+        return;
+    verbose_msg(-1, "Machine time mangled :-( (%i)", static_cast<int>(self.clock_faults));
+    self.last_clock_report_s = now_s;
+    self.clock_faults = 0;
+}
+
+uint32_t export_flow(nf9_exporter& self, const flow_record* record) {
+    const uint64_t now_ns = timer_get_nsec();
+    const header_time now = {static_cast<uint32_t>(timer_get_uptime() / ns_per_ms),
+                             static_cast<uint32_t>(now_ns / ns_per_second)};
+    const clock_fault fault =
+        self.pending > 0 ? check_clock(self, now, now_ns, record->end) : clock_fault::none;
+    int32_t index;
+    const uint32_t length = exporter_template_find(self.templates, record, &index);
+    if (is_full(self, length))
+        flush(self);
+    if (record->sampling != self.last_sampling && self.last_count != 0) {
+        flush(self);
+        self.last_sampling = record->sampling;
+    }
+    self.time = now;
+    if (fault != clock_fault::none)
+        report_clock_fault(self, now_ns / ns_per_second);
+    if (index < 0)
+        return not_exported;
+    add_record(self, record, index);
+    if (fault == clock_fault::future_flow)
+        flush(self);
+    return 0;
+}
+
+}  // namespace
+}  // namespace kestrel
+
+using namespace kestrel;
+
+const struct plugin_description* exporter_nf9_desc(void) {
+    return &description;
+}
+
+void* exporter_nf9_init(char* params, struct getter* getters) {
+    auto* self = make_lifelong<nf9_exporter>(template_exporter{.protocol = &netflow_v9_protocol});
+    read_parameters(*self, params, {});
+    load_templates(*self, getters);
+    connect_collector(*self);
+    open_packet(*self);
+    verbose_msg(0, "Export v9 OK");
+    return self;
+}
+
+uint32_t exporter_nf9_export(void* instance, struct flow_record* record) {
+    return export_flow(*static_cast<nf9_exporter*>(instance), record);
+}
+
+uint32_t exporter_nf9_flush(void* instance) {
+    return flush(*static_cast<nf9_exporter*>(instance));
+}
