@@ -7,6 +7,7 @@
 
 #include "core/utils/clock.h"
 #include "core/utils/wire.h"
+#include "export/copy_value.h"
 #include "kestrelexp/getter.h"
 #include "kestrelexp/record.h"
 #include "kestrelexp/service.h"
@@ -21,10 +22,11 @@ struct target {
     uint32_t network_order;
 };
 
-void put(const target& to, const void* source, size_t offset, size_t length) {
-    record_universal_get(to.destination, source, static_cast<int32_t>(offset),
-                         static_cast<int32_t>(length), static_cast<int32_t>(to.length),
-                         to.network_order);
+__attribute__((always_inline)) inline void put(const target& to, const void* source, size_t offset,
+                                               size_t length) {
+    copy_value(static_cast<uint8_t*>(to.destination), static_cast<const uint8_t*>(source) + offset,
+               static_cast<int32_t>(length), static_cast<int32_t>(to.length),
+               to.network_order != 0);
 }
 
 // A field of an optional block; nothing at all is written when the block is off.

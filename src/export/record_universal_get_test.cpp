@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "kestrelexp/getter.h"
@@ -72,6 +73,33 @@ TEST(UniversalGet, FieldsShortenedToAnOddLengthAreCopiedWhole) {
 
 TEST(UniversalGet, EmptyFieldsTakeNothing) {
     EXPECT_EQ((bytes{0xEE}), universal(4, 0, 1, 1));
+}
+
+// The rule as it reads, one byte at a time.
+bytes by_the_rule(size_t source_length, size_t destination_length, bool network_order) {
+    bytes value;
+    for (size_t i = 0; i < source_length; ++i)
+        value.push_back(static_cast<uint8_t>(0x10 + i));
+    const size_t length = std::min(source_length, destination_length);
+    const bool number = length == 1 || length == 2 || length == 4 || length == 8 || length == 16;
+    if (number || length == 0)
+        value.resize(length);
+    if (number && network_order)
+        std::reverse(value.begin(), value.end());
+    if (destination_length > source_length)
+        value.insert(network_order ? value.begin() : value.end(),
+                     destination_length - source_length, 0);
+    value.resize(40, 0xEE);
+    return value;
+}
+
+TEST(UniversalGet, EveryPairOfLengthsFollowsTheRule) {
+    for (int32_t from = 1; from <= 20; ++from)
+        for (int32_t to = 0; to <= 20; ++to)
+            for (const uint32_t order : {0u, 1u})
+                EXPECT_EQ(by_the_rule(static_cast<size_t>(from), static_cast<size_t>(to), order),
+                          universal(from, to, order, 40))
+                    << from << " to " << to << " order " << order;
 }
 
 }  // namespace
