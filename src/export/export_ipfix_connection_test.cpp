@@ -28,17 +28,10 @@ uint16_t port_to_be;
 
 class IpfixConnection : public export_fixture {
   protected:
-    void TearDown() override {
-        static auto* tables = new std::vector<getter*>;  // the exporter borrows them
-        tables->push_back(table_);
-        table_ = nullptr;
-        export_fixture::TearDown();
-    }
-
     void connect(const std::string& host, uint16_t port, const std::string& more) {
         std::string params = "host=" + host + ",port=" + std::to_string(port) + more +
                              ",template_file=" + write_file(one_template);
-        exporter_ = hold(exporter_ipfix_init(params.data(), table_));
+        exporter_ = keep(exporter_ipfix_init(params.data(), table_));
     }
     tcp_connection connect_tcp() {
         connect("127.0.0.1", tcp_->port(), ",protocol=tcp");

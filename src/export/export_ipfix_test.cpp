@@ -25,14 +25,7 @@ const bytes padding = {0, 0};
 
 class ExportIpfix : public export_fixture {
   protected:
-    void TearDown() override {
-        static auto* tables = new std::vector<getter*>;  // the exporter borrows them
-        tables->push_back(table_);
-        table_ = nullptr;
-        export_fixture::TearDown();
-    }
-
-    void init(std::string params) { exporter_ = hold(exporter_ipfix_init(params.data(), table_)); }
+    void init(std::string params) { exporter_ = keep(exporter_ipfix_init(params.data(), table_)); }
     void connect(const std::string& more = "", const std::string& templates = two_templates) {
         init(collector_->params(",template_file=" + write_file(templates) + more));
     }

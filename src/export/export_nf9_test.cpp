@@ -24,14 +24,7 @@ const bytes two_records = {1,    0,    0,    16,   0xC0, 0x00, 0x02, 0x01,
 
 class ExportNf9 : public export_fixture {
   protected:
-    void TearDown() override {
-        static auto* tables = new std::vector<getter*>;  // the exporter borrows them
-        tables->push_back(table_);
-        table_ = nullptr;
-        export_fixture::TearDown();
-    }
-
-    void init(std::string params) { exporter_ = hold(exporter_nf9_init(params.data(), table_)); }
+    void init(std::string params) { exporter_ = keep(exporter_nf9_init(params.data(), table_)); }
     void connect(const std::string& more = "", const std::string& templates = two_templates) {
         init(collector_->params(",template-file=" + write_file(templates) + more));
     }
@@ -404,7 +397,7 @@ TEST_F(ExportNf9, BuiltinDefinitionsServe) {
     template_exporter exporter = {.protocol = &elsewhere};
     EXPECT_EQ("Default template config (/none) NOT found. Using minimalistic built in.\n",
               messages_of([&] { load_templates(exporter, table_); }));
-    hold(exporter.templates);
+    keep(exporter.templates);
     ASSERT_EQ(8, exporter.templates->count);
     // IPv4 with ports and flags: of 12 getters and the longest of IPv4.
     const export_template& first = exporter.templates->templates[0];

@@ -6,9 +6,11 @@
 
 #include "core/utils/log.h"
 #include "kestrelexp/template.h"
+#include "tests/support/lifelong.h"
 
 namespace {
 
+using kestrel_test::keep;
 using texts = std::vector<std::string>;
 
 std::vector<char*> pointers(texts& from) {
@@ -76,19 +78,13 @@ class TemplateInit : public testing::Test {
     void SetUp() override { table_ = getter_base_init(); }
     void TearDown() override {
         verbose_level = -1;
-        static auto* tables = new std::vector<getter*>;  // collections keep them
-        tables->push_back(table_);
+        keep(table_);  // collections borrow it
     }
 
     template_collection* init(texts definitions,
                               const template_element* elements = static_field_ipfix) {
         std::vector<char*> array = pointers(definitions);
         return keep(exporter_template_init(array.data(), elements, table_));
-    }
-    // Collections live as long as the program; the leak checker wants to see who holds them.
-    static template_collection* keep(template_collection* made) {
-        static auto* collections = new std::vector<template_collection*>;
-        return collections->emplace_back(made);
     }
     uint64_t bits(std::initializer_list<const char*> names) {
         uint64_t sum = 0;

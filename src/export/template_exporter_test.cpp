@@ -11,6 +11,7 @@
 namespace {
 
 using namespace kestrel;
+using kestrel_test::keep;
 using kestrel_test::second;
 
 // What IPFIX and NetFlow v9 share, tried with a protocol of the tests' own.
@@ -26,18 +27,11 @@ class TemplateExporter : public kestrel_test::export_fixture {
                      .template_set_id = 2,
                      .header_length = 16};
     }
-    void TearDown() override {
-        static auto* tables = new std::vector<getter*>;  // collections borrow them
-        tables->push_back(table_);
-        table_ = nullptr;
-        export_fixture::TearDown();
-    }
-
     void read(const std::string& params, std::initializer_list<config_setting> more = {}) {
         std::string text = params;
         read_parameters(self_, text.data(), more);
-        hold(self_.to.host);
-        hold(self_.template_file);
+        keep(self_.to.host);
+        keep(self_.template_file);
     }
     void load(const std::string& file_text) {
         std::string path = write_file(file_text);
@@ -47,7 +41,7 @@ class TemplateExporter : public kestrel_test::export_fixture {
     }
     void load() {
         load_templates(self_, table_);
-        hold(self_.templates);
+        keep(self_.templates);
     }
 
     std::string default_file_;

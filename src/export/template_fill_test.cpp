@@ -12,6 +12,7 @@ namespace {
 
 using kestrel_test::bytes;
 using kestrel_test::join;
+using kestrel_test::keep;
 
 class TemplateFill : public kestrel_test::export_fixture {
   protected:
@@ -21,10 +22,7 @@ class TemplateFill : public kestrel_test::export_fixture {
             array.push_back(text.data());
         array.push_back(nullptr);
         collection_ = exporter_template_init(array.data(), static_field_ipfix, table_);
-        hold(collection_);
-        static auto* tables = new std::vector<getter*>;  // the collection borrows it
-        tables->push_back(table_);
-        table_ = nullptr;
+        keep(collection_);
     }
     uint32_t add(int32_t index = -1) {
         return exporter_template_add_record(collection_, &flow_, index);

@@ -39,8 +39,7 @@ class TemplateModel : public export_fixture {
         kestrel_vlan_offset = below(3) ? vlan_at : 0;
         kestrel_mpls_offset = below(3) ? mpls_at : 0;
         kestrel_mac_offset = below(2) ? mac_at : 0;
-        static auto* tables = new std::vector<getter*>;  // exporters borrow them
-        tables->push_back(table_);
+        keep(table_);  // the exporter before borrows it
         table_ = getter_base_init();
     }
 
@@ -133,7 +132,7 @@ class TemplateModel : public export_fixture {
             ",template-refresh-packets=" + std::to_string(settings.refresh_packets));
         const auto now = [] { return model::world{wall_ns, uptime_ns, startup}; };
         Exporter expected(std::move(templates), settings, now());
-        void* instance = hold(exporter.init(params.data(), table_));
+        void* instance = keep(exporter.init(params.data(), table_));
         size_t exported = 0;
         size_t received = 0;
         for (int calls = 0; calls < 400; ++calls) {

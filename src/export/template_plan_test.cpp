@@ -8,9 +8,12 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/lifelong.h"
+
 namespace {
 
 using namespace kestrel;
+using kestrel_test::keep;
 
 constexpr uint64_t vlan_at = sizeof(flow_record);
 constexpr uint64_t mpls_at = vlan_at + sizeof(vlan_block);
@@ -107,7 +110,6 @@ int32_t plain_choice(const template_collection& from, const flow_record* record)
 }
 
 TEST_F(TemplatePlan, ChoiceIsThatOfThePlainWalk) {
-    static auto* kept = new std::vector<void*>;  // collections live as long as the program
     for (int collections = 0; collections < 500; ++collections) {
         draw_blocks();
         getter* table = getter_base_init();
@@ -124,7 +126,8 @@ TEST_F(TemplatePlan, ChoiceIsThatOfThePlainWalk) {
         definitions.push_back(nullptr);
         const template_collection* made =
             exporter_template_init(definitions.data(), static_field_ipfix, table);
-        kept->insert(kept->end(), {table, const_cast<template_collection*>(made)});
+        keep(table);
+        keep(made);
         for (int records = 0; records < 200; ++records) {
             const whole_record record = draw_record();
             const int32_t expected = plain_choice(*made, &record.base);

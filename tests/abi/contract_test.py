@@ -83,7 +83,8 @@ class Everything(unittest.TestCase):
             "Unable to open plugin: /nonexistent/plugin.so",
             "everything: 0 failures",
             "Export: everything ERROR"])
-        self.assertEqual(output, "probe: You must specify input and at least one export.\n"
+        self.assertEqual(output, "Name,Length\nONE,2\n"
+                                 "probe: You must specify input and at least one export.\n"
                                  "Try probe '-h' for more information.\n")
         self.assertEqual(status, 255)
 

@@ -130,7 +130,8 @@ class Texts(unittest.TestCase):
         self.assertEqual(found, [
             ["INPUT Plugin(s)", "name: pcap"],
             ["FILTER Plugin(s)"],
-            ["EXPORT Plugin(s)", "name: null", "name: netflow-v5"],
+            ["EXPORT Plugin(s)", "name: null", "name: netflow-v5", "name: netflow-v9",
+             "name: ipfix"],
         ])
         self.assertTrue(text.startswith("\nINPUT Plugin(s)\nname: pcap\nPcap packet input driver"))
         self.assertIn("\n\n\nFILTER Plugin(s)\n", text)

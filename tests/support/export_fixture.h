@@ -15,6 +15,7 @@
 #include "core/utils/clock.h"
 #include "kestrelexp/builtin.h"
 #include "kestrelexp/getter.h"
+#include "tests/support/lifelong.h"
 #include "tests/support/udp_collector.h"
 
 namespace kestrel_test {
@@ -79,7 +80,7 @@ class export_fixture : public testing::Test {
     }
 
     void TearDown() override {
-        std::free(table_);
+        keep(table_);  // exporters borrow it
         verbose_level = -1;
         kestrel::set_clock_source(nullptr);
         timer_startup_time_update();
@@ -98,13 +99,6 @@ class export_fixture : public testing::Test {
                          std::to_string(files_.size()));
         std::ofstream(files_.back()) << text;
         return files_.back();
-    }
-
-    // Instances live as long as the program; the leak checker wants to see who holds them.
-    static void* hold(void* instance) {
-        static auto* instances = new std::vector<void*>;
-        instances->push_back(instance);
-        return instance;
     }
 
     template <typename Action>

@@ -31,6 +31,7 @@ void* plugin_export_init(char* params, struct getter* getters) {
     check_packets();
     check_flow_engine();
     check_plugins();
+    check_templates(getters);
     check_addresses();
     verbose_msg(-1, "everything: %i failures", failures);
     return NULL;

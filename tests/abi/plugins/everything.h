@@ -17,4 +17,7 @@ void check_flow_engine(void);
 void check_plugins(void);
 void check_addresses(void);
 
+struct getter;
+void check_templates(struct getter* getters);
+
 #endif
