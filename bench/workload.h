@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <iterator>
 #include <vector>
 
 #include "bench/frames.h"
@@ -67,5 +68,24 @@ inline void flush(flow_queue* queue) {
     queue_flush(queue);
     queue->lock.unlock();
 }
+
+// Finished flows of three protocols in turn, so that an exporter changes between its templates.
+struct mixed_flows {
+    mixed_flows() {
+        constexpr uint8_t protocols[] = {6, 17, 6, 1};
+        for (size_t i = 0; i < std::size(flows); ++i) {
+            flow_record& flow = flows[i];
+            flow = {};
+            flow.start = flow.end = timer_get_nsec();  // one that ends in the future travels alone
+            flow.packets = 7;
+            flow.bytes = 4711;
+            flow.l3protocol = 4;
+            flow.l4protocol = protocols[i];
+        }
+    }
+    flow_record& next() { return flows[++count % std::size(flows)]; }
+    flow_record flows[4];
+    size_t count = 0;
+};
 
 }  // namespace bench

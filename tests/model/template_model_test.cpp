@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/model/template_model.h"
 #include "tests/support/export_fixture.h"
-#include "tests/support/template_model.h"
 
 namespace {
 

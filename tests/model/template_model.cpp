@@ -1,4 +1,4 @@
-#include "tests/support/template_model.h"
+#include "tests/model/template_model.h"
 
 #include <algorithm>
 #include <cstring>
