@@ -1,7 +1,7 @@
 // Template files: any content. Faults of a file end the program, so each input runs in a copy of
 // the process; what counts is that it ends with a status that the program knows, and that what an
-// exporter sends is framed. A fuzzer gets no coverage from the copy and works blind. Input: one byte
-// that chooses the exporter, then the file.
+// exporter sends is framed. A fuzzer gets no coverage from the copy and works blind. Input: one
+// byte that chooses the exporter, then the file.
 #include <arpa/inet.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
