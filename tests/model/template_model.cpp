@@ -263,7 +263,8 @@ bytes collection::template_set() const {
     bytes set;
     put(set, set_id_, 2);
     put(set, body.size() + 4, 2);
-    set.insert(set.end(), body.begin(), body.end());
+    for (const uint8_t byte : body)
+        set.push_back(byte);
     return set;
 }
 
