@@ -28,7 +28,7 @@ missing_packages() {
 
 # Installs what is missing of the named packages, and says nothing when nothing is.
 install_packages() {
-    local missing
+    local missing log
     command -v dpkg-query >/dev/null || {
         echo "error: packages are installed with apt-get, as on Debian 12; elsewhere install" \
             "these by hand: $*" >&2
@@ -38,7 +38,15 @@ install_packages() {
     ((${#missing[@]})) || return 0
     echo "==> Installing ${missing[*]}"
     require_root_access || return
-    "${AS_ROOT[@]}" apt-get -qq update </dev/null || return
-    "${AS_ROOT[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq -y --no-install-recommends \
-        -o Dpkg::Use-Pty=0 install "${missing[@]}" </dev/null
+    log=$(mktemp -t kestrel-packages.XXXXXX)
+    {
+        "${AS_ROOT[@]}" apt-get -qq update &&
+            "${AS_ROOT[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq -y \
+                --no-install-recommends -o Dpkg::Use-Pty=0 install "${missing[@]}"
+    } >"$log" 2>&1 </dev/null || {
+        tail -n 20 "$log" >&2
+        echo "error: apt-get failed (its words: $log)" >&2
+        return 1
+    }
+    rm -f "$log"
 }
