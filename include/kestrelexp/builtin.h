@@ -37,6 +37,13 @@ KX_API export_init_function exporter_ipfix_init;
 KX_API export_export_function exporter_ipfix_export;
 KX_API export_flush_function exporter_ipfix_flush;
 
+/* Compiles the rule file that params name into a struct filter_rules (filter.h). NULL after
+ * reporting a fault. getters is not used and may be NULL. */
+KX_API plugin_desc_function filter_desc;
+KX_API filter_init_function filter_init;
+/* 0 keeps the flow, 1 drops it. Reads instance and record, changes neither. */
+KX_API filter_filter_function filter_test;
+
 /* A socket connected to host:port. protocol: IP protocol number, 17, 6 or 132 (datagram for 17,
  * stream for all others). ip: 4, 6, 46 (4 first) or 64 (6 first). Returns a descriptor greater
  * than 0, or 0 or less on failure. The caller owns the descriptor. */

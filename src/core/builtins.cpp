@@ -29,12 +29,18 @@ constexpr export_plugin exporter(plugin_desc_function* desc, export_init_functio
     return {desc, init, export_record, flush, nullptr, nullptr};
 }
 
+constexpr filter_plugin filter(plugin_desc_function* desc, filter_init_function* init,
+                               filter_filter_function* test) {
+    return {desc, init, test, nullptr, nullptr};
+}
+
 constexpr builtin builtins[] = {
     packet_input(input_pcap_desc, input_pcap_init, input_pcap_sampling, input_pcap_packet),
     exporter(exporter_null_desc, exporter_null_init, exporter_null_export, exporter_null_flush),
     exporter(exporter_nf5_desc, exporter_nf5_init, exporter_nf5_export, exporter_nf5_flush),
     exporter(exporter_nf9_desc, exporter_nf9_init, exporter_nf9_export, exporter_nf9_flush),
     exporter(exporter_ipfix_desc, exporter_ipfix_init, exporter_ipfix_export, exporter_ipfix_flush),
+    filter(filter_desc, filter_init, filter_test),
 };
 
 }  // namespace

@@ -1,11 +1,11 @@
 // Line-oriented configuration files. Reports nothing: each caller words its own message.
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <vector>
 
+#include "core/utils/heap.h"
 #include "kestrelexp/service.h"
 
 namespace kestrel {
@@ -21,10 +21,6 @@ struct close_file {
 void drop_line_end(char* line, size_t* length) {
     if (*length > 0 && (line[*length - 1] == '\n' || line[*length - 1] == '\r'))
         line[--*length] = '\0';
-}
-
-char* heap_copy(const char* text, size_t length) {
-    return static_cast<char*>(std::memcpy(malloc_wrapper(length + 1, 0), text, length));
 }
 
 }  // namespace
@@ -44,7 +40,7 @@ char** read_config(const char* path) {
         drop_line_end(line, &length);
         // A '#' discards its whole line wherever it stands: a value can never carry a comment.
         if (length >= shortest_line && !std::strchr(line, '#'))
-            lines.push_back(heap_copy(line, length));
+            lines.push_back(heap_copy(line, length).release());
     }
     char** result = static_cast<char**>(malloc_wrapper((lines.size() + 1) * sizeof(char*), 0));
     std::copy(lines.begin(), lines.end(), result);
