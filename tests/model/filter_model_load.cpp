@@ -12,8 +12,7 @@ namespace kestrel_model {
 namespace {
 
 constexpr uint32_t all_ones = 0xFFFFFFFF;
-constexpr words zero_words = {0, 0, 0, 0};
-constexpr words full_words = {all_ones, all_ones, all_ones, all_ones};
+constexpr model_bounds any_address = {{0, 0, 0, 0}, {all_ones, all_ones, all_ones, all_ones}};
 
 constexpr char either = 'e';
 constexpr char source = 's';
@@ -55,7 +54,7 @@ std::optional<address> resolve(const std::string& name) {
     addrinfo* list = nullptr;
     if (getaddrinfo(name.c_str(), nullptr, &wanted, &list) != 0)
         return {};
-    address result = {0, zero_words};
+    address result = {0, {}};
     if (list->ai_family == AF_INET) {
         const auto* four = reinterpret_cast<const sockaddr_in*>(list->ai_addr);
         result = {4, {ntohl(four->sin_addr.s_addr), 0, 0, 0}};
@@ -111,8 +110,8 @@ bool filter_model::load(const std::vector<std::string>& lines) {
 }
 
 bool filter_model::load_fast(const std::string& line, const std::vector<std::string>& tokens) {
-    model_bounds from = {zero_words, full_words};
-    model_bounds to = {zero_words, full_words};
+    model_bounds from = any_address;
+    model_bounds to = any_address;
     unsigned sides = 0;
     bool negate = false;
     size_t at = 1;
@@ -148,17 +147,16 @@ bool filter_model::load_fast(const std::string& line, const std::vector<std::str
 
     model_fast entry = {
         {from.low, minus(from.high, from.low)}, {to.low, minus(to.high, to.low)}, negate};
-    const model_bounds any = {zero_words, full_words};
     std::vector<model_fast>& table = result == 4 ? fast4_ : fast6_;
     if (side != either) {
         table.push_back(entry);
         return true;
     }
     model_fast mirror = entry;
-    mirror.destination = any;
+    mirror.destination = any_address;
     if (result == 6)
-        mirror.source = any;
-    entry.source = any;
+        mirror.source = any_address;
+    entry.source = any_address;
     table.push_back(entry);
     table.push_back(mirror);
     return true;
@@ -269,11 +267,11 @@ int filter_model::parse_address(const std::string& value, char side, model_bound
                                 model_bounds& to, unsigned& sides) {
     if (side == destination) {
         if (!(sides & 1))
-            from = {zero_words, full_words};
+            from = any_address;
         sides |= 2;
     } else if (side == source) {
         if (!(sides & 2))
-            to = {zero_words, full_words};
+            to = any_address;
         sides |= 1;
     } else {
         sides |= 3;
