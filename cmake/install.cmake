@@ -1,5 +1,5 @@
 # What lands on a system: the program, the headers that plugins include, a pkg-config file that
-# names the plugin directory, that directory itself, and the default templates.
+# names the plugin directory, that directory itself, and what stands in etc/.
 set(KESTREL_PLUGIN_DIR lib64/kestrelexp)
 
 install(TARGETS kestrelexp RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
@@ -14,7 +14,7 @@ install(CODE [[
     set(etc "/etc/kestrel")
   endif()
 ]])
-foreach(file ipfix-template.txt nf9-template.txt)
+foreach(file filter-example.txt ipfix-template.txt nf9-template.txt)
   install(CODE "
     if(NOT EXISTS \"\$ENV{DESTDIR}\${etc}/${file}\")
       file(INSTALL \"${PROJECT_SOURCE_DIR}/etc/${file}\" DESTINATION \"\${etc}\")

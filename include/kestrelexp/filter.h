@@ -91,22 +91,22 @@ struct filter_rules {
 /* Which end of a flow a value is meant for. A side set is a sum of the two single sides. */
 enum filter_side { FILTER_SIDE_EITHER = 0, FILTER_SIDE_SOURCE = 1, FILTER_SIDE_DESTINATION = 2 };
 
-/* Reads "HOST", "HOST/PREFIX" or "HOST-HOST" (value is cut on the way) into upper and lower bounds
+/* Reads "HOST", "HOST/PREFIX" or "HOST-HOST" into lower and upper bounds
  * of FILTER_ADDRESS_WORDS words each, of which IPv4 writes the first. A source or destination value
  * goes to its own bounds and opens the others to any address when *side_set says that they hold
  * nothing yet; a value for either side goes to the source bounds. Adds to *side_set. Returns 4 or
  * 6; -1 after reporting a fault; 0 for a host that is neither IPv4 nor IPv6. */
-KX_API int filter_parse_address(char* value, int side, uint32_t* src_low, uint32_t* src_high,
+KX_API int filter_parse_address(const char* value, int side, uint32_t* src_low, uint32_t* src_high,
                                 uint32_t* dst_low, uint32_t* dst_high, uint32_t* side_set);
 
 /* Read "N", "LOW-HIGH", "LOW-MAX" or, when services are allowed, the name of a service, into (low1,
  * high1) for the source, (low2, high2) for the destination, both for either side. A single side
  * sets the other pair to 0 and 65535 when *side_set says that it holds nothing yet. Numbers are cut
  * to the width of the bounds. Return 0, or -1 after reporting a fault. */
-KX_API int filter_parse_range16(char* value, int side, uint16_t* low1, uint16_t* high1,
+KX_API int filter_parse_range16(const char* value, int side, uint16_t* low1, uint16_t* high1,
                                 uint16_t* low2, uint16_t* high2, uint32_t* side_set,
                                 int allow_services);
-KX_API int filter_parse_range32(char* value, int side, uint32_t* low1, uint32_t* high1,
+KX_API int filter_parse_range32(const char* value, int side, uint32_t* low1, uint32_t* high1,
                                 uint32_t* low2, uint32_t* high2, uint32_t* side_set,
                                 int allow_services);
 

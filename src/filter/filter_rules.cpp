@@ -7,10 +7,10 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
-#include <utility>
 
 #include "core/utils/heap.h"
 #include "core/utils/log.h"
+#include "core/utils/split.h"
 #include "filter/filter_dump.h"
 #include "filter/filter_values.h"
 
@@ -19,19 +19,22 @@ namespace {
 
 // ---- What fast and slow rules share: groups of [src|dst] FIELD VALUE ----
 
+// The words of a line that are not read yet, closed by null.
+using tokens = const char* const*;
+
 bool refuse(const char* message) {
     verbose_msg(-1, "%s", message);
     return false;
 }
 
-bool take(char**& token, const char* word) {
+bool take(tokens& token, const char* word) {
     if (!*token || std::strcmp(*token, word) != 0)
         return false;
     ++token;
     return true;
 }
 
-void take_side(char**& token, filter_side* side) {
+void take_side(tokens& token, filter_side* side) {
     if (take(token, "src"))
         *side = FILTER_SIDE_SOURCE;
     else if (take(token, "dst"))
@@ -40,10 +43,10 @@ void take_side(char**& token, filter_side* side) {
 
 struct group {
     const char* field;
-    char* value;
+    const char* value;
 };
 
-bool take_group(const char* line, char**& token, group* result) {
+bool take_group(const char* line, tokens& token, group* result) {
     if (!token[0] || !token[1]) {
         verbose_msg(-1, "Incomplete rule: %s", line);
         return false;
@@ -113,7 +116,7 @@ void append_fast6(filter_rules& rules, fast_bounds& b, bool negate, bool mirror)
     second.negate = negate;
 }
 
-bool compile_fast(filter_rules& rules, const char* line, char** token) {
+bool compile_fast(filter_rules& rules, const char* line, tokens token) {
     fast_bounds bounds;
     filter_side side = FILTER_SIDE_EITHER;  // holds until another is named
     int family = -1;
@@ -156,9 +159,9 @@ struct slow_builder {
     uint32_t port_sides = 0;
 };
 
-using value_reader = bool(slow_builder& to, char* value);
+using value_reader = bool(slow_builder& to, const char* value);
 
-bool read_address(slow_builder& to, char* value) {
+bool read_address(slow_builder& to, const char* value) {
     slow_rule& rule = to.rule;
     const int family = filter_parse_address(value, to.side, rule.src_low, rule.src_span,
                                             rule.dst_low, rule.dst_span, &to.address_sides);
@@ -169,14 +172,14 @@ bool read_address(slow_builder& to, char* value) {
     return true;
 }
 
-bool read_ports(slow_builder& to, char* value) {
+bool read_ports(slow_builder& to, const char* value) {
     slow_rule& rule = to.rule;
     return filter_parse_range16(value, to.side, &rule.sport_low, &rule.sport_span, &rule.dport_low,
                                 &rule.dport_span, &to.port_sides, 1) == 0;
 }
 
 template <uint16_t slow_rule::*low, uint16_t slow_rule::*span>
-bool read_range16(slow_builder& to, char* value) {
+bool read_range16(slow_builder& to, const char* value) {
     uint16_t* first = &(to.rule.*low);
     uint16_t* last = &(to.rule.*span);
     uint32_t sides = 0;
@@ -185,7 +188,7 @@ bool read_range16(slow_builder& to, char* value) {
 }
 
 template <uint32_t slow_rule::*low, uint32_t slow_rule::*span>
-bool read_range32(slow_builder& to, char* value) {
+bool read_range32(slow_builder& to, const char* value) {
     uint32_t* first = &(to.rule.*low);
     uint32_t* last = &(to.rule.*span);
     uint32_t sides = 0;
@@ -193,7 +196,7 @@ bool read_range32(slow_builder& to, char* value) {
            0;
 }
 
-bool read_protocol(slow_builder& to, char* value) {
+bool read_protocol(slow_builder& to, const char* value) {
     if (const auto number = all_digits(value)) {
         to.rule.proto = static_cast<uint16_t>(*number);
         return true;
@@ -207,7 +210,7 @@ bool read_protocol(slow_builder& to, char* value) {
     return true;
 }
 
-bool read_ip_version(slow_builder& to, char* value) {
+bool read_ip_version(slow_builder& to, const char* value) {
     if (std::strcmp(value, "ipv4") == 0)
         to.rule.mask |= FILTER_IPV4;
     else if (std::strcmp(value, "ipv6") == 0)
@@ -269,11 +272,11 @@ void finish(slow_rule& rule) {
     rule.bytes_span -= rule.bytes_low;
 }
 
-bool compile_slow(filter_rules& rules, heap_text line, char** token) {
+bool compile_slow(filter_rules& rules, const char* line, tokens token) {
     const uint32_t index = static_cast<uint32_t>(rules.slow_count);
     slow_builder to = {append(rules.slow, rules.slow_count)};
     to.rule.index = index;
-    to.rule.text = line.release();
+    to.rule.text = heap_copy(line, std::strlen(line)).release();
     to.rule.negate = take(token, "not");
     if (take(token, "any"))
         to.rule.mask = FILTER_ANY;
@@ -283,7 +286,7 @@ bool compile_slow(filter_rules& rules, heap_text line, char** token) {
             return refuse("Addon parameters after ANY are not allowed");
         to.side = FILTER_SIDE_EITHER;
         take_side(token, &to.side);
-        if (!take_group(to.rule.text, token, &next) || !compile_group(to, next))
+        if (!take_group(line, token, &next) || !compile_group(to, next))
             return false;
     }
     finish(to.rule);
@@ -292,18 +295,16 @@ bool compile_slow(filter_rules& rules, heap_text line, char** token) {
 
 // ---- Files ----
 
-bool compile_line(filter_rules& rules, char* line) {
-    heap_text whole = heap_copy(line, std::strlen(line));
-    const piece_array tokens(char_split(line, ' ', 0));
-    char** token = tokens.get();
-    if (!*token) {
+bool compile_line(filter_rules& rules, const char* line) {
+    const split words(line, ' ');
+    tokens token = words.begin();
+    if (words.size() == 0) {
         verbose_msg(10, "blank rule found");
         return true;
     }
     const bool is_fast = take(token, "fast");
-    verbose_msg(10, is_fast ? "fast filter rule: %s" : "slow filter rule: %s", whole.get());
-    return is_fast ? compile_fast(rules, whole.get(), token)
-                   : compile_slow(rules, std::move(whole), token);
+    verbose_msg(10, is_fast ? "fast filter rule: %s" : "slow filter rule: %s", line);
+    return is_fast ? compile_fast(rules, line, token) : compile_slow(rules, line, token);
 }
 
 }  // namespace

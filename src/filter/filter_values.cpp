@@ -3,17 +3,16 @@
 #include "filter/filter_values.h"
 
 #include <netdb.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
-#include <memory>
 
-#include "core/utils/heap.h"
+#include "core/utils/address.h"
 #include "core/utils/log.h"
+#include "core/utils/split.h"
 #include "core/utils/wire.h"
 #include "kestrelexp/filter.h"
 
@@ -27,7 +26,7 @@ std::optional<int64_t> all_digits(const char* text) {
 
 namespace {
 
-constexpr int no_address = -1;
+constexpr int faulty = -1;
 
 int64_t decimal(const char* text) {
     return std::strtoll(text, nullptr, 10);  // what is no digit ends the number: "8x" is 8
@@ -35,51 +34,23 @@ int64_t decimal(const char* text) {
 
 // ---- Addresses ----
 
-struct address {
-    int family = no_address;  // 4, 6, 0 for any other, no_address when it cannot be resolved
-    uint32_t words[FILTER_ADDRESS_WORDS] = {};
+// What a look-up without wishes does: a name gets addresses of the families that this host has.
+constexpr int usual_lookup = AI_V4MAPPED | AI_ADDRCONFIG;
 
-    size_t count() const { return family == 4 ? 1 : FILTER_ADDRESS_WORDS; }
-};
-
-struct free_addresses {
-    void operator()(addrinfo* list) const { freeaddrinfo(list); }
-};
-using address_list = std::unique_ptr<addrinfo, free_addresses>;
-
-address_list look_up(const char* host) {
-    // A number is what it is: without this step it costs three hundred times as much, and on a host
-    // without IPv6 no IPv6 address would be taken.
-    addrinfo numeric = {};
-    numeric.ai_flags = AI_NUMERICHOST;
-    numeric.ai_socktype = SOCK_STREAM;
-    addrinfo* list = nullptr;
-    if (getaddrinfo(host, nullptr, &numeric, &list) == 0 ||
-        getaddrinfo(host, nullptr, nullptr, &list) == 0)
-        return address_list(list);
-    return nullptr;
+size_t count_words(const ip_address& address) {
+    return address.family == AF_INET ? 1 : FILTER_ADDRESS_WORDS;
 }
 
-// The first address of a host.
-address resolve(const char* host) {
-    address result;
-    const address_list list = look_up(host);
-    if (!list) {
+// 4, 6, or 0 for what can stand in no rule.
+int version_of(const ip_address& address) {
+    return address.family == AF_INET ? 4 : address.family == AF_INET6 ? 6 : 0;
+}
+
+std::optional<ip_address> resolve(const char* host) {
+    auto found = resolve_address(host, usual_lookup);
+    if (!found)
         verbose_msg(-1, "Unable to resolve host: %s", host);
-        return result;
-    }
-    result.family = 0;
-    const auto* generic = reinterpret_cast<const uint8_t*>(list->ai_addr);
-    if (list->ai_family == AF_INET) {
-        result.family = 4;
-        result.words[0] = load_be32(generic + offsetof(sockaddr_in, sin_addr));
-    } else if (list->ai_family == AF_INET6) {
-        result.family = 6;
-        const uint8_t* bytes = generic + offsetof(sockaddr_in6, sin6_addr);
-        for (size_t i = 0; i < FILTER_ADDRESS_WORDS; ++i)
-            result.words[FILTER_ADDRESS_WORDS - 1 - i] = load_be32(bytes + 4 * i);
-    }
-    return result;
+    return found;
 }
 
 struct bounds {
@@ -90,9 +61,9 @@ struct bounds {
         std::fill_n(low, FILTER_ADDRESS_WORDS, 0u);
         std::fill_n(high, FILTER_ADDRESS_WORDS, ~0u);
     }
-    void set(const address& from, const address& to) const {
-        std::copy_n(from.words, from.count(), low);
-        std::copy_n(to.words, from.count(), high);
+    void set(const ip_address& from, const ip_address& to) const {
+        std::copy_n(from.words, count_words(from), low);
+        std::copy_n(to.words, count_words(from), high);
     }
 };
 
@@ -111,8 +82,8 @@ bounds bounds_of(int side, const bounds& source, const bounds& destination, uint
 
 // Bits behind the prefix become 0 in the lower bound, 1 in the upper one. A prefix of 0 means the
 // address alone: "/0" is far more often a slip than a wish for every address.
-void apply_prefix(int64_t prefix, address* low, address* high) {
-    const size_t count = low->count();
+void apply_prefix(int64_t prefix, ip_address* low, ip_address* high) {
+    const size_t count = count_words(*low);
     if (prefix < 1)
         return;
     const size_t free_bits = 32 * count - static_cast<size_t>(prefix);
@@ -125,39 +96,48 @@ void apply_prefix(int64_t prefix, address* low, address* high) {
 }
 
 int set_network(const char* host, int64_t prefix, const bounds& to) {
-    address low = resolve(host);
-    if (low.family <= 0)
-        return low.family;
-    if (prefix > static_cast<int64_t>(32 * low.count())) {
+    const std::optional<ip_address> address = resolve(host);
+    if (!address)
+        return faulty;
+    if (version_of(*address) == 0)
+        return 0;
+    if (prefix > static_cast<int64_t>(32 * count_words(*address))) {
         verbose_msg(-1, "Invalid mask found");
-        return no_address;
+        return faulty;
     }
-    address high = low;
+    ip_address low = *address;
+    ip_address high = *address;
     apply_prefix(prefix, &low, &high);
     to.set(low, high);
-    return low.family;
+    return version_of(low);
 }
 
 // The bounds are taken as they are given, also when the first is the higher one.
-int set_address_range(char* value, const bounds& to) {
-    const piece_array ends(char_split(value, '-', 0));
-    if (!ends[0] || !ends[1] || ends[2]) {
+int set_address_range(const char* value, const bounds& to) {
+    const split ends(value, '-');
+    if (ends.size() != 2) {
         verbose_msg(-1, "Bad formated address-range");
-        return no_address;
+        return faulty;
     }
-    const address low = resolve(ends[0]);
-    if (low.family == no_address)
-        return no_address;
-    const address high = resolve(ends[1]);
-    if (high.family == no_address)
-        return no_address;
-    if (low.family != high.family || low.family == 0) {
+    const std::optional<ip_address> low = resolve(ends[0]);
+    if (!low)
+        return faulty;
+    const std::optional<ip_address> high = resolve(ends[1]);
+    if (!high)
+        return faulty;
+    const int version = version_of(*low);
+    if (version == 0 || version != version_of(*high)) {
         verbose_msg(-1, "Unable to mix ipv4 and ipv6 address");
-        return no_address;
+        return faulty;
     }
-    verbose_msg(10, low.family == 4 ? "ipv4 addr found" : "ipv6 addr found");
-    to.set(low, high);
-    return low.family;
+    verbose_msg(10, version == 4 ? "ipv4 addr found" : "ipv6 addr found");
+    to.set(*low, *high);
+    return version;
+}
+
+// A prefix beside a range means nothing.
+int set_addresses(const char* hosts, int64_t prefix, const bounds& to) {
+    return std::strchr(hosts, '-') ? set_address_range(hosts, to) : set_network(hosts, prefix, to);
 }
 
 // ---- Ranges of numbers ----
@@ -169,9 +149,9 @@ struct range {
 };
 
 template <typename T>
-std::optional<range<T>> read_limits(char* value) {
-    const piece_array limits(char_split(value, '-', 0));  // a third piece is ignored
-    if (!limits[0] || !limits[1]) {
+std::optional<range<T>> read_limits(const char* value) {
+    const split limits(value, '-');  // a third piece is ignored
+    if (limits.size() < 2) {
         verbose_msg(-1, "Bad formatted range");
         return {};
     }
@@ -188,7 +168,7 @@ std::optional<range<T>> read_limits(char* value) {
 }
 
 template <typename T>
-std::optional<range<T>> read_range(char* value, bool allow_services) {
+std::optional<range<T>> read_range(const char* value, bool allow_services) {
     if (std::strchr(value, '-'))
         return read_limits<T>(value);
     if (const auto number = all_digits(value))
@@ -207,12 +187,12 @@ std::optional<range<T>> read_range(char* value, bool allow_services) {
 }
 
 template <typename T>
-int parse_range(char* value, int side, T* low1, T* high1, T* low2, T* high2, uint32_t* side_set,
-                bool allow_services) {
+int parse_range(const char* value, int side, T* low1, T* high1, T* low2, T* high2,
+                uint32_t* side_set, bool allow_services) {
     constexpr T last_port = 0xFFFF;
     const auto found = read_range<T>(value, allow_services);
     if (!found)
-        return -1;
+        return faulty;
     if (side != FILTER_SIDE_DESTINATION) {
         *low1 = found->low;
         *high1 = found->high;
@@ -239,31 +219,25 @@ int parse_range(char* value, int side, T* low1, T* high1, T* low2, T* high2, uin
 
 using namespace kestrel;
 
-int filter_parse_address(char* value, int side, uint32_t* src_low, uint32_t* src_high,
+int filter_parse_address(const char* value, int side, uint32_t* src_low, uint32_t* src_high,
                          uint32_t* dst_low, uint32_t* dst_high, uint32_t* side_set) {
     const bounds to = bounds_of(side, {src_low, src_high}, {dst_low, dst_high}, side_set);
-    char* host = value;
-    int64_t prefix = 0;
-    if (std::strchr(value, '/')) {
-        const piece_array pieces(char_split(value, '/', 0));
-        if (!pieces[0] || !pieces[1] || pieces[2]) {
-            verbose_msg(-1, "Bad formated address/mask");
-            return no_address;
-        }
-        host = pieces[0];
-        prefix = decimal(pieces[1]);
+    if (!std::strchr(value, '/'))
+        return set_addresses(value, 0, to);
+    const split pieces(value, '/');
+    if (pieces.size() != 2) {
+        verbose_msg(-1, "Bad formated address/mask");
+        return faulty;
     }
-    if (std::strchr(host, '-'))
-        return set_address_range(host, to);  // a prefix beside a range means nothing
-    return set_network(host, prefix, to);
+    return set_addresses(pieces[0], decimal(pieces[1]), to);
 }
 
-int filter_parse_range16(char* value, int side, uint16_t* low1, uint16_t* high1, uint16_t* low2,
-                         uint16_t* high2, uint32_t* side_set, int allow_services) {
+int filter_parse_range16(const char* value, int side, uint16_t* low1, uint16_t* high1,
+                         uint16_t* low2, uint16_t* high2, uint32_t* side_set, int allow_services) {
     return parse_range(value, side, low1, high1, low2, high2, side_set, allow_services != 0);
 }
 
-int filter_parse_range32(char* value, int side, uint32_t* low1, uint32_t* high1, uint32_t* low2,
-                         uint32_t* high2, uint32_t* side_set, int allow_services) {
+int filter_parse_range32(const char* value, int side, uint32_t* low1, uint32_t* high1,
+                         uint32_t* low2, uint32_t* high2, uint32_t* side_set, int allow_services) {
     return parse_range(value, side, low1, high1, low2, high2, side_set, allow_services != 0);
 }

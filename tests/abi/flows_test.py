@@ -114,6 +114,59 @@ class Flows(Run):
         self.assertEqual(running.lines(), [])
         self.assertEqual(self.collected(), FINAL[:1])
 
+    def rules(self, name, *lines):
+        path = os.path.join(os.path.dirname(self.out), name)
+        with open(path, "w", encoding="ascii") as rules:
+            rules.write("".join(line + "\n" for line in lines))
+        return f"filter:{path}"
+
+    def test_rules_keep_flows_from_their_export_alone(self):
+        rules = self.rules("rules", "not src addr 10.0.0.1", "src port 1000-2000")
+        running = self.start(
+            "final collect",
+            f"-I final -F {rules} -E collect:file={self.out} -E collect:file={self.second}")
+        self.wait_for_records(3, self.second)
+        self.interrupt(running)
+        self.assertEqual(self.collected(), [FINAL[0], FINAL[2], "flush"])
+        self.assertEqual(self.collected(self.second), FINAL + ["flush"])
+
+    def test_all_rule_files_of_an_export_must_keep_a_flow(self):
+        one = self.rules("one", "not src port 1000", "any")
+        other = self.rules("other", "fast src addr 10.0.0.0-10.0.0.1")
+        running = self.start(
+            "final collect", f"-I final -F {one} -F {other} -E collect:file={self.out} "
+            f"-E collect:file={self.second}")
+        self.wait_for_records(3, self.second)
+        self.interrupt(running)
+        self.assertEqual(self.collected(), [FINAL[1], "flush"])
+
+    def test_rules_see_the_interface_that_their_export_set(self):
+        three = self.rules("three", "phy 3", "any")
+        running = self.start(
+            "final collect", f"-I final -F {three} -E collect:file={self.out} "
+            f"-N 5 -F {three} -E collect:file={self.second}")
+        self.wait_for_records(3, self.second)
+        self.interrupt(running)
+        self.assertEqual(self.collected(), ["flush"])
+        self.assertEqual(self.collected(self.second),
+                         [line.replace(" 3 4 ip4", " 5 4 ip4") for line in FINAL] + ["flush"])
+
+    def test_rules_for_all_exports_end_the_program_at_the_first_flow_that_they_drop(self):
+        rules = self.rules("rules", "bytes 200", "any")
+        running = self.start("final collect",
+                             f"-I final -G {rules} -E collect:file={self.out}")
+        self.assertEqual(running.end(), 0)
+        self.assertEqual(running.lines(), [])
+        self.assertEqual(self.collected(), FINAL[:1])
+
+    def test_rules_for_all_exports_that_keep_every_flow_change_nothing(self):
+        rules = self.rules("rules", "fast src addr 10.0.0.0/8", "port domain")
+        running = self.start("final collect",
+                             f"-I final -G {rules} -E collect:file={self.out}")
+        self.wait_for_records(3)
+        self.assertEqual(self.interrupt(running), self.END)
+        self.assertEqual(self.collected(), FINAL + ["flush"])
+
     def test_packets_become_flows(self):
         running = self.start("flows collect",
                              f"-q 10 -t 6000:600 -I flows -E collect:file={self.out}"

@@ -102,7 +102,7 @@ class Loader(unittest.TestCase):
 
     def test_a_description_of_several_lines_is_listed_whole(self):
         _, text, _ = probe.run(PROGRAM, ["-X", plugin("drop"), "-l"])
-        self.assertIn("\nFILTER Plugin(s)\nname: drop\nDrops a port\n\n\nEXPORT Plugin(s)\n", text)
+        self.assertIn("\n\nname: drop\nDrops a port\n\n\nEXPORT Plugin(s)\n", text)
 
 
 def add_loader_row(name, refusal):

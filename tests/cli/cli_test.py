@@ -129,12 +129,16 @@ class Texts(unittest.TestCase):
                 found[-1].append(line)
         self.assertEqual(found, [
             ["INPUT Plugin(s)", "name: pcap"],
-            ["FILTER Plugin(s)"],
+            ["FILTER Plugin(s)", "name: filter"],
             ["EXPORT Plugin(s)", "name: null", "name: netflow-v5", "name: netflow-v9",
              "name: ipfix"],
         ])
         self.assertTrue(text.startswith("\nINPUT Plugin(s)\nname: pcap\nPcap packet input driver"))
-        self.assertIn("\n\n\nFILTER Plugin(s)\n", text)
+        self.assertIn(
+            "\n\n\nFILTER Plugin(s)\nname: filter\n"
+            "Allows filter outgoing flows by addr, port, etc.\n"
+            "Mandatory parameter is filename with filter configuration.\n"
+            "For details about filter rules see the documentation.\n\n", text)
         self.assertIn(
             "\n\nEXPORT Plugin(s)\nname: null\n"
             "Null exporter. Passes flows to blackhole.\nNeed no parameters\n\n"

@@ -1,4 +1,4 @@
-// Owners of what the C services hand out: heap blocks, split texts, the lines of a file.
+// Owners of what the C services hand out: texts on the heap, the lines of a file.
 #pragma once
 
 #include <cstddef>
@@ -20,9 +20,6 @@ inline heap_text heap_copy(const char* text, size_t length) {
     auto* copy = static_cast<char*>(malloc_wrapper(length + 1, 0));
     return heap_text(static_cast<char*>(std::memcpy(copy, text, length)));
 }
-
-// What char_split returns. A copy that it made is its first piece, and has to be owned beside it.
-using piece_array = std::unique_ptr<char*[], free_heap>;
 
 struct free_lines {
     void operator()(char** lines) const {

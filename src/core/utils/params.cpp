@@ -3,13 +3,18 @@
 // or '='.
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
-#include "core/utils/heap.h"
 #include "core/utils/log.h"
 #include "kestrelexp/service.h"
 
 namespace kestrel {
 namespace {
+
+struct free_heap {
+    void operator()(void* block) const { std::free(block); }
+};
+using piece_array = std::unique_ptr<char*[], free_heap>;
 
 size_t count_separators(const char* text, char separator) {
     size_t count = 0;
@@ -72,7 +77,8 @@ char** char_split(char* text, int separator, int copy) {
             ++text;
         if (!*text)
             return char_split(nullptr, separator, 0);
-        text = heap_copy(text, std::strlen(text)).release();
+        const size_t size = std::strlen(text) + 1;
+        text = static_cast<char*>(std::memcpy(malloc_wrapper(size, 0), text, size));
     }
     const size_t most = count_separators(text, cut) + 2;
     char** pieces = static_cast<char**>(malloc_wrapper(most * sizeof(char*), 0));

@@ -32,6 +32,7 @@ void* plugin_export_init(char* params, struct getter* getters) {
     check_flow_engine();
     check_plugins();
     check_templates(getters);
+    check_rules();
     check_addresses();
     verbose_msg(-1, "everything: %i failures", failures);
     return NULL;

@@ -15,6 +15,7 @@ void check_accessors(void);
 void check_packets(void);
 void check_flow_engine(void);
 void check_plugins(void);
+void check_rules(void);
 void check_addresses(void);
 
 struct getter;
