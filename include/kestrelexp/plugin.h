@@ -33,7 +33,16 @@ struct plugin_description {
     const char* name;        /* chosen by on the command line; unique within the kind */
     const char* description; /* help text of -l, may have several lines */
     uint16_t data_size;      /* bytes wanted in every record's data space; input and process only */
-    int32_t flags;           /* process plugins: non-zero = needs the packet behind each record */
+    int32_t flags;           /* process plugins: non-zero = needs the packet behind each record;
+                                filter plugins: a sum of FILTER_* bits; else 0 */
+};
+
+/* What a filter plugin may ask for in its description's flags. Bit 0 has no meaning for filters:
+ * an object that is process plugin and filter with one description may have set it. */
+enum filter_flag {
+    /* params is all that stands behind the name and its ':', further ':' included; NULL when that
+     * is nothing. Without this bit params ends at the next ':', as for every other plugin. */
+    FILTER_WHOLE_PARAMS = 0x100
 };
 
 typedef const struct plugin_description* plugin_desc_function(void);

@@ -52,6 +52,13 @@ const char* or_empty(const char* text) {
     return text != nullptr ? text : "";
 }
 
+// All that stands behind the name in "name:params", where it was given; null when that is nothing.
+char* whole_params(char* argument) {
+    char* const name = argument + std::strspn(argument, ":");
+    char* const end = name + std::strcspn(name, ":");
+    return end[0] != '\0' && end[1] != '\0' ? end + 1 : nullptr;
+}
+
 template <typename Plugin>
 Plugin& choose(const settings& from, const char* name, const char* not_found) {
     Plugin* const plugin = find_by_prefix<Plugin>(from.run.registry, name);
@@ -63,7 +70,12 @@ Plugin& choose(const settings& from, const char* name, const char* not_found) {
 filter_plugin chosen_filter(const settings& from, char* argument) {
     const argument_pair given = split_pair(argument);
     filter_plugin filter = choose<filter_plugin>(from, given.first, "Filter");
-    filter.params = kept_params(given);
+    if ((filter.desc()->flags & FILTER_WHOLE_PARAMS) != 0) {
+        std::free(given.first);
+        filter.params = whole_params(argument);
+    } else {
+        filter.params = kept_params(given);
+    }
     return filter;
 }
 

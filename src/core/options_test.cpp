@@ -31,6 +31,11 @@ const plugin_description* desc_packets() {
     return &description;
 }
 
+const plugin_description* desc_whole() {
+    static const plugin_description description{"whole", "", 0, FILTER_WHOLE_PARAMS};
+    return &description;
+}
+
 flow_key no_flow(void*, flow_record*) {
     return 0;
 }
@@ -55,6 +60,8 @@ struct Options : testing::Test {
             add_process_plugin(registry, desc, nullptr, nullptr, nullptr, nullptr, nullptr);
             add_filter_plugin(registry, desc, nullptr, nullptr);
         }
+        add_filter_plugin(registry, desc_whole, nullptr, nullptr);
+        add_process_plugin(registry, desc_whole, nullptr, nullptr, nullptr, nullptr, nullptr);
     }
     void TearDown() override {
         kestrel_vlan_offset = kestrel_mpls_offset = kestrel_mac_offset = 0;
@@ -133,6 +140,38 @@ TEST_F(Options, ColonsInARowCountAsOne) {
     parse("-E :a::b:c");
     EXPECT_STREQ(exports()[0].name, "a");
     EXPECT_STREQ(exports()[0].params, "b");
+}
+
+TEST_F(Options, AFilterMayAskForItsParamsWhole) {
+    parse("-G whole:a:b::c -F whole:2001:db8::/32: -F plain:a:b -E e");
+    EXPECT_STREQ(given.run.global_filters[0].params, "a:b::c");
+    ASSERT_EQ(exports()[0].filters.size(), 2u);
+    EXPECT_STREQ(exports()[0].filters[0].params, "2001:db8::/32:");
+    EXPECT_STREQ(exports()[0].filters[1].params, "a");
+}
+
+TEST_F(Options, WholeParamsBeginBehindTheFirstColonOfTheName) {
+    parse("-G wh::a -G ::whole:a:b -G whole:a");
+    EXPECT_STREQ(given.run.global_filters[0].params, ":a");
+    EXPECT_STREQ(given.run.global_filters[1].params, "a:b");
+    EXPECT_STREQ(given.run.global_filters[2].params, "a");
+}
+
+TEST_F(Options, WholeParamsOfNothingAreNone) {
+    parse("-G whole -G whole:");
+    EXPECT_EQ(given.run.global_filters[0].params, nullptr);
+    EXPECT_EQ(given.run.global_filters[1].params, nullptr);
+}
+
+TEST_F(Options, OnlyOneFlagOfAFilterAsksForWholeParams) {
+    parse("-G packets:a:b");  // its flags are 1
+    EXPECT_STREQ(given.run.global_filters[0].params, "a");
+}
+
+TEST_F(Options, AnyFlagOfAProcessPluginMeansPackets) {
+    parse("-P whole:a:b");
+    EXPECT_STREQ(given.run.processes[0].params, "a");
+    EXPECT_NE(given.run.registry.process_flag, 0);
 }
 
 TEST_F(Options, ADirectoryBehindTheLastExportOpensNone) {
