@@ -44,6 +44,38 @@ KX_API filter_init_function filter_init;
 /* 0 keeps the flow, 1 drops it. Reads instance and record, changes neither. */
 KX_API filter_filter_function filter_test;
 
+/* ---- The anonymizer: a filter that rewrites addresses and ports and keeps every flow ---- */
+
+KX_API plugin_desc_function anonymizer_desc;
+KX_API filter_init_function anonymizer_init;
+KX_API filter_filter_function anonymizer_process;
+
+/* ---- The AS helper: a filter that looks AS numbers up and keeps every flow ---- */
+
+struct as_helper_state;
+
+/* The first n bits of an IPv4 network: entry n has the n most significant bits set. */
+extern KX_API const uint32_t mask_array4[33];
+/* The first n bits of an IPv6 network, least significant word first: word i of entry n is
+ * mask_array4[min(32, max(0, n - 32 * i))]. A short prefix thus covers the end of an address. */
+extern KX_API const uint32_t mask_array6[129][4];
+
+KX_API plugin_desc_function as_helper_desc;
+/* params: path of the table. Adds the getters SRC_AS, DST_AS, SRC_AS32 and DST_AS32. */
+KX_API filter_init_function as_helper_init;
+KX_API filter_filter_function as_helper_lookup;
+
+/* Loads the table (old NULL) or loads it anew into old. Returns the state, NULL when there is
+ * none: the file cannot be read or does not make a table. path is borrowed for good. */
+KX_API struct as_helper_state* __as_helper_init(const char* path, struct as_helper_state* old);
+
+/* The getters' functions; context is the state. They tell of the flow that was looked up last. */
+KX_API getter_valid_function as_helper_ok; /* always 1 */
+KX_API getter_length_function as_helper_4; /* always 4 */
+KX_API getter_get_function as_helper_get_src, as_helper_get_dst;
+
+/* ---- The collector connection ---- */
+
 /* A socket connected to host:port. protocol: IP protocol number, 17, 6 or 132 (datagram for 17,
  * stream for all others). ip: 4, 6, 46 (4 first) or 64 (6 first). Returns a descriptor greater
  * than 0, or 0 or less on failure. The caller owns the descriptor. */

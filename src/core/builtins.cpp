@@ -41,6 +41,8 @@ constexpr builtin builtins[] = {
     exporter(exporter_nf9_desc, exporter_nf9_init, exporter_nf9_export, exporter_nf9_flush),
     exporter(exporter_ipfix_desc, exporter_ipfix_init, exporter_ipfix_export, exporter_ipfix_flush),
     filter(filter_desc, filter_init, filter_test),
+    filter(as_helper_desc, as_helper_init, as_helper_lookup),
+    filter(anonymizer_desc, anonymizer_init, anonymizer_process),
 };
 
 }  // namespace

@@ -11,6 +11,7 @@ enum exit_status : int {
     exit_ok = 0,
     exit_config = -1,          // 255: configuration and initialisation errors
     exit_unknown_export = -3,  // 253
+    exit_cipher = -11,         // 245: the anonymizer's cipher failed
     exit_huge_memory = -42,    // 214: no hugetlbfs file
     exit_queue_thread = -444,  // 68: no thread for the remover
     exit_memory = -666,        // 102: memory exhausted

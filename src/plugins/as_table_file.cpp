@@ -1,0 +1,97 @@
+// AS tables from their text form; see as_table_file.h. Takes time in proportion to the file (and a
+// sort); holds nothing of it afterwards.
+#include "plugins/as_table_file.h"
+
+#include <netdb.h>
+#include <sys/socket.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+
+#include "core/utils/address.h"
+#include "core/utils/log.h"
+#include "kestrelexp/service.h"
+
+namespace kestrel {
+namespace {
+
+class config_lines {
+  public:
+    explicit config_lines(const char* path) : lines_(read_config(path)) {}
+    ~config_lines() {
+        for (char** line = lines_; line != nullptr && *line != nullptr; ++line)
+            std::free(*line);
+        std::free(lines_);
+    }
+    config_lines(const config_lines&) = delete;
+    config_lines& operator=(const config_lines&) = delete;
+
+    char** get() const { return lines_; }
+
+  private:
+    char** lines_;
+};
+
+struct as_line {
+    const char* number;
+    const char* address;
+    const char* prefix;
+};
+
+// Cuts the line at its first '-' and its first '/', between which the address stands.
+bool cut(char* line, as_line& to) {
+    char* const dash = std::strchr(line, '-');
+    char* const slash = std::strchr(line, '/');
+    if (dash == nullptr || slash == nullptr || slash < dash)
+        return false;
+    *dash = '\0';
+    *slash = '\0';
+    to = {line, dash + 1, slash + 1};
+    return true;
+}
+
+uint16_t prefix_length(const char* text, uint16_t most) {
+    const long length = std::strtol(text, nullptr, 10);
+    if (length >= 0 && length <= most)
+        return static_cast<uint16_t>(length);
+    verbose_msg(-1, "Network mask out of range: %s", text);
+    return most;
+}
+
+bool add_line(const as_line& line, as_tables& to) {
+    const auto address = resolve_address(line.address, AI_NUMERICHOST);
+    if (!address) {
+        verbose_msg(-1, "Unable to get addr: %s", line.address);
+        return false;
+    }
+    const auto number = static_cast<uint32_t>(std::strtol(line.number, nullptr, 10));
+    if (address->family == AF_INET)
+        to.table4.push_back(
+            make_as4_entry(number, address->words[0], prefix_length(line.prefix, 32)));
+    else if (address->family == AF_INET6)
+        to.table6.push_back(
+            make_as6_entry(number, address->words, prefix_length(line.prefix, 128)));
+    return true;
+}
+
+}  // namespace
+
+as_file read_as_tables(const char* path, as_tables& tables) {
+    const config_lines lines(path);
+    if (lines.get() == nullptr)
+        return as_file::unreadable;
+    for (int i = 0; lines.get()[i] != nullptr; ++i) {
+        as_line line;
+        if (!cut(lines.get()[i], line)) {
+            verbose_msg(-1, "AS Helper found invalid config line: %i", i);
+            return as_file::faulty;
+        }
+        if (!add_line(line, tables))
+            return as_file::faulty;
+    }
+    sort_as_tables(tables);
+    return as_file::loaded;
+}
+
+}  // namespace kestrel

@@ -1,0 +1,14 @@
+// AS tables from their text form. Record loop thread, at start-up and when the file has changed.
+#pragma once
+
+#include "plugins/as_table.h"
+
+namespace kestrel {
+
+enum class as_file { unreadable, faulty, loaded };
+
+// Reads lines "ASN-ADDRESS/PREFIX" into sorted tables. Reports a faulty line, and says nothing of a
+// file that cannot be read; tables hold nothing of use then.
+as_file read_as_tables(const char* path, as_tables& tables);
+
+}  // namespace kestrel
