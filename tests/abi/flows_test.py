@@ -294,6 +294,17 @@ class Faults(Run):
         self.expect("final filter_fails", "-I final -F variant -E null",
                     "Unable to filter plugin: variant with args: (null)")
 
+    def test_a_filter_may_want_its_parameters_whole(self):
+        for place in "GF":
+            self.expect("final filter_whole", f"-I final -{place} variant:a=1:2::3 -E null",
+                        "Unable to filter plugin: variant with args: a=1:2::3")
+            self.expect("final filter_fails", f"-I final -{place} variant:a=1:2::3 -E null",
+                        "Unable to filter plugin: variant with args: a=1")
+            self.expect("final filter_flag_1", f"-I final -{place} variant:a=1:2::3 -E null",
+                        "Unable to filter plugin: variant with args: a=1")
+        self.expect("final filter_whole", "-I final -G variant: -E null",
+                    "Unable to filter plugin: variant with args: (null)")
+
     def test_global_filters_start_before_exports_are_looked_at(self):
         self.expect("final filter_fails", "-I final -G variant",
                     "Unable to filter plugin: variant with args: (null)")

@@ -129,7 +129,7 @@ class Texts(unittest.TestCase):
                 found[-1].append(line)
         self.assertEqual(found, [
             ["INPUT Plugin(s)", "name: pcap"],
-            ["FILTER Plugin(s)", "name: filter"],
+            ["FILTER Plugin(s)", "name: filter", "name: as_helper", "name: anonymizer"],
             ["EXPORT Plugin(s)", "name: null", "name: netflow-v5", "name: netflow-v9",
              "name: ipfix"],
         ])
@@ -139,6 +139,13 @@ class Texts(unittest.TestCase):
             "Allows filter outgoing flows by addr, port, etc.\n"
             "Mandatory parameter is filename with filter configuration.\n"
             "For details about filter rules see the documentation.\n\n", text)
+        self.assertIn(
+            "\n\nname: as_helper\n"
+            "AS helper converts SRC and DST IPv4/IPv6 address to 32bit AS number.\n", text)
+        self.assertIn(
+            "\n\nname: anonymizer\n"
+            "Anonymizer hide some flow fields using masking or AES128 cipher to make anonymized "
+            "flow data.\nParameter is mode with it's parameters.\n", text)
         self.assertIn(
             "\n\nEXPORT Plugin(s)\nname: null\n"
             "Null exporter. Passes flows to blackhole.\nNeed no parameters\n\n"

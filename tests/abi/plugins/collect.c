@@ -1,5 +1,6 @@
 /* An export that writes each record as a line of text (-E collect:file=PATH), and "flush" for each
- * flush. offset and length name bytes of the record that are added in hexadecimal. */
+ * flush. offset and length name bytes of the record that are added in hexadecimal; fields=NAME/NAME
+ * names getters whose values are added as NAME=HEX, in network order. */
 #include <stdio.h>
 #include <stdlib.h>
 
@@ -8,10 +9,14 @@
 
 int32_t plugin_type = PLUGIN_KIND_EXPORT;
 
+enum { FIELD_LIMIT = 8, WIDEST_FIELD = 16 };
+
 struct collector {
     FILE* file;
     int32_t offset;
     int32_t length;
+    uint32_t field_count;
+    struct getter fields[FIELD_LIMIT];
 };
 
 const struct plugin_description* plugin_export_desc(void) {
@@ -19,16 +24,40 @@ const struct plugin_description* plugin_export_desc(void) {
     return &description;
 }
 
+/* Whether every name, parted by '/', is the name of a getter. */
+static int find_fields(struct collector* collector, char* names, struct getter* getters) {
+    char** const pieces = char_split(names, '/', 0);
+    for (char** name = pieces; *name != NULL; ++name) {
+        const struct getter* field = getter_by_name(getters, *name);
+        if (field == NULL || field->length > WIDEST_FIELD || collector->field_count == FIELD_LIMIT)
+            return 0;
+        collector->fields[collector->field_count++] = *field;
+    }
+    free(pieces);
+    return 1;
+}
+
+static void print_field(FILE* file, const struct getter* field, const struct flow_record* record) {
+    uint8_t value[WIDEST_FIELD];
+    field->get(field->context, record, value, field->length, 1, field);
+    char* text = str2hexa(value, field->length);
+    fprintf(file, " %s=%s", field->name, text);
+    free(text);
+}
+
 void* plugin_export_init(char* params, struct getter* getters) {
     struct collector* collector = malloc_wrapper(sizeof *collector, 0);
     char* path = NULL;
+    char* names = NULL;
     const struct config_setting settings[] = {
         {"file", (void*)&path, CONFIG_STRING},
         {"offset", &collector->offset, CONFIG_INTEGER},
         {"length", &collector->length, CONFIG_INTEGER},
+        {"fields", (void*)&names, CONFIG_STRING},
         {NULL, NULL, 0},
     };
-    if (config_set_values(params, settings) != 0 || path == NULL || getters == NULL)
+    if (config_set_values(params, settings) != 0 || path == NULL || getters == NULL ||
+        !find_fields(collector, names, getters))
         return NULL;
     collector->file = fopen(path, "w");
     return collector->file == NULL ? NULL : collector;
@@ -47,6 +76,8 @@ uint32_t plugin_export_export(void* instance, struct flow_record* r) {
         fprintf(collector->file, " +%s", area);
         free(area);
     }
+    for (uint32_t i = 0; i < collector->field_count; ++i)
+        print_field(collector->file, &collector->fields[i], r);
     fprintf(collector->file, "\n");
     fflush(collector->file);
     return 0;

@@ -30,6 +30,7 @@ void* plugin_export_init(char* params, struct getter* getters) {
     check_accessors();
     check_packets();
     check_flow_engine();
+    check_filters();
     check_plugins();
     check_templates(getters);
     check_rules();

@@ -14,6 +14,7 @@ void check_getters(void);
 void check_accessors(void);
 void check_packets(void);
 void check_flow_engine(void);
+void check_filters(void);
 void check_plugins(void);
 void check_rules(void);
 void check_addresses(void);

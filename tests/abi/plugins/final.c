@@ -1,7 +1,10 @@
 /* An input of finished flows. Flow i of count (-I final:count=N), from 0:
  *   start (i + 1) s, end 0.5 s later, packets i + 1, bytes 100 * (i + 1), UDP,
- *   10.0.0.0 + i, port 1000 + i -> 192.0.2.1, port 53. */
+ *   10.0.0.0 + i, port 1000 + i -> 192.0.2.1, port 53.
+ * Times count from since=SECONDS; each flow takes every_ms=MILLISECONDS to come; with ipv6=1 the
+ * addresses are 2001:db8::0 + i -> 2001:db8::ffff. */
 #define _POSIX_C_SOURCE 200809L
+#include <string.h>
 #include <time.h>
 
 #include "kestrelexp/plugin.h"
@@ -10,6 +13,9 @@
 int32_t plugin_type = PLUGIN_KIND_INPUT;
 
 static int32_t count = 3;
+static int32_t since;
+static int32_t every_ms;
+static int32_t is_ipv6;
 static int32_t delivered;
 
 const struct plugin_description* plugin_input_desc(void) {
@@ -18,7 +24,11 @@ const struct plugin_description* plugin_input_desc(void) {
 }
 
 void* plugin_input_init(char* params, int needs_packets, uint16_t data_offset) {
-    const struct config_setting settings[] = {{"count", &count, CONFIG_INTEGER}, {NULL, NULL, 0}};
+    const struct config_setting settings[] = {{"count", &count, CONFIG_INTEGER},
+                                              {"since", &since, CONFIG_INTEGER},
+                                              {"every_ms", &every_ms, CONFIG_INTEGER},
+                                              {"ipv6", &is_ipv6, CONFIG_INTEGER},
+                                              {NULL, NULL, 0}};
     (void)data_offset;
     if (needs_packets != 0 || config_set_values(params, settings) != 0)
         return NULL;
@@ -37,27 +47,45 @@ static void check_prepared(const struct flow_record* record) {
         verbose_msg(-1, "final: the record is not prepared");
 }
 
+static void set_addresses(struct flow_record* record, uint32_t i) {
+    static const uint8_t network[4] = {0xB8, 0x0D, 0x01, 0x20};
+    record->l3protocol = is_ipv6 ? 6 : 4;
+    if (!is_ipv6) {
+        record->ipv4.srcipv4 = 0x0A000000 + i;
+        record->ipv4.dstipv4 = 0xC0000201;
+        record->ipv4.tos = 8;
+        return;
+    }
+    memset(&record->ipv6, 0, sizeof record->ipv6);
+    memcpy(record->ipv6.srcipv6, &i, sizeof i);
+    memcpy(record->ipv6.srcipv6 + 12, network, sizeof network);
+    memset(record->ipv6.dstipv6, 0xFF, 2);
+    memcpy(record->ipv6.dstipv6 + 12, network, sizeof network);
+}
+
+static void pause_ms(long ms) {
+    const struct timespec pause = {ms / 1000, ms % 1000 * 1000 * 1000};
+    nanosleep(&pause, NULL);
+}
+
 flow_key plugin_input_get_final_flow(void* instance, struct flow_record* record) {
     const uint32_t i = (uint32_t)delivered;
     (void)instance;
     check_prepared(record);
     if (delivered == count) {
-        const struct timespec pause = {0, 5 * 1000 * 1000};
-        nanosleep(&pause, NULL);
+        pause_ms(5);
         record->packets = 77; /* nothing of this may show: the record was not delivered */
         return -1;
     }
+    pause_ms(every_ms);
     ++delivered;
-    record->start = (i + 1) * UINT64_C(1000000000);
+    record->start = (uint64_t)(since + (int64_t)i + 1) * UINT64_C(1000000000);
     record->end = record->start + 500000000;
     record->packets = i + 1;
     record->bytes = 100 * (i + 1);
     record->inputsnmp = 3;
     record->outputsnmp = 4;
-    record->ipv4.srcipv4 = 0x0A000000 + i;
-    record->ipv4.dstipv4 = 0xC0000201;
-    record->ipv4.tos = 8;
-    record->l3protocol = 4;
+    set_addresses(record, i);
     record->l4protocol = 17;
     record->srcport = (uint16_t)(1000 + i);
     record->dstport = 53;

@@ -9,13 +9,16 @@
 #ifndef DATA_SIZE
 #define DATA_SIZE 0
 #endif
+#ifndef FLAGS
+#define FLAGS 0
+#endif
 #ifdef INIT_FAILS
 #define INSTANCE ((void*)0)
 #else
 #define INSTANCE ((void*)1)
 #endif
 
-const struct plugin_description description = {NAME, "built for a test", DATA_SIZE, 0};
+const struct plugin_description description = {NAME, "built for a test", DATA_SIZE, FLAGS};
 
 #ifdef PLUGIN_TYPE
 int32_t plugin_type = PLUGIN_TYPE;

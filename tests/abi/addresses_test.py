@@ -1,0 +1,337 @@
+"""The filters that look at addresses, through the whole program: AS numbers and anonymized records
+as exports and collectors see them."""
+
+import contextlib
+import os
+import re
+import shutil
+import socket
+import struct
+import subprocess
+import tempfile
+import time
+import unittest
+
+from abi import main
+import probe
+from flows_test import FINAL, Run
+
+V5_RECORD = struct.Struct(">4s4s4sHHIIIIHHBBBBHHBBH")
+KEY = "0123456789abcdef"
+
+
+def dotted(text):
+    return socket.inet_aton(text)
+
+
+class Addresses(Run):
+    """What the cases of this file share: a table, a NetFlow v5 collector, records as text."""
+
+    def setUp(self):
+        super().setUp()
+        self.directory = tempfile.mkdtemp()
+        self.addCleanup(shutil.rmtree, self.directory)
+
+    def table(self, *lines, name="as.txt"):
+        """Puts the file in its place at once, a second newer than the last one."""
+        path = os.path.join(self.directory, name)
+        with open(path + ".new", "w", encoding="ascii") as file:
+            file.write("".join(line + "\n" for line in lines))
+        last = os.stat(path).st_mtime if os.path.exists(path) else 1_600_000_000
+        os.utime(path + ".new", (last + 1, last + 1))
+        os.rename(path + ".new", path)
+        return path
+
+    def collector(self):
+        receiver = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.addCleanup(receiver.close)
+        receiver.bind(("127.0.0.1", 0))
+        receiver.settimeout(probe.SECONDS_TO_WAIT)
+        return receiver
+
+    @staticmethod
+    def to(receiver):
+        return f"netflow-v5:host=127.0.0.1,port={receiver.getsockname()[1]}"
+
+    @staticmethod
+    def v5_records(receiver, count):
+        """(source, destination, source port, destination port, source AS, destination AS)"""
+        records = []
+        while len(records) < count:
+            packet = receiver.recv(2048)
+            for at in range(24, len(packet), V5_RECORD.size):
+                fields = V5_RECORD.unpack_from(packet, at)
+                records.append((fields[0], fields[1], fields[9], fields[10], fields[15],
+                                fields[16]))
+        return records
+
+    def run_to_the_end(self, arguments):
+        """Three flows through the program; those that wait for company leave with the flush."""
+        with contextlib.suppress(FileNotFoundError):
+            os.unlink(self.second)  # of an earlier run of the same test
+        running = self.start("final collect", f"-I final{arguments} -E collect:file={self.second}")
+        self.wait_for_records(3, self.second)
+        self.interrupt(running)
+
+    def collected_by(self, arguments, *receivers):
+        """What each collector got."""
+        self.run_to_the_end(arguments)
+        return [self.v5_records(receiver, 3) for receiver in receivers]
+
+    def collected_lines(self, arguments):
+        """What the collecting export wrote to its file."""
+        self.run_to_the_end(arguments)
+        return [line for line in self.collected() if line != "flush"]
+
+    def expect_refusal(self, arguments, *lines):
+        running = self.start("final", f"-I final {arguments} -E null")
+        self.assertEqual(running.end(), 255)
+        self.assertEqual(running.lines(), list(lines))
+
+
+class AsNumbers(Addresses):
+    """The AS helper: numbers at a collector, in getters, and from a file that changes."""
+
+    TABLE = ["# test", "65001-10.0.0.1/32", "4200000513-192.0.2.0/24"]  # the latter 0xFA56EC01
+
+    def numbers(self, records):
+        return [record[4:6] for record in records]
+
+    def test_numbers_reach_a_collector(self):
+        receiver = self.collector()
+        got, = self.collected_by(f" -F as_helper:{self.table(*self.TABLE)} "
+                              f"-E {self.to(receiver)}", receiver)
+        # Of a number of 32 bits the field holds the low 16.
+        self.assertEqual(self.numbers(got), [(0, 0xEC01), (65001, 0xEC01), (0, 0xEC01)])
+
+    def test_a_global_helper_serves_every_export(self):
+        one, two = self.collector(), self.collector()
+        got = self.collected_by(f" -G as_helper:{self.table(*self.TABLE)} -E {self.to(one)} "
+                             f"-E {self.to(two)}", one, two)
+        for records in got:
+            self.assertEqual(self.numbers(records), [(0, 0xEC01), (65001, 0xEC01), (0, 0xEC01)])
+
+    def test_a_helper_of_one_export_serves_no_other(self):
+        one, two, three = self.collector(), self.collector(), self.collector()
+        got = self.collected_by(
+            f" -E {self.to(one)} -F as_helper:{self.table(*self.TABLE)} -E {self.to(two)} "
+            f"-E {self.to(three)}", one, two, three)
+        self.assertEqual(self.numbers(got[0]), [(0, 0)] * 3)
+        self.assertEqual(self.numbers(got[1]), [(0, 0xEC01), (65001, 0xEC01), (0, 0xEC01)])
+        self.assertEqual(self.numbers(got[2]), [(0, 0)] * 3)
+
+    def test_two_exports_may_have_tables_of_their_own(self):
+        one, two = self.collector(), self.collector()
+        first = self.table("1-10.0.0.0/24", name="one")
+        second = self.table("2-10.0.0.0/24", name="two")
+        got = self.collected_by(f" -F as_helper:{first} -E {self.to(one)} "
+                             f"-F as_helper:{second} -E {self.to(two)}", one, two)
+        self.assertEqual(self.numbers(got[0]), [(1, 0)] * 3)
+        self.assertEqual(self.numbers(got[1]), [(2, 0)] * 3)
+
+    def test_a_real_collector_shows_the_numbers(self):
+        free = self.collector()
+        port = free.getsockname()[1]
+        free.close()
+        flows = os.path.join(self.directory, "flows")
+        os.mkdir(flows)
+        nfcapd = subprocess.Popen(
+            ["nfcapd", "-w", flows, "-b", "127.0.0.1", "-p", str(port), "-t", "600"],
+            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.addCleanup(nfcapd.wait)
+        self.addCleanup(nfcapd.kill)
+        self.wait_until(lambda: f":{port:04X} " in open("/proc/self/net/udp").read())
+        self.run_to_the_end(f" -F as_helper:{self.table(*self.TABLE)} "
+                            f"-E netflow-v5:host=127.0.0.1,port={port}")
+        nfcapd.terminate()
+        self.assertEqual(nfcapd.wait(timeout=probe.SECONDS_TO_WAIT), 0)
+        shown = subprocess.run(["nfdump", "-N", "-q", "-R", flows, "-o", "fmt:%sa %da %sas %das"],
+                               check=True, capture_output=True, text=True,
+                               stdin=subprocess.DEVNULL).stdout
+        self.assertEqual(sorted(line.split() for line in shown.splitlines()), [
+            ["10.0.0.0", "192.0.2.1", "0", "60417"], ["10.0.0.1", "192.0.2.1", "65001", "60417"],
+            ["10.0.0.2", "192.0.2.1", "0", "60417"]])
+
+    def wait_until(self, holds):
+        end = time.monotonic() + probe.SECONDS_TO_WAIT
+        while not holds():
+            self.assertLess(time.monotonic(), end)
+            time.sleep(0.01)
+
+    def test_getters_give_both_widths(self):
+        lines = self.collected_lines(
+            f" -F as_helper:{self.table(*self.TABLE)} -E collect:file={self.out},"
+            "fields=SRC_AS/DST_AS/SRC_AS32/DST_AS32")
+        self.assertEqual(lines, [
+            FINAL[0] + " SRC_AS=0000 DST_AS=EC01 SRC_AS32=00000000 DST_AS32=FA56EC01",
+            FINAL[1] + " SRC_AS=FDE9 DST_AS=EC01 SRC_AS32=0000FDE9 DST_AS32=FA56EC01",
+            FINAL[2] + " SRC_AS=0000 DST_AS=EC01 SRC_AS32=00000000 DST_AS32=FA56EC01"])
+
+    def test_an_ipv6_prefix_covers_the_last_bits(self):
+        table = self.table("7-2001:db8::2/32", "65002-2001:db8::/32")
+        lines = self.collected_lines(f":ipv6=1 -G as_helper:{table} "
+                               f"-E collect:file={self.out},fields=SRC_AS32/DST_AS32")
+        self.assertEqual([line.split()[-2:] for line in lines], [
+            ["SRC_AS32=0000FDEA", "DST_AS32=00000000"],
+            ["SRC_AS32=00000000", "DST_AS32=00000000"],
+            ["SRC_AS32=00000007", "DST_AS32=00000000"]])
+
+    def test_the_fields_join_the_chain_that_the_helper_stands_in(self):
+        running = self.start("final", f"-v 1 -I final -G as_helper:{self.table(*self.TABLE)} "
+                                      "-E null")
+        running.wait_for_line("VERBOSE: 0:Kestrel OK")
+        fields = [re.sub("^VERBOSE: 1:", "", line) for line in self.interrupt(running)
+                  if "_AS" in line]
+        own = ["SRC_AS - 2", "DST_AS - 2", "SRC_AS32 - 4", "DST_AS32 - 4"]
+        self.assertEqual(fields, [f"Base Getter: {field}" for field in own] +
+                         [f"Getter: {field}" for field in own])
+
+    def test_a_chain_has_one_helper_at_most(self):
+        path = self.table(*self.TABLE)
+        self.expect_refusal(f"-G as_helper:{path} -F as_helper:{path}",
+                            "Duplicate getter found: SRC_AS")
+
+    def test_a_table_that_is_none_ends_the_start(self):
+        args = "Unable to filter plugin: as_helper with args: "
+        self.expect_refusal("-G as_helper", args + "(null)")
+        self.expect_refusal("-G as_helper:/nonexistent", args + "/nonexistent")
+        path = self.table("65001-10.0.0.0/8", "65001 11.0.0.0/8")
+        self.expect_refusal(f"-F as_helper:{path}", "AS Helper found invalid config line: 1",
+                            args + path)
+        path = self.table("65001-localhost/8")
+        self.expect_refusal(f"-F as_helper:{path}", "Unable to get addr: localhost", args + path)
+
+    def test_a_prefix_out_of_range_is_a_warning(self):
+        path = self.table("65001-10.0.0.1/40")
+        running = self.start("final", f"-I final -G as_helper:{path} -E null")
+        running.wait_for_line("Network mask out of range: 40")
+        self.interrupt(running)
+
+    def number_of_last(self):
+        lines = [line for line in self.collected() if line.count("=") == 1]
+        return int(lines[-1].rpartition("=")[2], 16) if lines else -1
+
+    def test_a_changed_file_is_read_while_flows_pass(self):
+        path = self.table("1-10.0.0.0/8")
+        running = self.start(
+            "final collect", f"-v 0 -I final:count=1000000,every_ms=1,since=2000000000 "
+            f"-G as_helper:{path} -E collect:file={self.out},fields=SRC_AS32")
+        for number in range(2, 12):
+            self.wait_until(lambda last=number - 1: self.number_of_last() == last)
+            self.table(f"{number}-10.0.0.0/8")
+        self.wait_until(lambda: self.number_of_last() == 11)
+        self.table("# nothing")
+        message = f"Unable to reinit as helper using: {path}. Leaving old config"
+        running.wait_for_line(message)
+        self.table("12-10.0.0.0/8", "broken")
+        running.wait_for_line("AS Helper found invalid config line: 1")
+        self.table("13-10.0.0.0/8")
+        self.wait_until(lambda: self.number_of_last() == 13)
+        lines = self.interrupt(running)
+        self.assertEqual(lines.count(message), 2)
+        self.assertEqual(lines.count("VERBOSE: 0:AS-helper OK"), 12)
+        numbers = [int(line.rpartition("=")[2], 16) for line in self.collected()
+                   if line != "flush"]
+        self.assertEqual(numbers, sorted(numbers))
+        self.assertEqual(sorted(set(numbers)), [*range(1, 12), 13])
+
+
+class Anonymized(Addresses):
+    """The anonymizer: addresses and ports at a collector, and what later exports see."""
+
+    PLAIN = [(dotted(f"10.0.0.{i}"), dotted("192.0.2.1"), 1000 + i, 53) for i in range(3)]
+    MASKED = [(dotted(f"172.16.0.{i}"), dotted("172.16.2.1"), 1000 + i, 53) for i in range(3)]
+    # Worked out with openssl enc -aes-128-ecb.
+    ENCRYPTED = [(bytes.fromhex(source), bytes.fromhex(destination), *ports)
+                 for source, destination, *ports in (
+                     ("03bfa181", "8aec2e72", 0xC5F1, 0x1BFC),
+                     ("bf27c8cc", "aaa8f5e3", 0xB0D8, 0x6BDD),
+                     ("eec0570d", "976c8656", 0x063F, 0x717A))]
+
+    def exported(self, arguments, *receivers):
+        return [[record[:4] for record in records]
+                for records in self.collected_by(arguments, *receivers)]
+
+    def test_masked_addresses_reach_a_collector(self):
+        for place in "GF":
+            receiver = self.collector()
+            self.assertEqual(
+                self.exported(f" -{place} anonymizer:MASK:172.16.0.0/16 "
+                              f"-E {self.to(receiver)}", receiver), [self.MASKED])
+
+    def test_encrypted_addresses_and_ports_reach_a_collector(self):
+        for place in "GF":
+            receiver = self.collector()
+            self.assertEqual(
+                self.exported(f" -{place} anonymizer:AES:ADDR,PORT:{KEY} "
+                              f"-E {self.to(receiver)}", receiver), [self.ENCRYPTED])
+
+    def test_a_record_changed_for_one_export_stays_changed_for_those_behind_it(self):
+        one, two, three = self.collector(), self.collector(), self.collector()
+        self.assertEqual(
+            self.exported(f" -E {self.to(one)} -F anonymizer:MASK:172.16.0.0/16 "
+                          f"-E {self.to(two)} -E {self.to(three)}", one, two, three),
+            [self.PLAIN, self.MASKED, self.MASKED])
+
+    def test_numbers_are_those_of_the_addresses_that_the_helper_sees(self):
+        table = self.table("1-10.0.0.0/8", "2-172.16.0.0/16")
+        mask = "anonymizer:MASK:172.16.0.0/16"
+        for filters, number in ((f"-G as_helper:{table} -G {mask}", 1),
+                                (f"-G {mask} -G as_helper:{table}", 2)):
+            receiver = self.collector()
+            got, = self.collected_by(f" {filters} -E {self.to(receiver)}", receiver)
+            self.assertEqual([record[:4] for record in got], self.MASKED)
+            self.assertEqual([record[4] for record in got], [number] * 3)
+
+    def test_ipv6_addresses_are_encrypted_one_by_one(self):
+        lines = self.collected_lines(f":ipv6=1 -F anonymizer:AES:ADDR:{KEY} "
+                               f"-E collect:file={self.out},offset=32,length=32")
+        destination = "E12D9D13DB4F0E5AC01B84ED733215D0"
+        self.assertEqual([line.split()[-1] for line in lines], [
+            "+A9FD9F6028EB2A7B0DE372FDB844EDB9" + destination,
+            "+7A12345379C5BB36BA6FBFF7B2682239" + destination,
+            "+223DE9F24FD200D67C24F80BBABCFE43" + destination])
+
+    def test_ipv6_flows_pass_a_mask_unchanged(self):
+        for place in "GF":
+            lines = self.collected_lines(f":ipv6=1 -{place} anonymizer:MASK:2001:db8::/32 "
+                                   f"-E collect:file={self.out},offset=32,length=32")
+            self.assertEqual([line.split()[-1] for line in lines], [
+                f"+0{i}0000000000000000000000B80D0120FFFF00000000000000000000B80D0120"
+                for i in range(3)])
+
+    def test_a_key_of_the_run_is_made_where_none_is_given(self):
+        receiver = self.collector()
+        got, = self.exported(f" -G anonymizer:AES:PORT -E {self.to(receiver)}",
+                             receiver)
+        self.assertEqual([record[:2] for record in got], [record[:2] for record in self.PLAIN])
+        self.assertNotEqual([record[2:] for record in got],
+                            [record[2:] for record in self.PLAIN])
+
+    def test_parameters_that_are_refused(self):
+        for params, *lines in (
+                ("", "Invalid anonymizer parameter: (null)"),
+                (":MASK", "Invalid anonymizer parameter: MASK"),
+                (":mask:10.0.0.0/8", "Unknown anonymizer mode: mask"),
+                (":MASK:10.0.0.0/32", "Bad bits number: 32"),
+                (":MASK:2001:db8::/128", "Bad bits number: 128"),
+                (":MASK:10.0.0.0", "Bad address format"),
+                (":MASK:,", "Bad formated address list"),
+                (":MASK:2001:db8:::/32", "bad address: 2001:db8:::"),
+                (":AES:ALL", "Unknown field: ALL"),
+                (":AES:,", "Blank or bad fields format"),
+                (":AES:ADDR:short", "AES key must be exactly 16 characters length")):
+            for place in "GF":
+                self.expect_refusal(
+                    f"-{place} anonymizer{params}", *lines,
+                    f"Unable to filter plugin: anonymizer with args: {params[1:] or '(null)'}")
+
+    def test_a_prefix_of_its_name_chooses_it(self):
+        receiver = self.collector()
+        self.assertEqual(
+            self.exported(f" -F anon:MASK:172.16.0.0/16 -E {self.to(receiver)}", receiver),
+            [self.MASKED])
+
+
+if __name__ == "__main__":
+    main()
