@@ -1,7 +1,7 @@
 # shellcheck shell=bash disable=SC2034  # the lists are for those who source this
 # Debian packages that building and testing need, and how the scripts get them. Sourced, not run.
 
-BUILD_PACKAGES=(cmake g++ libpcap-dev make pkg-config)
+BUILD_PACKAGES=(cmake g++ libgcrypt20-dev libpcap-dev make pkg-config)
 TEST_PACKAGES=(clang-format iproute2 libbenchmark-dev libgtest-dev nfdump ninja-build python3
     tshark)
 

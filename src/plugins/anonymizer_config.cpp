@@ -2,8 +2,8 @@
 // block: prefixes may be given as host names. Reports every fault itself.
 #include "plugins/anonymizer_config.h"
 
-#include <netdb.h>
 #include <sys/random.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -59,7 +59,7 @@ bool add_prefix(anonymizer_state& to, const char* item) {
         verbose_msg(-1, "Bad address format");
         return false;
     }
-    const auto address = resolve_address(parts[0], AI_V4MAPPED | AI_ADDRCONFIG);
+    const auto address = resolve_address(parts[0], 0);
     if (!address) {
         verbose_msg(-1, "bad address: %s", parts[0]);
         return false;
