@@ -14,7 +14,7 @@ install(CODE [[
     set(etc "/etc/kestrel")
   endif()
 ]])
-foreach(file filter-example.txt ipfix-template.txt nf9-template.txt)
+foreach(file as-example.txt filter-example.txt ipfix-template.txt nf9-template.txt)
   install(CODE "
     if(NOT EXISTS \"\$ENV{DESTDIR}\${etc}/${file}\")
       file(INSTALL \"${PROJECT_SOURCE_DIR}/etc/${file}\" DESTINATION \"\${etc}\")

@@ -140,6 +140,27 @@ TEST(AsTable, NetworksOfOneAddressKeepTheirOrder) {
     EXPECT_EQ(2u, find_as4(tables.table4, 0x0A000001));  // the middle one
 }
 
+// Networks of all lengths side by side, with gaps. What the documentation promises of such tables.
+TEST(AsTable, NetworksThatLieApartAreFoundByAllTheirAddresses) {
+    as_tables tables;
+    for (uint32_t n = 0; n < 256; ++n)
+        tables.table4.push_back(
+            make_as4_entry(n + 1, n << 24 | n << 16, static_cast<uint16_t>(8 + n % 25)));
+    sort_as_tables(tables);
+    for (uint32_t n = 0; n < 256; ++n) {
+        const uint32_t own_mask = mask_array4[8 + n % 25];
+        const uint32_t first = (n << 24 | n << 16) & own_mask;
+        const uint32_t last = first | ~own_mask;
+        for (const uint32_t address : {first, first + (last - first) / 2, last})
+            EXPECT_EQ(n + 1, find_as4(tables.table4, address));
+        for (const uint32_t address : {first - 1, last + 1}) {
+            const bool is_in_gap = address >> 24 == n;
+            const uint32_t found = find_as4(tables.table4, address);
+            EXPECT_TRUE(is_in_gap ? found == 0 : found != n + 1) << address;
+        }
+    }
+}
+
 // 2001:db8::/32: the prefix covers the last 32 bits, which are 0.
 TEST(AsTable, AnIpv6PrefixCountsFromTheEndOfTheAddress) {
     const as_tables tables = table6({{65002, {0, 0, 0, 0x20010DB8}, 32}});

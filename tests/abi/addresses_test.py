@@ -140,9 +140,11 @@ class AsNumbers(Addresses):
             stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         self.addCleanup(nfcapd.wait)
         self.addCleanup(nfcapd.kill)
-        self.wait_until(lambda: f":{port:04X} " in open("/proc/self/net/udp").read())
+        self.wait_until(lambda: self.unread_bytes(port) == 0)
         self.run_to_the_end(f" -F as_helper:{self.table(*self.TABLE)} "
                             f"-E netflow-v5:host=127.0.0.1,port={port}")
+        self.wait_until(lambda: self.unread_bytes(port) == 0)
+        time.sleep(0.3)  # what it has just read counts only when it is stored
         nfcapd.terminate()
         self.assertEqual(nfcapd.wait(timeout=probe.SECONDS_TO_WAIT), 0)
         shown = subprocess.run(["nfdump", "-N", "-q", "-R", flows, "-o", "fmt:%sa %da %sas %das"],
@@ -151,6 +153,16 @@ class AsNumbers(Addresses):
         self.assertEqual(sorted(line.split() for line in shown.splitlines()), [
             ["10.0.0.0", "192.0.2.1", "0", "60417"], ["10.0.0.1", "192.0.2.1", "65001", "60417"],
             ["10.0.0.2", "192.0.2.1", "0", "60417"]])
+
+    @staticmethod
+    def unread_bytes(port):
+        """What waits at a UDP port, in bytes; None while nobody listens there."""
+        with open("/proc/self/net/udp", encoding="ascii") as table:
+            for line in table:
+                fields = line.split()
+                if fields[1].endswith(f":{port:04X}"):
+                    return int(fields[4].partition(":")[2], 16)
+        return None
 
     def wait_until(self, holds):
         end = time.monotonic() + probe.SECONDS_TO_WAIT
@@ -185,6 +197,13 @@ class AsNumbers(Addresses):
         own = ["SRC_AS - 2", "DST_AS - 2", "SRC_AS32 - 4", "DST_AS32 - 4"]
         self.assertEqual(fields, [f"Base Getter: {field}" for field in own] +
                          [f"Getter: {field}" for field in own])
+
+    def test_the_example_is_a_table(self):
+        example = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "etc",
+                               "as-example.txt")
+        lines = self.collected_lines(f" -G as_helper:{example} -E collect:file={self.out},"
+                                     "fields=DST_AS32")
+        self.assertEqual([line.split()[-1] for line in lines], ["DST_AS32=0000FBF0"] * 3)
 
     def test_a_chain_has_one_helper_at_most(self):
         path = self.table(*self.TABLE)
