@@ -38,10 +38,13 @@ class Anonymizer : public testing::Test {
 
     // 192.168.1.7, port 4660, to 10.0.0.1, port 443.
     static flow_record ipv4_flow(uint8_t protocol) {
-        flow_record flow = {};
+        flow_record flow;
+        std::memset(&flow, 0, sizeof flow);  // with what lies between its fields: see same()
         flow.l3protocol = 4;
         flow.l4protocol = protocol;
-        flow.ipv4 = {0xC0A80107, 0x0A000001, 0xB8};
+        flow.ipv4.srcipv4 = 0xC0A80107;
+        flow.ipv4.dstipv4 = 0x0A000001;
+        flow.ipv4.tos = 0xB8;
         flow.srcport = 4660;
         flow.dstport = 443;
         return flow;
