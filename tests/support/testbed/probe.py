@@ -12,11 +12,12 @@ FLUSHED = "QUIT signal processed. All data flushed. Exiting ..."
 
 
 class Probe(WatchedProcess):
-    """The program on the probed end of the veth pair; returns once it is capturing."""
+    """The program on the probed end of the veth pair, or with another input (the words up to its
+    -I); returns once it is capturing."""
 
-    def __init__(self, *arguments, device=PROBED, input_options="", ready=True):
+    def __init__(self, *arguments, device=PROBED, input_options="", ready=True, source=None):
         command = [os.environ["KESTREL_PROBE"], "-v", "0",
-                   "-I", f"pcap:device={device}{input_options}", *arguments]
+                   *(source or ("-I", f"pcap:device={device}{input_options}")), *arguments]
         super().__init__(command)
         if ready:
             self.wait_for_line(READY)
