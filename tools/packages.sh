@@ -3,7 +3,7 @@
 
 BUILD_PACKAGES=(cmake g++ libgcrypt20-dev libpcap-dev make pkg-config)
 TEST_PACKAGES=(clang-format iproute2 libbenchmark-dev libfixbuf-tools libgtest-dev nfdump
-    ninja-build pmacct python3 tshark)
+    netbase ninja-build pmacct python3 tshark)
 
 # Words that run a command as root: none for root, else sudo. (Not a function: a function started in
 # the background would be a shell of its own between the script and the program that it signals.)
