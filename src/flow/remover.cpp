@@ -13,8 +13,7 @@ uint32_t queue_force_flush = 0;
 namespace kestrel {
 namespace {
 
-constexpr useconds_t tick_us = 10'000;
-constexpr uint64_t ticks_divisor_ns = 40'000'000;  // four passes per timeout, 10 ms a tick
+constexpr uint64_t ticks_divisor_ns = 4 * tick_ns;  // four passes per timeout
 constexpr uint32_t forced_checks_limit = 3;
 constexpr uint64_t statistics_interval_s = 10;
 
@@ -34,7 +33,7 @@ class remover_lock {
 };
 
 void tick(flow_queue& queue) {
-    usleep(tick_us);
+    usleep(tick_ns / ns_per_us);
     queue.now.store(timer_get_nsec(), std::memory_order_relaxed);
 }
 
@@ -48,45 +47,43 @@ uint64_t process_cpu_ms() {
     return ms(usage.ru_utime) + ms(usage.ru_stime);
 }
 
-// When the last line of statistics was printed, and when the next is due.
-struct statistics_clock {
-    uint64_t last_s;
-    uint64_t next_s;
-    uint64_t last_cpu_ms;
-};
+// Ticks of one pass.
+uint64_t pass_ticks(const flow_queue& queue) {
+    return queue.inactive_timeout / ticks_divisor_ns + 1;
+}
 
-void statistics_if_due(flow_queue& queue, statistics_clock& clock) {
-    const uint64_t now_s = timer_get_sec();
-    if (now_s <= clock.next_s)
+void postpone_statistics(ageing& state, uint64_t now_s) {
+    state.next_statistics_s = now_s + statistics_interval_s;
+}
+
+void statistics_if_due(flow_queue& queue, ageing& state, uint64_t now_s) {
+    if (now_s <= state.next_statistics_s)
         return;
-    const uint64_t elapsed_s = now_s > clock.last_s ? now_s - clock.last_s : 1;
+    const uint64_t elapsed_s =
+        now_s > state.last_statistics_s ? now_s - state.last_statistics_s : 1;
     const uint64_t cpu_ms = process_cpu_ms();
     queue_report report;
     {
         const remover_lock locked(queue);
         report = queue_take_report(queue);
     }
-    queue_print_report(report, now_s, elapsed_s, cpu_ms - clock.last_cpu_ms);
-    clock = {now_s, now_s + statistics_interval_s, cpu_ms};
+    queue_print_report(report, now_s, elapsed_s, cpu_ms - state.last_cpu_ms);
+    state.last_statistics_s = now_s;
+    state.last_cpu_ms = cpu_ms;
+    postpone_statistics(state, now_s);
 }
 
-// One pass: about a quarter of the inactive timeout in ticks, then the scan and the statistics.
-void remover_pass(flow_queue& queue, statistics_clock& clock) {
-    const uint64_t ticks = queue.inactive_timeout / ticks_divisor_ns + 1;
-    for (uint64_t i = 0; i < ticks; ++i) {
-        tick(queue);
-        if (queue_serve_flush_request(queue))
-            clock.next_s = timer_get_sec() + statistics_interval_s;
-    }
+void end_pass(flow_queue& queue, ageing& state, uint64_t now) {
     if (verbose(3))
         verbose_msg(3, "queue check start %lu", timer_get_nsec());
     {
         const remover_lock locked(queue);
-        queue_restart_scan(queue, queue.now.load(std::memory_order_relaxed));
+        queue_restart_scan(queue, now);
     }
     if (verbose(3))
         verbose_msg(3, "queue check end %lu", timer_get_nsec());
-    statistics_if_due(queue, clock);
+    statistics_if_due(queue, state, now / ns_per_second);
+    state.ticks_left = pass_ticks(queue);
 }
 
 }  // namespace
@@ -119,6 +116,18 @@ void queue_print_report(const queue_report& report, uint64_t now_s, uint64_t ela
     verbose_msg(0, "stat%14lu,%14lu,%14lu,%8u,%14lu,%14lu,%14lu", counted.packets / elapsed_s,
                 counted.bytes / elapsed_s, counted.flows, report.record_count,
                 counted.collisions / elapsed_s, cpu_ms * 100 / (elapsed_s * 1000), counted.invalid);
+}
+
+ageing queue_start_ageing(const flow_queue& queue, uint64_t now) {
+    verbose_msg(0, "timeouts: %lu %lu", queue.active_timeout, queue.inactive_timeout);
+    const uint64_t now_s = now / ns_per_second;
+    return {pass_ticks(queue), now_s, now_s + statistics_interval_s, 0};
+}
+
+void queue_age(flow_queue& queue, ageing& state, uint64_t ticks, uint64_t now) {
+    state.ticks_left -= ticks;
+    if (state.ticks_left == 0)
+        end_pass(queue, state, now);
 }
 
 bool queue_serve_flush_request(flow_queue& queue) {
@@ -162,9 +171,11 @@ void queue_flush(flow_queue* queue) {
 void* queue_remover(void* argument) {
     auto& queue = *static_cast<flow_queue*>(argument);
     (void)pthread_setname_np(pthread_self(), "remover");  // a name for top -H, no more
-    verbose_msg(0, "timeouts: %lu %lu", queue.active_timeout, queue.inactive_timeout);
-    const uint64_t now_s = timer_get_sec();
-    statistics_clock clock{now_s, now_s + statistics_interval_s, 0};
-    for (;;)
-        remover_pass(queue, clock);
+    ageing state = queue_start_ageing(queue, timer_get_nsec());
+    for (;;) {
+        tick(queue);
+        if (queue_serve_flush_request(queue))
+            postpone_statistics(state, timer_get_sec());
+        queue_age(queue, state, 1, queue.now.load(std::memory_order_relaxed));
+    }
 }

@@ -28,6 +28,23 @@ queue_report queue_take_report(flow_queue& queue);
 void queue_print_report(const queue_report& report, uint64_t now_s, uint64_t elapsed_s,
                         uint64_t cpu_ms);
 
+// Where the ageing of a queue stands. A pass is about a quarter of the inactive timeout, counted in
+// ticks of 10 ms; at its end the idle scan is started anew and statistics are printed when due.
+struct ageing {
+    uint64_t ticks_left;  // of the pass
+    uint64_t last_statistics_s;
+    uint64_t next_statistics_s;
+    uint64_t last_cpu_ms;
+};
+
+inline constexpr uint64_t tick_ns = 10'000'000;
+
+// The ageing of a queue from now (ns) on; tells of the timeouts at level 0.
+ageing queue_start_ageing(const flow_queue& queue, uint64_t now);
+
+// So many ticks have passed, at most those left of the pass; it is now (ns).
+void queue_age(flow_queue& queue, ageing& state, uint64_t ticks, uint64_t now);
+
 // queue_force_flush is this while the flush is on; who asks for another one meanwhile writes 1.
 inline constexpr uint32_t flush_requested = 1;
 inline constexpr uint32_t flush_under_way = 2;
