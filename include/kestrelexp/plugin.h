@@ -68,6 +68,16 @@ typedef const uint8_t* input_flow_packet_function(void* instance, uint32_t* capt
 /* Fills a prepared record with a finished flow: returns 0 when it did, non-zero when not. */
 typedef flow_key input_final_flow_function(void* instance, struct flow_record* record);
 
+/* Optional, beside get_packet: the input brings its own clock (a replay), and the times of its
+ * packets, not the system's clocks, drive all time of the program: ageing, the times that exports
+ * write, the start-up time, the flush of idle exports. Stores in *now how far the input has come, in
+ * ns since the Unix epoch: no packet to come is older, save for packets that are out of order.
+ * Returns 0 while more may come, 1 once the last packet has been delivered; the program then
+ * exports every flow and ends with status 0. Called once or more after init, when *now is the time
+ * of the first packet to come, and whenever get_packet returned NULL. An input that waits for
+ * packets returns NULL from get_packet now and then (every 10 ms, say). */
+typedef int input_clock_function(void* instance, uint64_t* now);
+
 struct input_plugin {
     plugin_desc_function* desc;
     input_init_function* init;
@@ -210,6 +220,7 @@ KX_API packet_function plugin_input_get_packet;                 /* one of these 
 KX_API input_flow_function plugin_input_get_flow;               /* ... */
 KX_API input_final_flow_function plugin_input_get_final_flow;   /* ... */
 KX_API input_flow_packet_function plugin_input_get_flow_packet; /* optional, beside get_flow */
+KX_API input_clock_function plugin_input_clock;                 /* optional, beside get_packet */
 
 KX_API plugin_desc_function plugin_export_desc;
 KX_API export_init_function plugin_export_init;

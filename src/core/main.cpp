@@ -11,9 +11,12 @@
 #include "core/options.h"
 #include "core/plugin_loader.h"
 #include "core/plugin_registry.h"
+#include "core/record_loop.h"
 #include "core/utils/log.h"
 #include "core/utils/memory.h"
+#include "core/utils/packet_clock.h"
 #include "core/utils/thread.h"
+#include "flow/replay.h"
 #include "kestrelexp/flow.h"
 #include "kestrelexp/getter.h"
 #include "kestrelexp/program.h"
@@ -29,6 +32,7 @@ constexpr int32_t token_queue_size = 5;
 constexpr unsigned first_alarm_s = 1;
 
 void set_names(const char* path);
+void find_input_clock(const settings& given);
 void force_token_queue(run_configuration& run);
 temporal_storage* make_final_records(const settings& given);
 flow_queue* make_queue(settings& given, temporal_storage* final_records);
@@ -43,6 +47,9 @@ void start_flow_thread(const run_configuration& run, flow_switch* flow_switch);
 
 // Other threads use it until the very end of the process, so it is never taken down.
 settings* given;
+
+// Of the chosen input; null for inputs that live on the system's clocks.
+input_clock_function* input_clock;
 
 }  // namespace
 
@@ -63,6 +70,7 @@ int main(int argc, char** argv) {
         daemonize();
     if (given->cpu_mask)
         set_cpu_affinity(*given->cpu_mask);
+    find_input_clock(*given);
     force_token_queue(run);
     temporal_storage* const final_records = make_final_records(*given);
     flow_queue* const queue = make_queue(*given, final_records);
@@ -80,7 +88,11 @@ int main(int argc, char** argv) {
     start_flow_thread(run, flow_switch);
 
     const unsigned record_size = FLOW_RECORD_BASE_SIZE + run.registry.extension_length;
-    (void)main_record_loop(final_records, record_size, &run);  // a global filter said no: just end
+    // They come back only when a global filter said no: the program just ends.
+    if (input_clock != nullptr)
+        (void)replay_record_loop(final_records, record_size, run);
+    else
+        (void)main_record_loop(final_records, record_size, &run);
     return exit_ok;
 }
 
@@ -108,6 +120,11 @@ void set_names(const char* path) {
     progname = last_slash != nullptr ? last_slash + 1 : path;
 }
 
+void find_input_clock(const settings& from) {
+    if (const input_plugin* const input = chosen_input(from.run))
+        input_clock = input_clock_of(*input);
+}
+
 void force_token_queue(run_configuration& run) {
     if (delivers_final_flows(run))
         run.queue_size = token_queue_size;
@@ -116,7 +133,9 @@ void force_token_queue(run_configuration& run) {
 temporal_storage* make_final_records(const settings& from) {
     const run_configuration& run = from.run;
     const uint32_t slots = uint32_t{1} << (run.queue_size - 4);
-    const uint32_t slot_size = FLOW_RECORD_BASE_SIZE + uint32_t{run.registry.extension_length};
+    const uint32_t stamp_size = input_clock != nullptr ? sizeof(replay_stamp) : 0;
+    const uint32_t slot_size =
+        FLOW_RECORD_BASE_SIZE + uint32_t{run.registry.extension_length} + stamp_size;
     temporal_storage* const storage =
         temporal_storage_init(slots, slot_size, from.huge_directory, "final-records");
     if (storage == nullptr)
@@ -126,9 +145,10 @@ temporal_storage* make_final_records(const settings& from) {
 
 flow_queue* make_queue(settings& from, temporal_storage* final_records) {
     run_configuration& run = from.run;
-    return queue_init(run.queue_size, run.active_timeout, run.inactive_timeout, final_records,
-                      from.huge_directory, run.registry.extension_length,
-                      static_cast<int32_t>(run.processes.size()), run.processes.data());
+    const auto init = input_clock != nullptr ? replay_queue_init : queue_init;
+    return init(run.queue_size, run.active_timeout, run.inactive_timeout, final_records,
+                from.huge_directory, run.registry.extension_length,
+                static_cast<int32_t>(run.processes.size()), run.processes.data());
 }
 
 flow_switch* make_switch(settings& from, flow_queue* queue) {
@@ -139,6 +159,9 @@ flow_switch* make_switch(settings& from, flow_queue* queue) {
         sw_init(queue, from.flow_mask, from.run.registry.process_flag, input);
     if (made == nullptr)
         die(exit_config, "Driver initialization failed");
+    made->clock = input_clock;
+    if (input_clock != nullptr)
+        packet_clock_start(replay_clock(*made));
     return made;
 }
 
@@ -198,7 +221,9 @@ void init_exports(run_configuration& run) {
 }
 
 void start_flow_thread(const run_configuration& run, flow_switch* flow_switch) {
-    auto* const body = delivers_final_flows(run) ? plugin_final_flow_loop : sw_main_loop;
+    auto* const body = input_clock != nullptr      ? replay_loop
+                       : delivers_final_flows(run) ? plugin_final_flow_loop
+                                                   : sw_main_loop;
     if (!start_thread(body, flow_switch))
         die(exit_config, "Unable to create SW thread");
 }

@@ -12,9 +12,11 @@
 #include <span>
 #include <string>
 #include <type_traits>
+#include <vector>
 
 #include "core/plugin_registry.h"
 #include "core/utils/log.h"
+#include "core/utils/memory.h"
 
 namespace kestrel {
 
@@ -111,6 +113,24 @@ void load_kind(void* object, const char* path, plugin_registry& registry) {
     register_plugin(registry, plugin);
 }
 
+// Inputs with a clock, told apart by their description operation.
+struct input_clock {
+    plugin_desc_function* desc;
+    input_clock_function* clock;
+};
+std::vector<input_clock>* input_clocks;
+
+void load_input(void* object, const char* path, plugin_registry& registry) {
+    load_kind<input_plugin>(object, path, registry);
+    void* const clock = dlsym(object, "plugin_input_clock");
+    const input_plugin& input = plugins_of<input_plugin>(registry).back();
+    if (clock == nullptr || input.get_packet == nullptr)
+        return;
+    if (input_clocks == nullptr)
+        input_clocks = make_lifelong<std::vector<input_clock>>();
+    input_clocks->push_back({input.desc, reinterpret_cast<input_clock_function*>(clock)});
+}
+
 struct kind_row {
     int32_t bit;  // in plugin_type
     void (*load)(void* object, const char* path, plugin_registry& registry);
@@ -119,7 +139,7 @@ struct kind_row {
 // Filters go before process plugins, so that an object of several kinds always reports the same
 // fault first.
 constexpr kind_row kind_rows[] = {
-    {PLUGIN_KIND_INPUT, load_kind<input_plugin>},
+    {PLUGIN_KIND_INPUT, load_input},
     {PLUGIN_KIND_EXPORT, load_kind<export_plugin>},
     {PLUGIN_KIND_FILTER, load_kind<filter_plugin>},
     {PLUGIN_KIND_PROCESS, load_kind<process_plugin>},
@@ -145,6 +165,14 @@ void load_plugin_directory(const char* prefix, const char* directory, plugin_reg
     }
     std::free(registry.directory_list);
     registry.directory_list = nullptr;
+}
+
+input_clock_function* input_clock_of(const input_plugin& input) {
+    if (input_clocks != nullptr)
+        for (const auto& [desc, clock] : *input_clocks)
+            if (desc == input.desc)
+                return clock;
+    return nullptr;
 }
 
 }  // namespace kestrel

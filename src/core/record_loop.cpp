@@ -3,6 +3,7 @@
 // allocates nothing. Filters and exports are called from here and from nowhere else.
 #include "core/record_loop.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <span>
@@ -11,6 +12,9 @@
 #include "core/signals.h"
 #include "core/utils/clock.h"
 #include "core/utils/log.h"
+#include "core/utils/packet_clock.h"
+#include "core/utils/wire.h"
+#include "flow/replay.h"
 #include "kestrelexp/flow.h"
 #include "kestrelexp/program.h"
 #include "kestrelexp/storage.h"
@@ -20,6 +24,8 @@ namespace kestrel {
 namespace {
 
 constexpr int get_timeout_ms = 50;
+// Of a replay: in a longer silence the exports have nothing more to say.
+constexpr unsigned silence_flushes_limit = 16;
 
 // The first non-zero answer of a filter, or 0 when all keep the record.
 inline int32_t run_filters(std::span<const filter_plugin> filters, flow_record* record) {
@@ -67,9 +73,42 @@ inline bool dispatch(const export_entry& entry, flow_record* record, uint64_t re
     return true;
 }
 
-void flush_exports(std::span<const export_entry> exports) {
-    for (const export_entry& entry : exports)
+struct dispatcher {
+    std::span<const filter_plugin> global_filters;
+    std::span<const export_entry> exports;
+    idle_watch idle;
+    uint64_t record_counter = 0;  // records that passed the global filters
+
+    explicit dispatcher(const run_configuration& configuration)
+        : global_filters(configuration.global_filters),
+          exports(configuration.exports),
+          idle(timer_get_sec()) {}
+};
+
+// Returns a global filter's rejection, or 0.
+inline int32_t deliver(dispatcher& self, flow_record* record) {
+    // A global filter is expected to keep everything; one that does not ends the run.
+    if (const int32_t rejection = run_filters(self.global_filters, record); rejection != 0)
+        return rejection;
+    for (const export_entry& entry : self.exports)
+        if (dispatch(entry, record, self.record_counter))
+            self.idle.note_export();
+    ++self.record_counter;
+    return 0;
+}
+
+void flush_exports(const dispatcher& self) {
+    for (const export_entry& entry : self.exports)
         entry.plugin.flush(entry.instance);
+}
+
+// Returns whether the exports were flushed.
+bool flush_when_idle(dispatcher& self) {
+    if (!self.idle.is_flush_due(timer_get_sec()))
+        return false;
+    verbose_msg(3, "Timeout occured, flushing flows");
+    flush_exports(self);
+    return true;
 }
 
 // The remover clears the flush flag with release once every flushed flow has been taken from the
@@ -81,35 +120,80 @@ bool is_stop_due() {
     return std::atomic_ref<uint32_t>(queue_force_flush).load(std::memory_order_acquire) == 0;
 }
 
+[[noreturn]] void say_farewell() {
+    verbose_msg(-1, "QUIT signal processed. All data flushed. Exiting ...");
+    std::exit(exit_ok);
+}
+
+// Lets the packet clock go on to the time given. The silence up to then is a live one in short: the
+// checks for idle exports are made at the times at which the loop would have found no record.
+void pass_silence(dispatcher& self, uint64_t until_ns) {
+    const uint64_t first_check_ns = timer_get_nsec() + get_timeout_ms * ns_per_ms;
+    for (unsigned flushes = 0; flushes < silence_flushes_limit;) {
+        const uint64_t due_ns = (self.idle.next_check_s() + 1) * ns_per_second;
+        const uint64_t check_ns = std::max(first_check_ns, due_ns);
+        if (check_ns >= until_ns)
+            break;
+        packet_clock_advance(check_ns);
+        flushes += flush_when_idle(self);
+    }
+    packet_clock_advance(until_ns);
+}
+
+// What has come out of the flow cache.
+struct replay_output {
+    uint64_t flows;
+    uint64_t packets;
+};
+
+void say_totals(const replay_totals& read, const replay_output& out) {
+    verbose_msg(0, "Input ended: %lu packets read, %lu in %lu flows, %lu no flow", read.frames,
+                out.packets, out.flows, read.no_flow);
+}
+
 }  // namespace
+
+int replay_record_loop(temporal_storage* storage, unsigned record_size,
+                       const run_configuration& configuration) {
+    dispatcher self(configuration);
+    replay_output out{};
+    do {
+        auto* const slot = static_cast<uint8_t*>(temporal_storage_get(storage, get_timeout_ms));
+        if (slot == nullptr)
+            continue;
+        const auto stamp = load_native<replay_stamp>(slot + record_size);
+        pass_silence(self, stamp.now_ns);
+        if (stamp.ended != nullptr) {
+            flush_exports(self);
+            say_totals(*stamp.ended, out);
+            say_farewell();
+        }
+        auto* const record = reinterpret_cast<flow_record*>(slot);
+        out.flows += 1;
+        out.packets += record->packets;
+        if (const int32_t rejection = deliver(self, record); rejection != 0)
+            return rejection;
+    } while (!is_stop_due());
+
+    flush_exports(self);
+    say_farewell();
+}
 
 }  // namespace kestrel
 
 int main_record_loop(temporal_storage* storage, unsigned, run_configuration* configuration) {
     using namespace kestrel;
-    const std::span<const filter_plugin> global_filters = configuration->global_filters;
-    const std::span<const export_entry> exports = configuration->exports;
-    uint64_t record_counter = 0;  // records that passed the global filters
-    idle_watch idle(timer_get_sec());
+    dispatcher self(*configuration);
 
     do {
         auto* const record =
             static_cast<flow_record*>(temporal_storage_get(storage, get_timeout_ms));
-        if (record != nullptr) {
-            // A global filter is expected to keep everything; one that does not ends the run.
-            if (const int32_t rejection = run_filters(global_filters, record); rejection != 0)
-                return rejection;
-            for (const export_entry& entry : exports)
-                if (dispatch(entry, record, record_counter))
-                    idle.note_export();
-            ++record_counter;
-        } else if (idle.is_flush_due(timer_get_sec())) {
-            verbose_msg(3, "Timeout occured, flushing flows");
-            flush_exports(exports);
-        }
+        if (record == nullptr)
+            (void)flush_when_idle(self);
+        else if (const int32_t rejection = deliver(self, record); rejection != 0)
+            return rejection;
     } while (!is_stop_due());
 
-    flush_exports(exports);
-    verbose_msg(-1, "QUIT signal processed. All data flushed. Exiting ...");
-    std::exit(exit_ok);
+    flush_exports(self);
+    say_farewell();
 }

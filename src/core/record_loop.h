@@ -1,8 +1,11 @@
-// What the record loop decides by the clock, apart from the loop so that time can be driven by
-// hand. Main thread only. The loop itself is main_record_loop in kestrelexp/program.h.
+// The record loop of a replay, and what both record loops decide by the clock, apart from them so
+// that time can be driven by hand. Main thread only. The loop of live inputs is main_record_loop in
+// kestrelexp/program.h.
 #pragma once
 
 #include <cstdint>
+
+#include "kestrelexp/program.h"
 
 namespace kestrel {
 
@@ -14,6 +17,9 @@ class idle_watch {
     static constexpr uint64_t period_s = 5;
 
     explicit idle_watch(uint64_t now_s) : next_check_s_(now_s + period_s) {}
+
+    // A check is made in a later second than this.
+    uint64_t next_check_s() const { return next_check_s_; }
 
     void note_export() { is_idle_ = false; }
 
@@ -30,5 +36,11 @@ class idle_watch {
     uint64_t next_check_s_;
     bool is_idle_ = false;
 };
+
+// The record loop of a replay (see flow/replay.h): main_record_loop on packet time. Every slot of
+// the storage has a stamp behind its record_size bytes; behind the last flow it tells what was
+// read, flushes the exports and ends the program with status 0.
+int replay_record_loop(temporal_storage* storage, unsigned record_size,
+                       const run_configuration& configuration);
 
 }  // namespace kestrel

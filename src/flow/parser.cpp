@@ -381,6 +381,16 @@ void parser_keep_position(const uint8_t* frame, uint32_t captured_length, uint32
     last_position = {frame, captured_length, header_length};
 }
 
+flow_key parse_packet(const uint8_t* frame, const packet_header& header, uint32_t sampling,
+                      flow_record& record) {
+    record.start = header.timestamp;
+    record.end = header.timestamp;
+    record.inputsnmp = header.input_interface;
+    record.outputsnmp = header.output_interface;
+    record.sampling = static_cast<uint16_t>(sampling);
+    return parse_frame(frame, header.captured_length, record);
+}
+
 }  // namespace kestrel
 
 using namespace kestrel;
@@ -389,14 +399,7 @@ flow_key packet_to_flow_reader(void* reader, flow_record* record) {
     const auto& from = *static_cast<const packet_reader*>(reader);
     packet_header header{};
     const uint8_t* frame = from.get_packet(from.context, &header);
-    if (!frame)
-        return 0;
-    record->start = header.timestamp;
-    record->end = header.timestamp;
-    record->inputsnmp = header.input_interface;
-    record->outputsnmp = header.output_interface;
-    record->sampling = static_cast<uint16_t>(from.sampling);
-    return parse_frame(frame, header.captured_length, *record);
+    return frame ? parse_packet(frame, header, from.sampling, *record) : 0;
 }
 
 flow_key record_process_packet(const uint8_t* data, uint32_t captured_length, flow_record* record) {

@@ -3,13 +3,16 @@
 
 #include "flow/queue.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "core/utils/clock.h"
 #include "core/utils/log.h"
 #include "core/utils/memory.h"
 #include "core/utils/thread.h"
+#include "core/utils/wire.h"
 #include "flow/layout.h"
+#include "flow/replay.h"
 #include "kestrelexp/service.h"
 
 namespace kestrel {
@@ -80,6 +83,12 @@ void queue_remove_record_oneshot(flow_queue* queue, flow_record* record, int32_t
         plugin.release(plugin.instance, record, reason);
     }
     // Waits for room: a record that the record loop has not taken is never overwritten.
-    std::memcpy(storage_reserve(*queue->final_storage), record, queue->record_size);
+    auto* slot = static_cast<uint8_t*>(storage_reserve(*queue->final_storage));
+    std::memcpy(slot, record, queue->record_size);
+    if (queue->stamps_records) {
+        // The clock ticks; a packet that ended a flow may be ahead of it.
+        const uint64_t now = queue->now.load(std::memory_order_relaxed);
+        store_native(slot + queue->record_size, replay_stamp{std::max(now, record->end), nullptr});
+    }
     storage_commit(*queue->final_storage);
 }

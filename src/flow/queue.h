@@ -71,6 +71,7 @@ struct flow_queue {
     process_plugin* plugins;
     const char* directory;  // hugetlbfs directory, or null
     temporal_storage* final_storage;
+    bool stamps_records;  // a replay_stamp goes behind every record in final_storage
 };
 
 namespace kestrel {

@@ -1,0 +1,210 @@
+// The "capture-file" input: Ethernet frames from a pcap or pcapng file through libpcap, with the
+// packets' own clock, so that the file gives the flows that a live capture of it would have given.
+// Initialised on the main thread, then used by the thread that reads; never parses a frame.
+
+#include <kestrelexp/plugin.h>
+#include <kestrelexp/service.h>
+#include <pcap/pcap.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "capture_stream.h"
+
+namespace capture_file {
+namespace {
+
+constexpr plugin_description description{
+    "capture-file",
+    "Capture file input driver, reads pcap and pcapng files on the clock of their packets.\n"
+    "Parameters (delimited by ','):\n"
+    " file=path (mandatory, - is standard input)\n"
+    " filter-file=path (a file with a pcap-filter(7) expression)\n"
+    " sampling=value",
+    0, 0};
+
+constexpr uint64_t ns_per_second = 1'000'000'000;
+// Times of the packets have 63 bits for their nanoseconds.
+constexpr int64_t last_second = INT64_MAX / 1'000'000'000 - 1;
+constexpr int32_t sampling_believable = 1000;
+
+struct input {
+    char* path;
+    char* filter_path;
+    int32_t sampling;        // deliver every N-th frame, 0 = all
+    int32_t frames_to_skip;  // up to the next one delivered
+    pcap_t* handle;
+    pcap_pkthdr* captured;  // the frame read last
+    const uint8_t* frame;
+    bool is_ahead;   // it was read by init and has not been delivered
+    bool has_ended;  // no frame follows
+    uint64_t clock;  // ns, the latest time seen
+};
+
+const char* shown_path(const input& self) {
+    return std::strcmp(self.path, "-") == 0 ? "(standard input)" : self.path;
+}
+
+bool read_parameters(char* params, input& self) {
+    const config_setting settings[] = {
+        {"filter-file", static_cast<void*>(&self.filter_path), CONFIG_STRING},
+        {"file", static_cast<void*>(&self.path), CONFIG_STRING},
+        {"sampling", &self.sampling, CONFIG_INTEGER},
+        {nullptr, nullptr, 0},
+    };
+    if (config_set_values(params, settings) != 0)
+        return false;
+    if (!self.path) {
+        verbose_msg(-1, "File parameter is mandatory for capture-file input.");
+        return false;
+    }
+    if (self.sampling < 0 || self.sampling > sampling_believable)
+        verbose_msg(-1, "Sampling set to unbelievable value: %i", self.sampling);
+    self.sampling = std::max(self.sampling, 0);
+    return true;
+}
+
+bool open_file(input& self) {
+    std::FILE* stream = open_stream(self.path);
+    if (!stream) {
+        verbose_msg(-1, "Capture file %s: %s", shown_path(self), std::strerror(errno));
+        return false;
+    }
+    char error[PCAP_ERRBUF_SIZE] = "";
+    self.handle =
+        pcap_fopen_offline_with_tstamp_precision(stream, PCAP_TSTAMP_PRECISION_NANO, error);
+    if (!self.handle) {
+        verbose_msg(-1, "Capture file %s: %s", shown_path(self), error);
+        std::fclose(stream);
+        return false;
+    }
+    const int link = pcap_datalink(self.handle);
+    if (link == DLT_EN10MB)
+        return true;
+    const char* name = pcap_datalink_val_to_name(link);
+    verbose_msg(-1, "Capture file %s: its frames are not Ethernet but %s", shown_path(self),
+                name ? name : "of an unknown link type");
+    return false;
+}
+
+bool read_text(const char* path, std::string& text) {
+    std::FILE* file = std::fopen(path, "re");
+    if (!file)
+        return false;
+    char piece[4096];
+    while (const size_t size = std::fread(piece, 1, sizeof piece, file))
+        text.append(piece, size);
+    const bool is_whole = std::ferror(file) == 0;
+    std::fclose(file);
+    return is_whole;
+}
+
+bool set_filter(input& self) {
+    if (!self.filter_path)
+        return true;
+    std::string expression;
+    if (!read_text(self.filter_path, expression)) {
+        verbose_msg(-1, "Filter file %s: %s", self.filter_path, std::strerror(errno));
+        return false;
+    }
+    bpf_program program;
+    if (pcap_compile(self.handle, &program, expression.c_str(), 1, PCAP_NETMASK_UNKNOWN) != 0) {
+        verbose_msg(-1, "Filter file %s: %s", self.filter_path, pcap_geterr(self.handle));
+        return false;
+    }
+    const bool is_set = pcap_setfilter(self.handle, &program) == 0;
+    pcap_freecode(&program);
+    if (!is_set)
+        verbose_msg(-1, "Filter file %s: %s", self.filter_path, pcap_geterr(self.handle));
+    return is_set;
+}
+
+uint64_t time_of(const pcap_pkthdr& captured) {
+    const auto seconds = std::clamp<int64_t>(captured.ts.tv_sec, 0, last_second);
+    // The precision asked for puts nanoseconds into the microseconds' place.
+    return static_cast<uint64_t>(seconds) * ns_per_second +
+           static_cast<uint64_t>(captured.ts.tv_usec) % ns_per_second;
+}
+
+// Takes the next frame of the file into self; false when there is none.
+bool read_frame(input& self) {
+    const int result = pcap_next_ex(self.handle, &self.captured, &self.frame);
+    if (result == 1) [[likely]] {
+        self.clock = std::max(self.clock, time_of(*self.captured));
+        return true;
+    }
+    self.has_ended = true;
+    self.frame = nullptr;
+    if (result == PCAP_ERROR && !was_interrupted())
+        verbose_msg(-1, "Capture file %s breaks off: %s", shown_path(self),
+                    pcap_geterr(self.handle));
+    return false;
+}
+
+bool is_sampled(input& self) {
+    if (self.sampling == 0)
+        return true;
+    if (--self.frames_to_skip > 0)
+        return false;
+    self.frames_to_skip = self.sampling;
+    return true;
+}
+
+bool read_first_frame(input& self) {
+    self.is_ahead = read_frame(self);
+    // A file without any frame is well-formed; one that breaks off in its first frame is not.
+    return self.is_ahead || *pcap_geterr(self.handle) == '\0';
+}
+
+}  // namespace
+}  // namespace capture_file
+
+using namespace capture_file;
+
+int32_t plugin_type = PLUGIN_KIND_INPUT;
+
+const plugin_description* plugin_input_desc(void) {
+    return &description;
+}
+
+// What it opens lives as long as the program, or until the program ends for want of it.
+void* plugin_input_init(char* params, int, uint16_t) {
+    auto* self = static_cast<input*>(malloc_wrapper(sizeof(input), 1));
+    if (!read_parameters(params, *self) || !open_file(*self) || !set_filter(*self) ||
+        !read_first_frame(*self)) {
+        if (self->handle)
+            pcap_close(self->handle);
+        std::free(self);
+        return nullptr;
+    }
+    self->frames_to_skip = self->sampling;
+    return self;
+}
+
+uint32_t plugin_input_sampling(void* instance) {
+    return static_cast<uint32_t>(static_cast<input*>(instance)->sampling);
+}
+
+const uint8_t* plugin_input_get_packet(void* instance, packet_header* header) {
+    auto& self = *static_cast<input*>(instance);
+    do {
+        if (!self.is_ahead && (self.has_ended || !read_frame(self)))
+            return nullptr;
+        self.is_ahead = false;
+    } while (!is_sampled(self));
+    header->timestamp = time_of(*self.captured);
+    header->captured_length = self.captured->caplen;
+    header->wire_length = self.captured->len;
+    header->input_interface = 0;
+    header->output_interface = 0;
+    return self.frame;
+}
+
+int plugin_input_clock(void* instance, uint64_t* now) {
+    const auto& self = *static_cast<input*>(instance);
+    *now = self.clock;
+    return self.has_ended;
+}

@@ -1,0 +1,177 @@
+// The loop of a replay. Cost per packet, beside reading and parsing: one comparison for the clock,
+// and the update. A batch of packets is parsed into records that stay in the first-level cache,
+// their buckets are fetched meanwhile, and then the queue is updated with all of them.
+//
+// Nobody else touches the queue, so its lock is not taken here.
+
+#include "flow/replay.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "core/utils/clock.h"
+#include "core/utils/memory.h"
+#include "core/utils/wire.h"
+#include "flow/layout.h"
+#include "flow/parser.h"
+#include "flow/queue_update.h"
+#include "flow/remover.h"
+
+namespace kestrel {
+namespace {
+
+constexpr unsigned batch_packets = 64;
+constexpr unsigned slot_distance = 12;  // packets ahead
+
+struct replay {
+    flow_switch& sw;
+    flow_queue& queue;
+    const packet_reader& reader;
+    uint64_t now;      // the time of the latest packet
+    uint64_t reached;  // how far the input said it had come, behind the batch
+    uint64_t ticked;   // up to here the queue has aged
+    ageing age;
+    replay_totals* totals;
+    bool has_ended;
+    unsigned batch_limit;
+    unsigned count;  // packets in the batch
+    uint8_t* records;
+    flow_key keys[batch_packets];
+};
+
+flow_record& record_of(const replay& r, unsigned n) {
+    return *reinterpret_cast<flow_record*>(r.records + n * r.queue.stride);
+}
+
+// The input has no packet just now, or never again.
+void note_pause(replay& r) {
+    r.has_ended = r.sw.clock(r.reader.context, &r.reached) != 0;
+}
+
+void read_batch(replay& r) {
+    r.count = 0;
+    while (r.count < r.batch_limit) {
+        packet_header header{};
+        const uint8_t* frame = r.reader.get_packet(r.reader.context, &header);
+        if (!frame) [[unlikely]]
+            return note_pause(r);
+        r.totals->frames += 1;
+        flow_record& record = record_of(r, r.count);
+        prepare_record(record);
+        const flow_key key = parse_packet(frame, header, r.reader.sampling, record);
+        if (!occupied(key)) {
+            r.totals->no_flow += 1;
+            continue;
+        }
+        queue_prefetch_bucket(r.queue, key);
+        r.keys[r.count++] = key;
+    }
+}
+
+// The flow in slot 0 is not aged, and one that is not there needs no ageing.
+bool has_nothing_to_age(const flow_queue& queue) {
+    return queue.record_count == (occupied(queue.keys[0]) ? 1u : 0u);
+}
+
+// Lets the queue age, tick by tick, up to the time given. A silence of years costs no more than
+// the passes that end the last flows.
+[[gnu::noinline]] void age_until(replay& r, uint64_t now) {
+    uint64_t ticks = (now - r.ticked) / tick_ns;
+    while (ticks > 0) {
+        if (ticks > r.age.ticks_left && has_nothing_to_age(r.queue)) {
+            r.ticked += (ticks - 1) * tick_ns;
+            r.age.ticks_left = ticks = 1;
+        }
+        const uint64_t step = std::min(ticks, r.age.ticks_left);
+        ticks -= step;
+        r.ticked += step * tick_ns;
+        r.queue.now.store(r.ticked, std::memory_order_relaxed);
+        queue_age(r.queue, r.age, step, r.ticked);
+    }
+}
+
+// The clock never runs backwards: a packet that is not in order is as late as it would be live.
+inline void advance_clock(replay& r, uint64_t packet_ns) {
+    r.now = std::max(r.now, packet_ns);
+    if (r.now - r.ticked >= tick_ns) [[unlikely]]
+        age_until(r, r.now);
+}
+
+void update_batch(replay& r) {
+    const auto prefetch = [&r](unsigned n) {
+        if (n < r.count)
+            queue_prefetch_slot(r.queue, r.keys[n]);
+    };
+    for (unsigned n = 0; n < slot_distance; ++n)
+        prefetch(n);
+    for (unsigned n = 0; n < r.count; ++n) {
+        prefetch(n + slot_distance);
+        flow_record& record = record_of(r, n);
+        advance_clock(r, record.end);
+        queue_update_locked(r.queue, record, r.keys[n]);
+    }
+}
+
+// Ends the flows that are left at the time of the last packet, as an interrupt would have.
+[[noreturn]] void finish(replay& r) {
+    queue_flush(&r.queue);
+    temporal_storage& finals = *r.queue.final_storage;
+    uint8_t* slot = static_cast<uint8_t*>(storage_reserve(finals));
+    store_native(slot + r.queue.record_size, replay_stamp{r.now, r.totals});
+    storage_commit(finals);
+    for (;;)
+        pause();
+}
+
+}  // namespace
+
+flow_queue* replay_queue_init(int32_t size_exponent, int32_t active_s, int32_t inactive_s,
+                              temporal_storage* final_storage, const char* directory,
+                              uint64_t data_size, int32_t plugin_count, process_plugin* plugins) {
+    flow_queue* queue = queue_create(size_exponent, static_cast<uint64_t>(active_s) * ns_per_second,
+                                     static_cast<uint64_t>(inactive_s) * ns_per_second,
+                                     final_storage, directory, data_size, plugin_count, plugins);
+    queue->stamps_records = true;
+    return queue;
+}
+
+uint64_t replay_clock(const flow_switch& sw) {
+    uint64_t now = 0;
+    (void)sw.clock(static_cast<const packet_reader*>(sw.context)->context, &now);
+    return now;
+}
+
+void* replay_loop(void* argument) {
+    auto& sw = *static_cast<flow_switch*>(argument);
+    (void)pthread_setname_np(pthread_self(), "replay");  // a name for top -H, no more
+    flow_queue& queue = *sw.queue;
+    const uint64_t start = replay_clock(sw);
+    queue.now.store(start, std::memory_order_relaxed);
+    auto& r = *make_lifelong<replay>(replay{
+        .sw = sw,
+        .queue = queue,
+        .reader = *static_cast<const packet_reader*>(sw.context),
+        .now = start,
+        .reached = start,
+        .ticked = start,
+        .age = queue_start_ageing(queue, start),
+        .totals = make_lifelong<replay_totals>(),
+        .has_ended = false,
+        // Process plugins are to see the frame behind the record in hand.
+        .batch_limit = queue.plugin_count != 0 ? 1 : batch_packets,
+        .count = 0,
+        .records = static_cast<uint8_t*>(malloc_wrapper(batch_packets * queue.stride, 1)),
+        .keys = {},
+    });
+    while (!r.has_ended) {
+        read_batch(r);
+        update_batch(r);
+        advance_clock(r, r.reached);
+        (void)queue_serve_flush_request(queue);
+    }
+    finish(r);
+}
+
+}  // namespace kestrel

@@ -1,0 +1,43 @@
+// Replays: inputs that bring their own clock (input_clock_function in kestrelexp/plugin.h), so that
+// hours of packets pass in seconds and give the flows that they gave when they were captured.
+//
+// One thread reads, parses, updates the queue and ages it as the packets' times go on: no exchange
+// ring and no remover thread. Finished flows go to the record loop through "final-records" as ever,
+// each with a stamp behind it that says when it left, which is what the record loop and the exports
+// take for the time. So the two threads never wait for each other, and two runs over the same
+// packets are equal to the byte.
+#pragma once
+
+#include <cstdint>
+
+#include "flow/queue.h"
+#include "flow/sw.h"
+
+namespace kestrel {
+
+// What a replay has read.
+struct replay_totals {
+    uint64_t frames;   // delivered by the input
+    uint64_t no_flow;  // frames among them that are no flow
+};
+
+// Stands behind the record in every slot of "final-records".
+struct replay_stamp {
+    uint64_t now_ns;             // when the record left the queue
+    const replay_totals* ended;  // in the last slot, which holds no record; else null
+};
+
+// queue_init (kestrelexp/flow.h) for a replay: no remover thread, and finished flows are stamped.
+// The slots of final_storage have room for a replay_stamp behind the record.
+flow_queue* replay_queue_init(int32_t size_exponent, int32_t active_s, int32_t inactive_s,
+                              temporal_storage* final_storage, const char* directory,
+                              uint64_t data_size, int32_t plugin_count, process_plugin* plugins);
+
+// How far the input has come (ns): once it is initialised, the time of the first packet to come.
+uint64_t replay_clock(const flow_switch& sw);
+
+// Thread body; argument: the switch of an input with a clock. Never returns: behind the last flow
+// it puts the slot that says so, and sleeps.
+void* replay_loop(void* flow_switch);
+
+}  // namespace kestrel
