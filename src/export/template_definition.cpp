@@ -6,12 +6,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "core/utils/heap.h"
 #include "core/utils/log.h"
 #include "core/utils/memory.h"
 #include "export/template_plan.h"
@@ -22,11 +22,6 @@ namespace {
 
 constexpr std::string_view opening = "BEGIN-TEMPLATE";
 constexpr uint32_t set_limit = std::numeric_limits<uint16_t>::max();  // as is a record's length
-
-struct free_heap {
-    void operator()(void* block) const { std::free(block); }
-};
-using piece_array = std::unique_ptr<char*[], free_heap>;
 
 struct item {
     std::string element;
@@ -90,7 +85,7 @@ export_template make_template(const char* definition, const template_element* el
         die(exit_config, "blank field definition");
     // A copy of its own: char_split's is the caller's to free by its first piece.
     std::string text = definition;
-    const piece_array pieces(char_split(text.data(), ',', 0));
+    const heap_array pieces(char_split(text.data(), ',', 0));
     std::vector<const template_element*> rows;
     export_template result = {};
     uint32_t record_length = 0;

@@ -18,11 +18,10 @@
 
 #include <algorithm>
 #include <cassert>
-#include <cstdlib>
-#include <cstring>
 #include <string>
 #include <vector>
 
+#include "core/utils/heap.h"
 #include "core/utils/log.h"
 
 namespace kestrel {
@@ -39,19 +38,11 @@ constexpr const char* builtin_transports[] = {
     ",ICMP_TYPE_CODE=L4_ICMP_TYPE_CODE",
 };
 
-void free_lines(char** lines) {
-    for (char** line = lines; *line; ++line)
-        std::free(*line);
-    std::free(lines);
-}
-
 char** read_definitions(const char* path) {
-    char** lines = read_config(path);
+    const config_lines lines(read_config(path));
     if (!lines)
         die(exit_config, "Template config error");
-    char** definitions = exporter_template_convert_config(lines);
-    free_lines(lines);
-    return definitions;
+    return exporter_template_convert_config(lines.get());
 }
 
 char** find_definitions(const template_exporter& self) {
@@ -110,9 +101,8 @@ char** builtin_definitions(const char* head) {
 void load_templates(template_exporter& self, getter* getters) {
     self.last_templates_s = timer_get_sec();
     verbose_msg(2, "init templates");
-    char** definitions = find_definitions(self);
-    self.templates = exporter_template_init(definitions, self.protocol->elements, getters);
-    std::free(definitions);
+    const heap_array definitions(find_definitions(self));
+    self.templates = exporter_template_init(definitions.get(), self.protocol->elements, getters);
     if (!self.templates)
         die(exit_config, "No templates found");
     self.templates->set_id = self.protocol->template_set_id;

@@ -10,28 +10,12 @@
 #include <limits>
 
 #include "core/utils/address.h"
+#include "core/utils/heap.h"
 #include "core/utils/log.h"
 #include "kestrelexp/service.h"
 
 namespace kestrel {
 namespace {
-
-class config_lines {
-  public:
-    explicit config_lines(const char* path) : lines_(read_config(path)) {}
-    ~config_lines() {
-        for (char** line = lines_; line != nullptr && *line != nullptr; ++line)
-            std::free(*line);
-        std::free(lines_);
-    }
-    config_lines(const config_lines&) = delete;
-    config_lines& operator=(const config_lines&) = delete;
-
-    char** get() const { return lines_; }
-
-  private:
-    char** lines_;
-};
 
 struct as_line {
     const char* number;
@@ -78,12 +62,12 @@ bool add_line(const as_line& line, as_tables& to) {
 }  // namespace
 
 as_file read_as_tables(const char* path, as_tables& tables) {
-    const config_lines lines(path);
-    if (lines.get() == nullptr)
+    const config_lines lines(read_config(path));
+    if (!lines)
         return as_file::unreadable;
-    for (int i = 0; lines.get()[i] != nullptr; ++i) {
+    for (int i = 0; lines[i] != nullptr; ++i) {
         as_line line;
-        if (!cut(lines.get()[i], line)) {
+        if (!cut(lines[i], line)) {
             verbose_msg(-1, "AS Helper found invalid config line: %i", i);
             return as_file::faulty;
         }

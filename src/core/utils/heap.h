@@ -1,4 +1,4 @@
-// Owners of what the C services hand out: texts on the heap, the lines of a file.
+// Owners of what the C services hand out: texts and arrays on the heap, the lines of a file.
 #pragma once
 
 #include <cstddef>
@@ -15,6 +15,9 @@ struct free_heap {
 };
 
 using heap_text = std::unique_ptr<char, free_heap>;
+
+// Pointers to texts that are not the array's own: what char_split returns.
+using heap_array = std::unique_ptr<char*[], free_heap>;
 
 inline heap_text heap_copy(const char* text, size_t length) {
     auto* copy = static_cast<char*>(malloc_wrapper(length + 1, 0));

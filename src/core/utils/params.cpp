@@ -3,18 +3,13 @@
 // or '='.
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
+#include "core/utils/heap.h"
 #include "core/utils/log.h"
 #include "kestrelexp/service.h"
 
 namespace kestrel {
 namespace {
-
-struct free_heap {
-    void operator()(void* block) const { std::free(block); }
-};
-using piece_array = std::unique_ptr<char*[], free_heap>;
 
 size_t count_separators(const char* text, char separator) {
     size_t count = 0;
@@ -42,7 +37,7 @@ outcome store_value(const config_setting& setting, char* value) {
 }
 
 outcome apply_item(char* item, const config_setting* table) {
-    const piece_array pieces(char_split(item, '=', 0));
+    const heap_array pieces(char_split(item, '=', 0));
     if (!pieces[0] || !pieces[1] || pieces[2]) {
         verbose_msg(-1, "Cfgline problem: %s", item);
         return outcome::failed;
@@ -96,7 +91,7 @@ char** char_split(char* text, int separator, int copy) {
 }
 
 int config_set_values(char* params, const struct config_setting* table) {
-    const piece_array items(char_split(params, ',', 1));
+    const heap_array items(char_split(params, ',', 1));
     outcome last = outcome::ignored;
     bool borrowed = false;
     for (char** item = items.get(); *item && last != outcome::failed; ++item) {
