@@ -152,6 +152,17 @@ TEST_F(TemplateInit, GetterThatServesTwoFieldsCountsOnce) {
     EXPECT_STREQ("ZERO", made->templates[0].getters[0].name);
 }
 
+TEST_F(TemplateInit, ValuesThatFellBackToZeroCountAsOne) {
+    testing::internal::CaptureStderr();
+    const template_collection* made =
+        init({"TOS=L4_PROTO,FLOWS=BYTES", "FLOWS=BYTES,TOS=*NONE,PROTOCOL=*NEITHER,IN_PKTS=PACKETS",
+              "PROTOCOL=L4_PROTO,TOS=L3_PROTO,IN_PKTS=PACKETS,FLOWS=BYTES"});
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(bits({"L4_PROTO", "L3_PROTO", "PACKETS", "BYTES"}), made->templates[0].required);
+    EXPECT_EQ(bits({"BYTES", "ZERO", "PACKETS"}), made->templates[1].required);
+    EXPECT_EQ(bits({"L4_PROTO", "BYTES"}), made->templates[2].required);
+}
+
 TEST_F(TemplateInit, OrderComparesBitsOnly) {
     export_template three = {}, two = {}, other_two = {};
     three.required = 0b10101;
