@@ -78,6 +78,13 @@ template_data* make_data(const getter* getters) {
         malloc_wrapper(sizeof(template_data) + longest + value_margin, 1));
 }
 
+// Both lengths are 16 bits wide on the wire.
+void check_lengths(uint32_t set_length, uint32_t record_length) {
+    if (set_length > set_limit || record_length > set_limit)
+        die(exit_config, "Templates too large: %u bytes, record %u bytes", set_length,
+            record_length);
+}
+
 // Appends to *set_length the bytes that the template takes in a template set.
 export_template make_template(const char* definition, const template_element* elements,
                               getter* table, uint32_t* set_length) {
@@ -96,11 +103,9 @@ export_template make_template(const char* definition, const template_element* el
         getter_copy_to(&result.getters, resolve_value(parsed, table));
         record_length += rows.back()->length;
         *set_length += 4;
-        // Both lengths are 16 bits wide on the wire.
-        if (record_length > set_limit || *set_length > set_limit)
-            die(exit_config, "Templates too large: %u bytes, record %u bytes", *set_length,
-                record_length);
+        check_lengths(*set_length, record_length);
     }
+    check_lengths(*set_length, record_length);  // of a template without fields
     const size_t size = rows.size() * sizeof(const template_element*);
     result.elements = static_cast<const template_element**>(malloc_wrapper(size, 0));
     std::copy(rows.begin(), rows.end(), result.elements);

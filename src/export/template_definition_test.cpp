@@ -298,6 +298,9 @@ TEST_F(TemplateInit, LengthsBeyond16BitsAreRefused) {
                 "^Templates too large: 16392 bytes, record 65536 bytes\n$");
     EXPECT_EXIT(init(texts(8193, "TOS=ZERO")), testing::ExitedWithCode(255),
                 "^Templates too large: 65540 bytes, record 1 bytes\n$");
+    // Without fields each takes 4 bytes in a template set that has 4 itself.
+    EXPECT_EXIT(init(texts(16383, ",")), testing::ExitedWithCode(255),
+                "^Templates too large: 65536 bytes, record 0 bytes\n$");
 }
 
 }  // namespace
