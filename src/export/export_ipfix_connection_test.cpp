@@ -104,6 +104,16 @@ TEST_F(IpfixConnection, NewConnectionGetsItsTemplatesWithTheNextFlush) {
     EXPECT_TRUE(again.receive(65536, 0).empty());
 }
 
+// The message that was lost counts for the refresh.
+TEST_F(IpfixConnection, NewConnectionGetsTheDueTemplatesToo) {
+    connect("127.0.0.1", tcp_->port(), ",protocol=tcp,template-refresh-packets=1");
+    tcp_->accept().reset();
+    export_one();
+    const tcp_connection again = tcp_->accept();
+    flush();
+    EXPECT_EQ(message(1, join({template_set, template_set})), again.receive());
+}
+
 TEST_F(IpfixConnection, BrokenConnectionIsClosed) {
     tcp_connection connection = connect_tcp();
     const size_t before = open_descriptors();
@@ -165,6 +175,21 @@ TEST_F(IpfixConnection, MissingUdpCollectorCostsMessagesOnly) {
     export_one();
     EXPECT_EQ(message(12, join({template_set, one_record})), receive());
     EXPECT_EQ(message(13, one_record), receive());
+}
+
+// Every thousandth message is reported. Were lost ones left out, 2000 would bring one report.
+TEST_F(IpfixConnection, LostMessagesCountForTheProgressReport) {
+    connect("127.0.0.1", collector_->port(), "");
+    collector_.reset();
+    verbose_level = 4;
+    const std::string text = messages_of([&] {
+        for (int message = 0; message < 2000; ++message)
+            export_one();
+    });
+    size_t reports = 0;
+    for (size_t at = 0; (at = text.find("EXPORTER_SENT_PACKETS: ", at)) != std::string::npos; ++at)
+        ++reports;
+    EXPECT_EQ(2u, reports);
 }
 
 // ---- Partial sends ----

@@ -138,6 +138,16 @@ TEST_F(ExportIpfix, SequenceCountsTheRecordsBefore) {
     EXPECT_EQ(42u, big_endian(receive(), 8, 4));
 }
 
+TEST_F(ExportIpfix, NothingPendingCountsForNoRefresh) {
+    connect(",template-refresh-packets=3");
+    export_one();
+    flush();
+    flush();
+    EXPECT_EQ(data_set(1), export_one());
+    EXPECT_EQ(data_set(1), export_one());
+    EXPECT_EQ(join({template_set, data_set(1)}), export_one());
+}
+
 TEST_F(ExportIpfix, FlowThatFitsNoTemplateIsDropped) {
     connect();
     flow_.l3protocol = 6;

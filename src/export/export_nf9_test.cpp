@@ -136,6 +136,16 @@ TEST_F(ExportNf9, NothingPendingSendsNothing) {
     EXPECT_EQ(join({template_set, one_record}), export_one());
 }
 
+TEST_F(ExportNf9, NothingPendingCountsForNoRefresh) {
+    connect(",template-refresh-packets=3");
+    export_one();
+    flush();
+    flush();
+    EXPECT_EQ(one_record, export_one());
+    EXPECT_EQ(one_record, export_one());
+    EXPECT_EQ(join({template_set, one_record}), export_one());
+}
+
 TEST_F(ExportNf9, FlowThatFitsNoTemplateIsDropped) {
     connect();
     flow_.l3protocol = 6;
