@@ -11,6 +11,7 @@
 #include "core/utils/log.h"
 #include "core/utils/memory.h"
 #include "core/utils/wire.h"
+#include "export/net.h"
 #include "kestrelexp/builtin.h"
 #include "kestrelexp/getter.h"
 #include "kestrelexp/record.h"
@@ -97,9 +98,7 @@ struct header_time {
 
 struct nf5_exporter {
     // Parameters
-    char* host = nullptr;
-    int32_t port = 3001;
-    int32_t ip = 46;
+    collector to = {};
     int32_t source_id = 0;
 
     int socket = -1;
@@ -249,17 +248,16 @@ void* exporter_nf5_init(char* params, struct getter* getters) {
     auto* self = make_lifelong<nf5_exporter>();
     const config_setting settings[] = {
         {"source_id", &self->source_id, CONFIG_INTEGER},
-        {"host", &self->host, CONFIG_STRING},
-        {"port", &self->port, CONFIG_INTEGER},
-        {"ip", &self->ip, CONFIG_INTEGER},
+        {"host", &self->to.host, CONFIG_STRING},
+        {"port", &self->to.port, CONFIG_INTEGER},
+        {"ip", &self->to.ip, CONFIG_INTEGER},
         {nullptr, nullptr, 0},
     };
     if (config_set_values(params, settings) != 0)
         die(exit_config, "Parameters decoding problem");
-    if (!self->host)
+    if (!self->to.host)
         die(exit_config, "Hostname parameter is mandatory for netflow v5 export");
-    self->socket = net_connect(self->host, static_cast<uint16_t>(self->port), protocol_udp,
-                               static_cast<uint32_t>(self->ip));
+    self->socket = net_connect(self->to);
     if (self->socket <= 0)
         die(exit_config, "Can't connect to collector");
     self->src_as = as_getter(getters, "SRC_AS");

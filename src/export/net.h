@@ -9,7 +9,7 @@ struct collector {
     char* host = nullptr;
     int32_t port = 3001;
     int32_t ip = 46;        // see net_connect in builtin.h
-    uint8_t protocol = 17;  // IP protocol number
+    uint8_t protocol = 17;  // IP protocol number; UDP
 };
 
 int net_connect(const collector& to);
