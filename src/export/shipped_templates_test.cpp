@@ -77,6 +77,16 @@ class ShippedTemplates : public kestrel_test::export_fixture {
         return text;
     }
 
+    // The table of a probe with -e vlan -e mpls -e mac.
+    void switch_blocks_on() {
+        kestrel_vlan_offset = 88;
+        kestrel_mpls_offset = 98;
+        kestrel_mac_offset = 142;
+        std::free(table_);
+        table_ = getter_base_init();
+        kestrel_vlan_offset = kestrel_mpls_offset = kestrel_mac_offset = 0;
+    }
+
     template_collection* load_examples(const char* name, const template_element* elements) {
         char** lines = read_config(write_file(with_examples(name)).c_str());
         char** definitions = exporter_template_convert_config(lines);
@@ -113,12 +123,7 @@ TEST_F(ShippedTemplates, TimesAreWhatTheElementsSay) {
 }
 
 TEST_F(ShippedTemplates, LinesThatAreOffCanBeSwitchedOn) {
-    kestrel_vlan_offset = 88;
-    kestrel_mpls_offset = 98;
-    kestrel_mac_offset = 142;
-    std::free(table_);
-    table_ = getter_base_init();
-    kestrel_vlan_offset = kestrel_mpls_offset = kestrel_mac_offset = 0;
+    switch_blocks_on();
     for (const char* name : {"SRC_AS", "DST_AS", "SRC_AS32", "DST_AS32"})
         getter_add(&table_, name, 4, nullptr, record_valid_ok, record_length_4, record_get_zero);
     const auto fields_of = [](const template_collection* from) {
@@ -137,6 +142,23 @@ TEST_F(ShippedTemplates, LinesThatAreOffCanBeSwitchedOn) {
                   EXPECT_EQ(10, v9->count);
                   EXPECT_EQ(112 + 16 + 16 + 17 + 18, fields_of(v9));
               }));
+}
+
+TEST_F(ShippedTemplates, AsNumbersThatNobodyProvidesAreToldOfSixteenTimes) {
+    switch_blocks_on();
+    std::string expected;
+    for (int templates = 0; templates < 8; ++templates)
+        for (const char* name : {"SRC_AS32", "DST_AS32"})
+            expected += std::string("Fallback to ZERO getter for value: ") + name + "\n";
+    EXPECT_EQ(expected,
+              messages_of([&] { load_examples("ipfix-template.txt", static_field_ipfix); }));
+}
+
+TEST_F(ShippedTemplates, VlanLinesEndAProbeWithoutTheBlock) {
+    for (const char* name : {"SRC_AS32", "DST_AS32"})
+        getter_add(&table_, name, 4, nullptr, record_valid_ok, record_length_4, record_get_zero);
+    EXPECT_EXIT(load_examples("ipfix-template.txt", static_field_ipfix),
+                testing::ExitedWithCode(255), "^Unable to found record value: L2_VLAN_0\n$");
 }
 
 // ---- docs/templates.md ----
