@@ -112,11 +112,13 @@ uint32_t flush(nf9_exporter& self) {
 }
 
 // Records never share a header with those before a clock that went back, nor with a flow that ends
-// in the future.
+// in the future, whether or not records are pending.
 clock_fault check_clock(nf9_exporter& self, const header_time& now, uint64_t now_ns,
                         uint64_t flow_end_ns) {
     clock_fault fault = clock_fault::none;
-    if (now_ns / ns_per_second < self.time.secs || now.uptime_ms < self.time.uptime_ms) {
+    const bool went_back =
+        now_ns / ns_per_second < self.time.secs || now.uptime_ms < self.time.uptime_ms;
+    if (self.pending > 0 && went_back) {
         flush(self);
         fault = clock_fault::backwards;
     }
@@ -140,8 +142,7 @@ uint32_t export_flow(nf9_exporter& self, const flow_record* record) {
     const uint64_t now_ns = timer_get_nsec();
     const header_time now = {static_cast<uint32_t>(timer_get_uptime() / ns_per_ms),
                              static_cast<uint32_t>(now_ns / ns_per_second)};
-    const clock_fault fault =
-        self.pending > 0 ? check_clock(self, now, now_ns, record->end) : clock_fault::none;
+    const clock_fault fault = check_clock(self, now, now_ns, record->end);
     int32_t index;
     const uint32_t length = exporter_template_find(self.templates, record, &index);
     if (is_full(self, length))
