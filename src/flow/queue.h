@@ -18,6 +18,8 @@
 namespace kestrel {
 
 inline constexpr uint32_t bucket_slots = 8;
+// Flows are counted by blocks of slots, so that a whole scan of a sparse queue skips what is empty.
+inline constexpr uint32_t block_slots = 1024;
 
 // What changes with every packet of a flow.
 struct fast_record {
@@ -52,7 +54,8 @@ struct flow_queue {
     uint64_t victim_counter;
     uint64_t active_timeout;  // ns
     kestrel::fast_record* fast;
-    flow_key* keys;  // negative: the slot holds this flow; else it is free
+    flow_key* keys;         // negative: the slot holds this flow; else it is free
+    uint16_t* block_flows;  // flows in each block of slots
     int32_t plugin_count;
     kestrel::queue_statistics statistics;
     uint64_t inactive_timeout;  // ns

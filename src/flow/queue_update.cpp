@@ -9,8 +9,13 @@
 namespace kestrel {
 
 [[gnu::noinline]] void queue_finish_scan(flow_queue& queue, uint64_t now) {
-    while (queue.scan_cursor >= 0)
-        queue_scan_step(queue, now);
+    while (queue.scan_cursor >= 0) {
+        const uint32_t block = static_cast<uint32_t>(queue.scan_cursor) / block_slots;
+        if (queue.block_flows[block] == 0)
+            queue.scan_cursor = static_cast<int32_t>(block * block_slots) - 1;
+        else
+            queue_scan_step(queue, now);
+    }
     queue.forced_checks = 0;
 }
 
@@ -43,6 +48,7 @@ namespace kestrel {
     fast.bytes = packet.bytes;
     fast.set(packet.packets, packet.tcpflags);
     queue.record_count += 1;
+    ++queue.block_flows[slot / block_slots];
     queue.keys[slot] = key;
 }
 

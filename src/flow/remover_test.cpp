@@ -139,6 +139,37 @@ TEST_F(Remover, ForcedScanWalksDownwards) {
     EXPECT_EQ(key_of(0), queue_->keys[0]);
 }
 
+TEST_F(Remover, ForcedScanFindsFlowsFarApartFromTheTop) {
+    size_exponent_ = 13;
+    make();
+    queue_->scan_cursor = -1;  // the flows below are made without any scan
+    const uint32_t slots[] = {0, 8, 1016, 1024, 4096, 8184};
+    for (uint32_t n = 0; n < 6; ++n)
+        update(key_of(1, slots[n]), {.end = 100, .source = slots[n]});
+    queue_->scan_cursor = 8191;
+    for (int pass = 0; pass < 3; ++pass)
+        queue_restart_scan(*queue_, idle_at);
+    ASSERT_EQ(5u, taken().size());
+    for (uint32_t n = 0; n < 5; ++n)
+        EXPECT_EQ(slots[5 - n], flow(n).ipv4.srcipv4);
+    EXPECT_EQ(1u, flows_left());  // slot 0 is never scanned
+    EXPECT_EQ(8191, queue_->scan_cursor);
+}
+
+TEST_F(Remover, ForcedScanLeavesABlockWhoseFlowsLeftBefore) {
+    size_exponent_ = 13;
+    make();
+    queue_->scan_cursor = -1;
+    update(key_of(1, 4096), {.end = 100});
+    queue_remove_record(queue_, 4096, REMOVAL_FORCED);
+    update(key_of(2, 4096), {.end = 100});
+    queue_->scan_cursor = 8191;
+    for (int pass = 0; pass < 3; ++pass)
+        queue_restart_scan(*queue_, idle_at);
+    EXPECT_EQ(2u, taken().size());
+    EXPECT_EQ(0u, flows_left());
+}
+
 TEST_F(Remover, ForcedScanIsAnnouncedAtLevelZero) {
     make();
     verbose_level = 0;
