@@ -7,7 +7,6 @@ import re
 import shutil
 import socket
 import struct
-import subprocess
 import tempfile
 import time
 import unittest
@@ -128,41 +127,6 @@ class AsNumbers(Addresses):
                              f"-F as_helper:{second} -E {self.to(two)}", one, two)
         self.assertEqual(self.numbers(got[0]), [(1, 0)] * 3)
         self.assertEqual(self.numbers(got[1]), [(2, 0)] * 3)
-
-    def test_a_real_collector_shows_the_numbers(self):
-        free = self.collector()
-        port = free.getsockname()[1]
-        free.close()
-        flows = os.path.join(self.directory, "flows")
-        os.mkdir(flows)
-        nfcapd = subprocess.Popen(
-            ["nfcapd", "-w", flows, "-b", "127.0.0.1", "-p", str(port), "-t", "600"],
-            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self.addCleanup(nfcapd.wait)
-        self.addCleanup(nfcapd.kill)
-        self.wait_until(lambda: self.unread_bytes(port) == 0)
-        self.run_to_the_end(f" -F as_helper:{self.table(*self.TABLE)} "
-                            f"-E netflow-v5:host=127.0.0.1,port={port}")
-        self.wait_until(lambda: self.unread_bytes(port) == 0)
-        time.sleep(0.3)  # what it has just read counts only when it is stored
-        nfcapd.terminate()
-        self.assertEqual(nfcapd.wait(timeout=probe.SECONDS_TO_WAIT), 0)
-        shown = subprocess.run(["nfdump", "-N", "-q", "-R", flows, "-o", "fmt:%sa %da %sas %das"],
-                               check=True, capture_output=True, text=True,
-                               stdin=subprocess.DEVNULL).stdout
-        self.assertEqual(sorted(line.split() for line in shown.splitlines()), [
-            ["10.0.0.0", "192.0.2.1", "0", "60417"], ["10.0.0.1", "192.0.2.1", "65001", "60417"],
-            ["10.0.0.2", "192.0.2.1", "0", "60417"]])
-
-    @staticmethod
-    def unread_bytes(port):
-        """What waits at a UDP port, in bytes; None while nobody listens there."""
-        with open("/proc/self/net/udp", encoding="ascii") as table:
-            for line in table:
-                fields = line.split()
-                if fields[1].endswith(f":{port:04X}"):
-                    return int(fields[4].partition(":")[2], 16)
-        return None
 
     def wait_until(self, holds):
         end = time.monotonic() + probe.SECONDS_TO_WAIT

@@ -58,6 +58,16 @@ def free_udp_port():
         return probe.getsockname()[1]
 
 
+def unread_bytes(port):
+    """What waits at a bound UDP port of this namespace."""
+    with open("/proc/self/net/udp", encoding="ascii") as table:
+        for line in table:
+            fields = line.split()
+            if fields[1].endswith(f":{port:04X}"):
+                return int(fields[4].partition(":")[2], 16)
+    raise LookupError(port)
+
+
 def received_frames(interface=PROBED):
     """Frames that the kernel has handed to an interface so far."""
     with open("/proc/self/net/dev", encoding="ascii") as table:
