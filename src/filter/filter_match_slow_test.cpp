@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <initializer_list>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -94,9 +95,13 @@ TEST(SlowMatch, AllConditionsOfARuleMustHold) {
 }
 
 TEST(SlowMatch, AnotherNegationThanOneGoesOn) {
-    const auto rules = compile("any\nnot any\n");
-    rules->slow[0].negate = 2;
-    EXPECT_FALSE(keeps(rules, "10.0.0.1", "10.0.0.2"));
+    for (const auto& [second, kept] : {std::pair{"any\n", true}, std::pair{"not any\n", false}}) {
+        const auto rules = compile(std::string("any\n") + second);
+        rules->slow[0].negate = 2;
+        EXPECT_EQ(kept, keeps(rules, "10.0.0.1", "10.0.0.2")) << second;
+        rules->slow[1].negate = 2;
+        EXPECT_FALSE(keeps(rules, "10.0.0.1", "10.0.0.2")) << second;
+    }
 }
 
 // ---- Slow rules: addresses ----
@@ -114,6 +119,14 @@ TEST(SlowIpv4, ASideIsMeant) {
     EXPECT_FALSE(keeps(rules, "192.0.2.1", "10.0.0.7"));
     EXPECT_FALSE(keeps(rules, "10.0.0.7", "192.0.2.2"));
     EXPECT_FALSE(keeps(rules, "10.0.1.7", "192.0.2.1"));
+}
+
+TEST(SlowIpv4, AnAddressWithoutASideMakesTheRuleOneOfEitherSide) {
+    const auto rules = compile("addr 10.0.0.1 dst addr 10.0.0.2\n");
+    EXPECT_TRUE(keeps(rules, "10.0.0.1", "192.0.2.1"));
+    EXPECT_TRUE(keeps(rules, "192.0.2.1", "10.0.0.1"));
+    EXPECT_FALSE(keeps(rules, "192.0.2.1", "10.0.0.2"));
+    EXPECT_FALSE(keeps(rules, "10.0.0.2", "192.0.2.1"));
 }
 
 TEST(SlowIpv4, SwappedEndsMeanEverythingOutside) {
@@ -194,6 +207,15 @@ TEST(SlowIpv6, EitherSideHoldsTheSourceAgainstZeroAndTheSpan) {
     EXPECT_FALSE(keeps(rules, "5::", "::1"));
 }
 
+TEST(SlowIpv6, EitherSideHoldsTheSourceAgainstTheDestinationOfTheRule) {
+    // The lower bound of the destination, ::2, with the span of the source, 0.
+    const auto rules = compile("addr 2001:db8::1 dst addr 2001:db8::2\n");
+    EXPECT_TRUE(keeps(rules, "2001:db8::2", "::1"));
+    EXPECT_TRUE(keeps(rules, "::", "::1"));
+    EXPECT_FALSE(keeps(rules, "2001:db8::1", "2001:db8::2"));
+    EXPECT_FALSE(keeps(rules, "2001:db9::2", "::1"));
+}
+
 // ---- Slow rules: ports, protocols, VLANs ----
 
 TEST(SlowPorts, EitherSideMayHoldThePort) {
@@ -224,6 +246,17 @@ TEST(SlowPorts, BothSidesAreMeant) {
     EXPECT_TRUE(keeps(rules, with_ports(6, 10, 20)));
     EXPECT_FALSE(keeps(rules, with_ports(6, 20, 10)));
     EXPECT_FALSE(keeps(rules, with_ports(6, 11, 20)));
+}
+
+TEST(SlowPorts, APortWithoutASideMakesTheRuleOneOfEitherSide) {
+    // The last range that is not for the destination alone is held against both ports.
+    for (const char* text : {"port 80 dst port 53\n", "dst port 53 port 80\n",
+                             "src port 53 port 80\n", "port 53 src port 80\n"}) {
+        const auto rules = compile(text);
+        EXPECT_TRUE(keeps(rules, with_ports(17, 80, 1000))) << text;
+        EXPECT_TRUE(keeps(rules, with_ports(17, 1000, 80))) << text;
+        EXPECT_FALSE(keeps(rules, with_ports(17, 53, 53))) << text;
+    }
 }
 
 TEST(SlowProtocol, TheNumberMustBeTheSame) {

@@ -67,6 +67,18 @@ TEST(FilterMatch, AFlowOfNoFamilyGoesToTheSlowRules) {
     EXPECT_FALSE(keeps(compile("ipproto ipv4\nipproto ipv6\n"), record));
 }
 
+TEST(FilterMatch, TheLengthOfAFastTableIsASigned32BitNumber) {
+    const auto rules =
+        compile("fast src addr 10.0.0.1\nfast src addr 10.0.0.2\nfast src addr ::1\n");
+    rules->fast4_count = rules->fast6_count = 0x1'0000'0001;  // one entry
+    EXPECT_TRUE(keeps(rules, "10.0.0.1", "192.0.2.1"));
+    EXPECT_FALSE(keeps(rules, "10.0.0.2", "192.0.2.1"));
+    EXPECT_TRUE(keeps(rules, "::1", "::9"));
+    rules->fast4_count = rules->fast6_count = 0x8000'0000;  // less than none
+    EXPECT_FALSE(keeps(rules, "10.0.0.1", "192.0.2.1"));
+    EXPECT_FALSE(keeps(rules, "::1", "::9"));
+}
+
 TEST(FilterMatch, TheRecordIsNotChanged) {
     const auto rules = compile("fast src addr 10.0.0.0/8\nphy 3\nsrc addr 10.0.0.1 port 80\n");
     flow_record record = flow("10.0.0.1", "10.0.0.2");

@@ -66,19 +66,23 @@ TEST(FilterTables, Ipv6EntriesGoBySourceBeforeDestination) {
 }
 
 TEST(FilterTables, CompletingSortsAndKeepsTheOrderOfEquals) {
+    // Sources 6 ... 0 in turn, numbered by their spans; many enough for any sort to move equals.
+    constexpr uint32_t rounds = 30;
     const filter_owner rules = make_filter();
-    for (const uint32_t source : {5u, 3u, 5u, 1u, 3u}) {
-        const uint64_t number = rules->fast4_count;
-        fast4_entry& entry = append(rules->fast4, rules->fast4_count);
-        entry.src_low = source;
-        entry.src_span = static_cast<uint32_t>(number);
+    for (uint32_t number = 0; number < 7 * rounds; ++number) {
+        const uint32_t source = 6 - number % 7;
+        append(rules->fast4, rules->fast4_count) = {source, number, 0, 0, 0};
+        append(rules->fast6, rules->fast6_count) = {{0, 0, 0, source}, {number}, {}, {}, 0};
     }
     complete_filter(*rules);
-    std::string order;
-    for (uint64_t i = 0; i < rules->fast4_count; ++i)
-        order += std::to_string(rules->fast4[i].src_low) + ":" +
-                 std::to_string(rules->fast4[i].src_span) + " ";
-    EXPECT_EQ("1:3 3:1 3:4 5:0 5:2 ", order);
+    for (uint32_t i = 0; i < 7 * rounds; ++i) {
+        const uint32_t source = i / rounds;
+        const uint32_t number = 6 - source + 7 * (i % rounds);
+        EXPECT_EQ(source, rules->fast4[i].src_low);
+        EXPECT_EQ(number, rules->fast4[i].src_span);
+        EXPECT_EQ(source, rules->fast6[i].src_low[3]);
+        EXPECT_EQ(number, rules->fast6[i].src_span[0]);
+    }
 }
 
 TEST(FilterTables, NewRowsAreZero) {

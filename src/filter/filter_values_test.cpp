@@ -341,6 +341,17 @@ TEST(FilterRange, ASingleSideOpensTheOther) {
     EXPECT_EQ(2u, destination.sides);
 }
 
+TEST(FilterRange, ASingleSideOpensTheOtherTo65535InBothWidths) {
+    const auto source = parse_range<uint32_t>("100000", FILTER_SIDE_SOURCE);
+    EXPECT_EQ(100000u, source.low1);
+    EXPECT_EQ(0u, source.low2);
+    EXPECT_EQ(65535u, source.high2);
+    const auto destination = parse_range<uint32_t>("100000", FILTER_SIDE_DESTINATION);
+    EXPECT_EQ(0u, destination.low1);
+    EXPECT_EQ(65535u, destination.high1);
+    EXPECT_EQ(100000u, destination.high2);
+}
+
 TEST(FilterRange, WhatASideHoldsIsLeftToIt) {
     const auto source = parse_range<uint16_t>("53", FILTER_SIDE_SOURCE, FILTER_SIDE_DESTINATION);
     EXPECT_EQ(7777, source.low2);

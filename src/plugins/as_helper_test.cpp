@@ -1,6 +1,7 @@
 #include "plugins/as_helper.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -256,10 +257,20 @@ TEST_F(AsHelper, AFileThatIsGoneKeepsTheTables) {
 
 TEST_F(AsHelper, AFileThatCannotBeReadAnyMoreKeepsEverything) {
     load("65001-192.0.2.0/24\n");
-    state_->path = "/proc/self/no/such";
-    EXPECT_EQ(state_, __as_helper_init(state_->path, state_));
+    file_.remove();
+    ASSERT_EQ(0, mknod(file_.path(), S_IFSOCK | 0600, 0));  // has a time, and nobody opens it
+    verbose_level = 5;
+    EXPECT_EQ(
+        "VERBOSE: 5:It's time to reread config\n"
+        "VERBOSE: 5:config changed. trying to reload\n",
+        look_up(uptime + 300'001));
+    EXPECT_EQ(state_, __as_helper_init(file_.path(), state_));
     EXPECT_EQ(65001u, source_as());
-    EXPECT_EQ(1'600'000'000, state_->mtime);
+    EXPECT_EQ(1'600'000'000, state_->mtime);  // so that the next check tries again
+    EXPECT_EQ(uptime + 600'001, state_->next_check);
+    file_.replace("65009-192.0.2.0/24\n", 1'600'000'001);
+    (void)look_up(uptime + 600'002);
+    EXPECT_EQ(65009u, source_as());
 }
 
 std::string leaving(scratch_file& file) {

@@ -140,6 +140,20 @@ TEST(AsTable, NetworksOfOneAddressKeepTheirOrder) {
     EXPECT_EQ(2u, find_as4(tables.table4, 0x0A000001));  // the middle one
 }
 
+TEST(AsTable, ManyNetworksOfOneAddressKeepTheirOrderToo) {
+    as_tables tables;
+    for (uint32_t n = 1; n <= 100; ++n) {
+        tables.table4.push_back(make_as4_entry(n, (n % 2) << 24, 8));
+        tables.table6.push_back(make_as6_entry(n, {n % 2, 0, 0, 0}, 32));
+    }
+    sort_as_tables(tables);
+    for (uint32_t i = 0; i < 100; ++i) {
+        const uint32_t expected = i < 50 ? 2 * i + 1 : 2 * (i - 50) + 2;  // odd ones first
+        EXPECT_EQ(expected, tables.table4[i].asn);
+        EXPECT_EQ(expected, tables.table6[i].asn);
+    }
+}
+
 // Networks of all lengths side by side, with gaps. What the documentation promises of such tables.
 TEST(AsTable, NetworksThatLieApartAreFoundByAllTheirAddresses) {
     as_tables tables;
