@@ -49,7 +49,7 @@ bool inside_halves(const halves& value, const uint32_t* base_words, const uint32
     const halves span = load_halves(span_words);
     const uint64_t low = value.low - base.low;
     const uint64_t high = value.high - base.high;
-    return low != 0 ? low <= span.low : high == 0 || high <= span.high;
+    return low != 0 ? low <= span.low : high <= span.high;
 }
 
 // ---- Fast tables ----

@@ -80,22 +80,15 @@ void open(uint32_t (&low)[FILTER_ADDRESS_WORDS], uint32_t (&span)[FILTER_ADDRESS
 }
 
 // A rule without a side becomes two entries, of which at least one takes every flow of the family:
-// the value stands in the source bounds alone, and those are opened. See docs/filter-rules.md.
+// the value stands in the source bounds alone, and those are opened; the destination was never
+// closed. See docs/filter-rules.md.
 void append_fast4(filter_rules& rules, const fast_bounds& b, bool negate, bool mirror) {
     const fast4_entry entry = {b.src_low[0], b.src_high[0] - b.src_low[0], b.dst_low[0],
                                b.dst_high[0] - b.dst_low[0], negate};
-    fast4_entry first = entry;
-    if (mirror) {
-        first.src_low = 0;
-        first.src_span = all_ones;
-    }
-    append(rules.fast4, rules.fast4_count) = first;
-    if (mirror) {
-        fast4_entry& second = append(rules.fast4, rules.fast4_count);
-        second = entry;
-        second.dst_low = 0;
-        second.dst_span = all_ones;
-    }
+    if (mirror)
+        append(rules.fast4, rules.fast4_count) = {0, all_ones, entry.dst_low, entry.dst_span,
+                                                  entry.negate};
+    append(rules.fast4, rules.fast4_count) = entry;
 }
 
 void append_fast6(filter_rules& rules, fast_bounds& b, bool negate, bool mirror) {
