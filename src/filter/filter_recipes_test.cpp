@@ -102,9 +102,15 @@ TEST(FilterRecipes, OnlyFlowsOfOneInterface) {
 }
 
 TEST(FilterRecipes, AListAndTheOtherIpVersionWhole) {
-    const auto rules = compile("fast src addr 10.0.0.0/8\nipproto ipv6\nipproto ipv4\n");
+    const auto rules = compile("fast src addr 10.0.0.0/8\nany\n");
     EXPECT_TRUE(keeps(rules, "10.0.0.1", outside));
     EXPECT_FALSE(keeps(rules, outside, "10.0.0.1"));
+    EXPECT_TRUE(keeps(rules, "::1", "::2"));
+}
+
+TEST(FilterRecipes, TheOtherIpVersionAloneAsASlowRuleDropsTheList) {
+    const auto rules = compile("fast src addr 10.0.0.0/8\nipproto ipv6\n");
+    EXPECT_FALSE(keeps(rules, "10.0.0.1", outside));
     EXPECT_TRUE(keeps(rules, "::1", "::2"));
 }
 
