@@ -1,0 +1,210 @@
+#!/usr/bin/env python3
+"""Keeps the manual pages and the shell completions in step with the program.
+
+Usage: tools/reference.py [--check] PROGRAM
+
+Asks the program for its options (-h) and plugins (-l) and writes what follows from them into the
+blocks that are marked "generated" in docs/man and packaging/completions; text outside these blocks
+is written by hand. An option or plugin without a block gets one at the end of its group. With
+--check nothing is written: status 1, and the names of the files that would change.
+"""
+
+import re
+import subprocess
+import sys
+from dataclasses import dataclass
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parents[1]
+KINDS = ("INPUT", "PROCESS", "FILTER", "EXPORT")
+# Keys that the descriptions spell in another way than the plugin reads them.
+READ_AS = {("ipfix", "template-file"): "template_file"}
+
+
+@dataclass(frozen=True)
+class Option:
+    section: str
+    letter: str
+    argument: str  # "" for none
+    text: tuple
+
+
+@dataclass(frozen=True)
+class Plugin:
+    kind: str
+    name: str
+    text: tuple
+
+    def keys(self):
+        """Its settings, where they are "key=value" items."""
+        found = (re.match(r" ([a-z_-]+)=", line) for line in self.text)
+        return [READ_AS.get((self.name, match[1]), match[1]) for match in found if match]
+
+
+def parse_help(text):
+    """The options of -h, in order."""
+    section, rows = "", []
+    for line in text.splitlines():
+        if match := re.fullmatch(r"(\w+) options:", line):
+            section = match[1]
+        elif match := re.fullmatch(r" -(\w)(?: (\S+))? +(\S.*)", line):
+            rows.append([section, match[1], match[2] or "", [match[3]]])
+        elif section and rows and re.match(r" {18}\S", line):
+            rows[-1][3].append(line.strip())
+    return [Option(*row[:3], tuple(row[3])) for row in rows]
+
+
+def parse_plugins(text):
+    """The plugins of -l, in order."""
+    kind, rows = "", []
+    for line in text.splitlines():
+        if match := re.fullmatch(r"(\w+) Plugin\(s\)", line):
+            kind = match[1]
+        elif line.startswith("name: "):
+            rows.append([kind, line.removeprefix("name: "), []])
+        elif rows:
+            rows[-1][2].append(line)
+    return [Plugin(row[0], row[1], tuple("\n".join(row[2]).strip("\n").split("\n")))
+            for row in rows]
+
+
+# ---- blocks ----
+
+def replace_blocks(text, comment, wanted, group_ends=None):
+    """text with the body of each block "COMMENT generated: NAME" ... "COMMENT end" made what wanted
+    says. Blocks that are missing go in front of the line group_ends[NAME]; others are dropped."""
+    pattern = re.compile(rf"(?m)^{re.escape(comment)} generated: (.+)\n(?:.*\n)*?"
+                         rf"{re.escape(comment)} end\n")
+
+    def block(name):
+        return f"{comment} generated: {name}\n{wanted[name]}{comment} end\n"
+
+    present = set(pattern.findall(text))
+    text = pattern.sub(lambda match: block(match[1]) if match[1] in wanted else "", text)
+    for name in wanted:
+        if name not in present:
+            end = f"{comment} {(group_ends or {})[name]}\n"
+            assert end in text, f"no line {end!r}"
+            text = text.replace(end, block(name) + end)
+    return text
+
+
+# ---- manual pages ----
+
+def roff(text):
+    text = text.replace("\\", "\\e").replace("-", "\\-").replace("'", "\\(aq")
+    return "\\&" + text if text.startswith(".") else text
+
+
+def option_block(option):
+    head = (f'.BI \\-{option.letter} " {option.argument}"' if option.argument
+            else f".B \\-{option.letter}")
+    first = option.text[0]
+    if len(option.text) > 1:
+        lines = [".TP", head, roff(first), ".nf", *map(roff, option.text[1:]), ".fi"]
+    else:
+        lines = [".TP", head, roff(first if first.endswith(".") else first + ".")]
+    return "\n".join(lines) + "\n"
+
+
+def plugin_block(plugin):
+    return "\n".join([f".SS {roff(plugin.name)}", ".nf", *map(roff, plugin.text), ".fi"]) + "\n"
+
+
+def options_page(text, options, _):
+    return replace_blocks(
+        text, '.\\"', {f"-{option.letter}": option_block(option) for option in options},
+        {f"-{option.letter}": f"end of {option.section} options" for option in options})
+
+
+def plugins_page(text, _, plugins):
+    def name(plugin):
+        return f"{plugin.kind.lower()} {plugin.name}"
+    return replace_blocks(
+        text, '.\\"', {name(plugin): plugin_block(plugin) for plugin in plugins},
+        {name(plugin): f"end of {plugin.kind.lower()} plugins" for plugin in plugins})
+
+
+# ---- completions ----
+
+def names_of(plugins, kind):
+    return " ".join(plugin.name for plugin in plugins if plugin.kind == kind)
+
+
+def shell_tables(options, plugins, array):
+    lines = [f"{array}_options='{' '.join('-' + option.letter for option in options)}'"]
+    for kind in KINDS:
+        lines.append(f"{array}_{kind.lower()}='{names_of(plugins, kind)}'")
+    lines.append(f"typeset -gA {array}_keys=(" if array.startswith("_kx_z")
+                 else f"declare -gA {array}_keys=(")
+    lines += [f"    [{plugin.name}]='{' '.join(plugin.keys())}'"
+              for plugin in plugins if plugin.keys()]
+    return "\n".join(lines) + "\n)\n"
+
+
+def bash_file(text, options, plugins):
+    return replace_blocks(text, "#", {"tables": shell_tables(options, plugins, "_kx")})
+
+
+ZSH_ACTIONS = {"block": "(vlan mpls mac)", "user": "_users", "dir": "_directories",
+               "file": "_files"}
+ZSH_KINDS = {"I": "input", "P": "process", "G": "filter", "F": "filter", "E": "export"}
+
+
+def zsh_spec(option):
+    text = option.text[0].replace("'", "'\\''").replace("[", "\\[").replace("]", "\\]")
+    spec = f"*-{option.letter}[{text}]"
+    if option.argument:
+        action = ZSH_ACTIONS.get(option.argument, " ")
+        if option.letter in ZSH_KINDS:
+            # The blank keeps _arguments from putting options of its own behind the first word.
+            action = f" _kestrelexp_named {ZSH_KINDS[option.letter]}"
+        spec += f":{option.argument.replace(':', chr(92) + ':')}:{action}"
+    return f"    '{spec}'"
+
+
+def zsh_file(text, options, plugins):
+    specs = ["_kx_z_specs=(", *map(zsh_spec, options), ")"]
+    return replace_blocks(text, "#", {
+        "tables": "\n".join(specs) + "\n" + shell_tables(options, plugins, "_kx_z")})
+
+
+FILES = {
+    "docs/man/kestrelexp.8": options_page,
+    "docs/man/kestrelexp-plugins.7": plugins_page,
+    "packaging/completions/kestrelexp.bash": bash_file,
+    "packaging/completions/_kestrelexp": zsh_file,
+}
+
+
+def said_by(program, option):
+    return subprocess.run([program, option], check=True, stdout=subprocess.PIPE, text=True,
+                          stdin=subprocess.DEVNULL).stdout
+
+
+def main():
+    words = sys.argv[1:]
+    checking = "--check" in words
+    programs = [word for word in words if word != "--check"]
+    if len(programs) != 1:
+        sys.exit(__doc__)
+    options = parse_help(said_by(programs[0], "-h"))
+    plugins = parse_plugins(said_by(programs[0], "-l"))
+    assert options and plugins, "the program's texts have another form"
+    changed = []
+    for name, made_from in FILES.items():
+        path = ROOT / name
+        text = path.read_text(encoding="utf-8")
+        new = made_from(text, options, plugins)
+        if new != text:
+            changed.append(name)
+            if not checking:
+                path.write_text(new, encoding="utf-8")
+    for name in changed:
+        print(name)
+    if checking and changed:
+        sys.exit("these differ from what the program says: run tools/reference.py PROGRAM")
+
+
+if __name__ == "__main__":
+    main()
