@@ -1,26 +1,69 @@
-# What lands on a system: the program, the headers that plugins include, a pkg-config file that
-# names the plugin directory, that directory itself, and what stands in etc/.
-set(KESTREL_PLUGIN_DIR lib64/kestrelexp)
+# What lands on a system, in two components. "program": the program, its manual, completions, unit,
+# plugin directories and what stands in etc/. "dev": what plugins are built with.
+set(KESTREL_PLUGIN_DIR lib64/kestrelexp)     # every object in it is loaded at each start
+set(KESTREL_EXTRAS_DIR lib/kestrelexp)       # objects that we ship, loaded with -X alone
+set(KESTREL_PROGRAM COMPONENT program)
+set(KESTREL_DEV COMPONENT dev)
 
-install(TARGETS kestrelexp RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/kestrelexp
-  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
-install(DIRECTORY DESTINATION ${KESTREL_PLUGIN_DIR})
-# The program reads /etc/kestrel. Files that an operator may have changed are never replaced, and
-# under another prefix (a staged tree, a test) nothing outside it is touched.
-install(CODE [[
-  set(etc "${CMAKE_INSTALL_PREFIX}/etc/kestrel")
-  if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
-    set(etc "/etc/kestrel")
+install(TARGETS kestrelexp RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} ${KESTREL_PROGRAM})
+install(DIRECTORY DESTINATION ${KESTREL_PLUGIN_DIR} ${KESTREL_PROGRAM})
+install(CODE "
+  file(GLOB_RECURSE extras \"${PROJECT_BINARY_DIR}/extras/*.so\")
+  if(extras)
+    file(INSTALL \${extras} DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${KESTREL_EXTRAS_DIR}\")
   endif()
-]])
-foreach(file as-example.txt filter-example.txt ipfix-template.txt nf9-template.txt)
-  install(CODE "
-    if(NOT EXISTS \"\$ENV{DESTDIR}\${etc}/${file}\")
-      file(INSTALL \"${PROJECT_SOURCE_DIR}/etc/${file}\" DESTINATION \"\${etc}\")
+" ${KESTREL_PROGRAM})
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/kestrelexp@.service
+  DESTINATION lib/systemd/system ${KESTREL_PROGRAM})
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/completions/kestrelexp.bash
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME kestrelexp
+  ${KESTREL_PROGRAM})
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/completions/_kestrelexp
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions ${KESTREL_PROGRAM})
+
+# Configuration belongs to the system, not to the prefix; under another prefix (a staged tree, a
+# test) nothing outside it is touched. Files that an operator may have changed are never replaced.
+file(GLOB KESTREL_ETC CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/etc/*.txt)
+install(CODE [[
+  set(etc "${CMAKE_INSTALL_PREFIX}/etc")
+  if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+    set(etc "/etc")
+  endif()
+  function(install_once file directory name)
+    if(NOT EXISTS "$ENV{DESTDIR}${directory}/${name}")
+      file(INSTALL "${file}" DESTINATION "${directory}" RENAME "${name}")
     endif()
-  ")
+  endfunction()
+]] ${KESTREL_PROGRAM})
+set(KESTREL_CONFFILES etc/default/kestrelexp)
+install(CODE "install_once(\"${PROJECT_SOURCE_DIR}/packaging/kestrelexp.default\"
+  \"\${etc}/default\" kestrelexp)" ${KESTREL_PROGRAM})
+foreach(file ${KESTREL_ETC})
+  get_filename_component(name ${file} NAME)
+  list(APPEND KESTREL_CONFFILES etc/kestrel/${name})
+  install(CODE "install_once(\"${file}\" \"\${etc}/kestrel\" ${name})" ${KESTREL_PROGRAM})
 endforeach()
+
+# Manual pages are installed compressed, as Debian has them.
+function(kestrel_install_gzipped source directory name component)
+  set(made ${PROJECT_BINARY_DIR}/gzipped/${name}.gz)
+  add_custom_command(OUTPUT ${made} COMMAND gzip -9nc ${source} > ${made} DEPENDS ${source} VERBATIM)
+  string(MAKE_C_IDENTIFIER "gzipped_${name}" target)
+  add_custom_target(${target} ALL DEPENDS ${made})
+  install(FILES ${made} DESTINATION ${directory} RENAME ${ARGN} COMPONENT ${component})
+endfunction()
+file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/gzipped)
+foreach(page kestrelexp.8 kestrelexp-plugins.7)
+  string(REGEX MATCH ".$" section ${page})
+  kestrel_install_gzipped(${PROJECT_SOURCE_DIR}/docs/man/${page}
+    ${CMAKE_INSTALL_MANDIR}/man${section} ${page} program ${page}.gz)
+endforeach()
+
+# What plugins are built with: headers, where they are, and a plugin to begin with.
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/kestrelexp
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} ${KESTREL_DEV} FILES_MATCHING PATTERN "*.h")
 configure_file(${CMAKE_CURRENT_LIST_DIR}/kestrelexp.pc.in kestrelexp.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kestrelexp.pc
-  DESTINATION ${CMAKE_INSTALL_DATADIR}/pkgconfig)
+install(FILES ${PROJECT_BINARY_DIR}/kestrelexp.pc
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/pkgconfig ${KESTREL_DEV})
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/plugin
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/kestrelexp ${KESTREL_DEV})

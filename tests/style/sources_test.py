@@ -7,7 +7,7 @@ import unittest
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
-FOLDERS = ("bench", "extras", "include", "src", "tests", "tools")
+FOLDERS = ("bench", "examples", "extras", "include", "src", "tests", "tools")
 C_FAMILY = {".c", ".cpp", ".h"}
 MOST_LINES = 500
 MOST_COLUMNS = 100
@@ -66,7 +66,7 @@ class Sources(unittest.TestCase):
                        else "no guard")
 
     def test_scripts_can_be_run_and_have_no_errors(self):
-        for name in ("check", "quickstart", ".ci/run"):
+        for name in ("check", "quickstart", ".ci/run", "tools/package"):
             with self.subTest(script=name):
                 self.assertTrue(os.access(ROOT / name, os.X_OK))
                 subprocess.run(["bash", "-n", ROOT / name], check=True, stdin=subprocess.DEVNULL)

@@ -1,0 +1,63 @@
+# Debian packages out of the installation: kestrelexp (component "program") and kestrelexp-dev
+# ("dev"). tools/package makes them; lintian and a whole life on a system are in tests/package.
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_VENDOR "The kestrelexp authors")
+set(CPACK_PACKAGE_CONTACT "The kestrelexp authors <maintainers@kestrelexp.example>")
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # each package has its own
+set(CPACK_SET_DESTDIR ON)  # so that /etc is /etc
+set(CPACK_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_COMPONENTS_ALL program dev)
+set(CPACK_COMPONENTS_GROUPING IGNORE)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
+
+set(CPACK_DEBIAN_PROGRAM_PACKAGE_NAME kestrelexp)
+set(CPACK_COMPONENT_PROGRAM_DESCRIPTION "network flow probe with IPFIX and NetFlow export
+Captures the frames of a network interface, aggregates them into flows in a
+cache of fixed size, and sends every finished flow to collectors as IPFIX,
+NetFlow v9 or NetFlow v5.
+
+Filters, process plugins, inputs and exports are plugins; kestrelexp-dev has
+what further ones are built with.")
+set(CPACK_DEBIAN_PROGRAM_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PROGRAM_PACKAGE_DEPENDS adduser)
+
+set(CPACK_DEBIAN_DEV_PACKAGE_NAME kestrelexp-dev)
+set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEV_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS pkg-config)
+set(CPACK_DEBIAN_DEV_PACKAGE_SUGGESTS "kestrelexp (>= ${PROJECT_VERSION})")
+set(CPACK_COMPONENT_DEV_DESCRIPTION "headers for plugins of the kestrelexp flow probe
+The plugin contract of kestrelexp as C11 and C++20 headers, a pkg-config file
+that names the plugin directory, and a small plugin with its Makefile to
+begin with, in /usr/share/kestrelexp/plugin.")
+
+# Maintainer scripts, and the list of files that an operator may change.
+set(debian ${PROJECT_SOURCE_DIR}/packaging/debian)
+list(TRANSFORM KESTREL_CONFFILES PREPEND / OUTPUT_VARIABLE conffiles)
+list(JOIN conffiles "\n" conffiles)
+file(WRITE ${PROJECT_BINARY_DIR}/debian/conffiles "${conffiles}\n")
+set(CPACK_DEBIAN_PROGRAM_PACKAGE_CONTROL_EXTRA
+  ${PROJECT_BINARY_DIR}/debian/conffiles ${debian}/postinst ${debian}/prerm ${debian}/postrm)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+
+foreach(package kestrelexp kestrelexp-dev)
+  set(component program)
+  if(package MATCHES "-dev$")
+    set(component dev)
+  endif()
+  set(doc ${CMAKE_INSTALL_DATADIR}/doc/${package})
+  install(FILES ${debian}/copyright DESTINATION ${doc} COMPONENT ${component})
+  kestrel_install_gzipped(${debian}/changelog ${doc} changelog.${package} ${component} changelog.gz)
+  if(EXISTS ${debian}/${package}.lintian-overrides)
+    install(FILES ${debian}/${package}.lintian-overrides
+      DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides RENAME ${package}
+      COMPONENT ${component})
+  endif()
+endforeach()
+
+include(CPack)

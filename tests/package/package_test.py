@@ -1,0 +1,194 @@
+"""The Debian packages: what is in them, and their life on a machine that is thrown away."""
+
+import os
+import re
+import shutil
+import signal
+import unittest
+from pathlib import Path
+
+from packages import UNIT, Unit, install, package, run, second_version, state
+from testbed.frames import ethernet, ipv4, udp
+from testbed.machine_copy import enter_machine_copy
+from testbed.netflow_v5 import Collector
+from testbed.network import PROBED, FrameSender, enter_private_network
+from testbed.probe import FLUSHED, READY
+from testbed.process import WatchedProcess, settle
+
+SOURCE = Path(__file__).resolve().parents[2]
+BUILD = Path(os.environ.get("KESTREL_BUILD", "."))
+TEMPLATE, FILTER = Path("/etc/kestrel/ipfix-template.txt"), Path("/etc/kestrel/filter-example.txt")
+DEFAULTS = Path("/etc/default/kestrelexp")
+
+
+def files_of_the_system():
+    return set(run("find", "/etc", "/usr", "/var/lib/systemd", "-xdev").splitlines())
+
+
+class Package(unittest.TestCase):
+    maxDiff = None
+
+    def test_lintian_has_no_complaint(self):
+        said = run("lintian", "--allow-root", "--fail-on", "error,warning", "--tag-display-limit",
+                   "0", str(package("kestrelexp")), str(package("kestrelexp-dev")))
+        self.assertEqual([line for line in said.splitlines() if not line.startswith("N:")], [])
+
+    def test_every_file_of_etc_is_the_operators_to_change(self):
+        listed = run("dpkg-deb", "-I", str(package("kestrelexp")), "conffiles").split()
+        shipped = {line.split()[-1].removeprefix(".")
+                   for line in run("dpkg-deb", "-c", str(package("kestrelexp"))).splitlines()
+                   if "./etc/" in line and not line.endswith("/")}
+        self.assertEqual(sorted(shipped), sorted(listed))
+        self.assertEqual(len(listed), 1 + len(list((SOURCE / "etc").glob("*.txt"))))
+
+
+class Life(unittest.TestCase):
+    """Each test installs the packages on a copy of this machine."""
+
+    maxDiff = None
+
+    def setUp(self):
+        enter_machine_copy(kept=[SOURCE, BUILD, package("kestrelexp").parent])
+        # Were the probe installed on the real machine, the copy would have it too.
+        run("dpkg", "--purge", "kestrelexp", "kestrelexp-dev", check=False)
+        # Machines that build in a container forbid their services to run; this one is anybody's.
+        Path("/usr/sbin/policy-rc.d").unlink(missing_ok=True)
+        Path("/var/lib/man-db/auto-update").unlink(missing_ok=True)  # takes seconds
+
+    def use_systemctl_that_notes(self):
+        """Scripts of the packages believe that systemd runs; returns a reader of what they ask."""
+        log, systemctl = Path("/run/asked-of-systemctl"), Path("/usr/bin/systemctl")
+        log.write_text("")
+        Path("/run/systemd/system").mkdir(parents=True, exist_ok=True)
+        systemctl.unlink(missing_ok=True)
+        systemctl.write_text(f'#!/bin/sh\necho "$@" >> {log}\n')
+        systemctl.chmod(0o755)
+
+        def asked():
+            lines = log.read_text().splitlines()
+            log.write_text("")
+            return lines
+        return asked
+
+    def test_the_service_captures_and_sends_every_flow_at_its_stop(self):
+        install(package("kestrelexp"))
+        enter_private_network()
+        collector = Collector()
+        self.addCleanup(collector.close)
+        sender = FrameSender()
+        self.addCleanup(sender.close)
+        DEFAULTS.write_text('KESTREL_OPTIONS="-v 0 -E netflow-v5:host=127.0.0.1,port='
+                            f'{collector.port},ip=4"\n')
+        unit = Unit(PROBED)
+        probe = WatchedProcess(unit.command())
+        self.addCleanup(probe.kill)
+        probe.wait_for_line(READY)
+        status = Path(f"/proc/{probe.pid}/status").read_text()
+        user = int(run("id", "-u", unit.value("User")))
+        self.assertNotEqual(user, 0)
+        self.assertIn(f"Uid:\t{user}\t{user}\t{user}\t{user}\n", status)
+        self.assertEqual(re.findall(r"Cap(?:Prm|Eff|Bnd|Amb):\t(\w+)", status),
+                         [f"{1 << 13:016x}"] * 4)  # CAP_NET_RAW is number 13
+        sender.send(*(ethernet(ipv4(udp(1000 + n, 53), "10.0.0.1", "10.0.0.2"))
+                      for n in range(20)))
+        settle()
+        probe.signal(signal.Signals[unit.value("KillSignal")])
+        self.assertEqual(probe.wait(), 0, probe.describe())
+        self.assertIn(FLUSHED, probe.lines)
+        collector.drain()
+        self.assertEqual(sorted(flow.source_port for flow in collector.flows.elements()),
+                         list(range(1000, 1020)))
+
+    def test_a_service_without_options_says_what_it_lacks(self):
+        install(package("kestrelexp"))
+        enter_private_network()
+        probe = WatchedProcess(Unit(PROBED).command())
+        self.addCleanup(probe.kill)
+        self.assertEqual(probe.wait(), 255)
+        self.assertEqual(probe.lines[-1], "No export set. Exiting.")
+
+    def test_each_example_of_the_options_file_starts(self):
+        install(package("kestrelexp"))
+        enter_private_network()
+        examples = re.findall(r'(?m)^#(KESTREL_OPTIONS=".*")$', DEFAULTS.read_text())
+        self.assertEqual(len(examples), 3)
+        run("ip", "addr", "add", "192.0.2.10/24", "dev", "lo")
+        run("ip", "addr", "add", "192.0.2.11/24", "dev", "lo")
+        for example in examples:
+            # A file for one interface counts more than the one for all.
+            Path(f"{DEFAULTS}-{PROBED}").write_text(example.replace('="', '="-v 0 ') + "\n")
+            with WatchedProcess(Unit(PROBED).command()) as probe:
+                probe.wait_for_line(READY)
+                probe.signal()
+                self.assertEqual(probe.wait(), 0, probe.describe())
+
+    def test_an_upgrade_keeps_what_the_operator_changed(self):
+        asked = self.use_systemctl_that_notes()
+        install(package("kestrelexp"))
+        self.assertEqual(asked(), ["--system daemon-reload"])
+        DEFAULTS.write_text("KESTREL_OPTIONS=-E null\n")
+        TEMPLATE.write_text("BEGIN-TEMPLATE\nIN_BYTES=BYTES\n")
+        shipped = FILTER.read_text()
+
+        def edit(tree):
+            for path in (DEFAULTS, TEMPLATE, FILTER):
+                with open(f"{tree}{path}", "a", encoding="utf-8") as file:
+                    file.write("# second version\n")
+
+        install(second_version(package("kestrelexp"), "3.01.02", edit))
+        self.assertEqual(run("dpkg-query", "-W", "-f=${Version}", "kestrelexp"), "3.01.02")
+        self.assertEqual(DEFAULTS.read_text(), "KESTREL_OPTIONS=-E null\n")
+        self.assertEqual(TEMPLATE.read_text(), "BEGIN-TEMPLATE\nIN_BYTES=BYTES\n")
+        self.assertEqual(FILTER.read_text(), shipped + "# second version\n")
+        # Probes that run are restarted once the new files are there, and never stopped before.
+        self.assertEqual(asked(), ["--system daemon-reload", "try-restart kestrelexp@*.service"])
+
+    def test_removal_stops_the_probes_and_purging_leaves_nothing_but_the_user(self):
+        before = files_of_the_system()
+        asked = self.use_systemctl_that_notes()
+        install(package("kestrelexp"), package("kestrelexp-dev"))
+        DEFAULTS.write_text("KESTREL_OPTIONS=-E null\n")
+        asked()
+        run("dpkg", "--remove", "kestrelexp-dev", "kestrelexp")
+        self.assertEqual(asked(), ["stop kestrelexp@*.service", "--system daemon-reload"])
+        self.assertEqual(state("kestrelexp"), "rc")
+        self.assertEqual(DEFAULTS.read_text(), "KESTREL_OPTIONS=-E null\n")
+        self.assertFalse(Path("/usr/sbin/kestrelexp").exists())
+        run("dpkg", "--purge", "kestrelexp", "kestrelexp-dev")
+        self.assertEqual(sorted(files_of_the_system() - before), [])
+        self.assertIn("/nonexistent", run("getent", "passwd", "kestrelexp"))
+        install(package("kestrelexp"))  # and it can come back
+
+    def test_the_unit_is_sound_and_hardened(self):
+        install(package("kestrelexp"))
+        self.assertEqual(run("systemd-analyze", "verify", "--man=no", "kestrelexp@eth0.service"),
+                         "")
+        verdict = run("systemd-analyze", "security", "--offline=true", "--no-pager",
+                      UNIT.name.replace("@", "@eth0")).splitlines()[-1]
+        exposure = float(re.search(r"exposure level for \S+: ([\d.]+)", verdict).group(1))
+        self.assertLess(exposure, 4.0, verdict)  # up to 4.9 is "OK"
+        self.assertIn("OK", verdict)
+
+    def test_a_plugin_is_made_from_the_installed_template(self):
+        install(package("kestrelexp"), package("kestrelexp-dev"))
+        shutil.copytree("/usr/share/kestrelexp/plugin", "/root/plugin")
+        run("make", "-C", "/root/plugin", "CFLAGS=-Werror")
+        self.assertNotIn("name: at_least", run("kestrelexp", "-l"))
+        self.assertIn("name: at_least", run("kestrelexp", "-X", "/root/plugin/at_least.so", "-l"))
+        run("make", "-C", "/root/plugin", "install")
+        self.assertIn("name: at_least", run("kestrelexp", "-l"))
+
+    def test_shipped_plugins_are_loaded_only_when_asked_for(self):
+        run("make", "-C", str(SOURCE / "examples/plugin"), f"CFLAGS=-I{SOURCE}/include")
+        extras = BUILD / "extras" / "any"
+        extras.mkdir(parents=True)
+        shutil.move(SOURCE / "examples/plugin/at_least.so", extras)
+        run(str(SOURCE / "tools/package"), "-B", str(BUILD), "-o", "/root")
+        install(next(Path("/root").glob("kestrelexp_*.deb")))
+        self.assertNotIn("name: at_least", run("kestrelexp", "-l"))
+        self.assertIn("name: at_least",
+                      run("kestrelexp", "-X", "/usr/lib/kestrelexp/at_least.so", "-l"))
+
+
+if __name__ == "__main__":
+    unittest.main()
