@@ -48,7 +48,7 @@ class Life(unittest.TestCase):
     maxDiff = None
 
     def setUp(self):
-        enter_machine_copy(kept=[SOURCE, BUILD, package("kestrelexp").parent])
+        enter_machine_copy([SOURCE, BUILD, package("kestrelexp").parent])
         # Were the probe installed on the real machine, the copy would have it too.
         run("dpkg", "--purge", "kestrelexp", "kestrelexp-dev", check=False)
         # Machines that build in a container forbid their services to run; this one is anybody's.

@@ -8,15 +8,17 @@ purged there, users made, files of /etc written.
 import ctypes
 import os
 import subprocess
+import tempfile
 
 _CLONE_NEWNS, _CLONE_NEWNET = 0x00020000, 0x40000000
 _ROOM = "/mnt"  # stands on every Debian system; covered in our name space only
+_ROOT = f"{_ROOM}/root"
 _KERNEL_MOUNTS = ("/proc", "/sys", "/dev")
 
 
-def enter_machine_copy(kept=()):
-    """Moves this process into the copy. What it needs of other mounts than the root file system
-    (a source or build tree, say) is named in kept and stays the real thing."""
+def enter_machine_copy(other_mounts=()):
+    """Moves this process into the copy. Directories that the caller needs and that may lie on other
+    mounts than the root file system (a source or build tree, say) are copied with it."""
     assert os.geteuid() == 0, "this test makes name spaces and mounts: run it as root"
     libc = ctypes.CDLL(None, use_errno=True)
     if libc.unshare(_CLONE_NEWNS | _CLONE_NEWNET) != 0:
@@ -24,20 +26,28 @@ def enter_machine_copy(kept=()):
     directory = os.getcwd()
     _run("mount", "--make-rprivate", "/")
     _run("mount", "-t", "tmpfs", "-o", "mode=755", "none", _ROOM)
-    for name in ("changes", "work", "root"):
-        os.mkdir(f"{_ROOM}/{name}")
-    _run("mount", "-t", "overlay", "-o",
-         f"lowerdir=/,upperdir={_ROOM}/changes,workdir={_ROOM}/work", "none", f"{_ROOM}/root")
+    os.mkdir(_ROOT)
+    _cover("/", _ROOT)
     for mounted in _KERNEL_MOUNTS:
-        _run("mount", "--rbind", mounted, f"{_ROOM}/root{mounted}")
+        _run("mount", "--rbind", mounted, f"{_ROOT}{mounted}")
     root_device = os.stat("/").st_dev
-    for path in map(os.path.realpath, kept):
+    for path in sorted(set(map(os.path.realpath, other_mounts))):
         if os.stat(path).st_dev != root_device:
-            os.makedirs(f"{_ROOM}/root{path}", exist_ok=True)
-            _run("mount", "--rbind", path, f"{_ROOM}/root{path}")
-    os.chroot(f"{_ROOM}/root")
+            os.makedirs(f"{_ROOT}{path}", exist_ok=True)
+            _cover(path, f"{_ROOT}{path}")
+    os.chroot(_ROOT)
     os.chdir(directory)
     _run("ip", "link", "set", "lo", "up")
+
+
+def _cover(real, shown):
+    """Shows the real directory at another place; what is written there stays in memory."""
+    changes = tempfile.mkdtemp(dir=_ROOM)
+    for name in ("upper", "work"):
+        os.mkdir(f"{changes}/{name}")
+    os.chmod(f"{changes}/upper", 0o755)
+    _run("mount", "-t", "overlay", "-o",
+         f"lowerdir={real},upperdir={changes}/upper,workdir={changes}/work", "none", shown)
 
 
 def _run(*command):
