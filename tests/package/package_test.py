@@ -4,14 +4,18 @@ import os
 import re
 import shutil
 import signal
+import socket
+import struct
+import time
 import unittest
 from pathlib import Path
 
 from packages import UNIT, Unit, install, package, run, second_version, state
+from testbed.booted_system import BootedSystem
 from testbed.frames import ethernet, ipv4, udp
 from testbed.machine_copy import enter_machine_copy
 from testbed.netflow_v5 import Collector
-from testbed.network import PROBED, FrameSender, enter_private_network
+from testbed.network import PROBED, FrameSender, enter_private_network, udp_receiver
 from testbed.probe import FLUSHED, READY
 from testbed.process import WatchedProcess, settle
 
@@ -98,6 +102,45 @@ class Life(unittest.TestCase):
         collector.drain()
         self.assertEqual(sorted(flow.source_port for flow in collector.flows.elements()),
                          list(range(1000, 1020)))
+
+    def test_systemd_starts_restarts_and_stops_it(self):
+        install(package("kestrelexp"))
+        enter_private_network()
+        receiver = udp_receiver()
+        self.addCleanup(receiver.close)
+        sender = FrameSender()
+        self.addCleanup(sender.close)
+        DEFAULTS.write_text("KESTREL_OPTIONS=-v 0 -E netflow-v5:host=127.0.0.1,port="
+                            f"{receiver.getsockname()[1]},ip=4\n")
+        service = f"kestrelexp@{PROBED}"
+        with BootedSystem() as system:
+            def send(port):
+                time.sleep(1)  # it has no way of saying that it captures
+                sender.send(ethernet(ipv4(udp(port, 53), "10.0.0.1", "10.0.0.2")))
+                settle()
+
+            system.run("systemctl", "start", service)
+            send(1000)
+            active, first, _ = system.state(service)
+            self.assertEqual(active, "active")
+
+            upgraded = second_version(package("kestrelexp"), "3.01.02", lambda tree: None)
+            system.run("dpkg", "-i", upgraded)
+            send(2000)
+            active, second, _ = system.state(service)
+            self.assertEqual(active, "active")
+            self.assertNotIn(second, (0, first))
+
+            system.run("systemctl", "stop", service)
+            self.assertEqual(system.state(service), ("inactive", 0, 0))
+            system.run("systemctl", "start", service)
+            send(3000)
+            system.run("dpkg", "--remove", "kestrelexp")
+            self.assertEqual(system.state(service)[:2], ("inactive", 0))
+        # Each of the three was still in the cache when its probe was told to end.
+        ports = [struct.unpack_from(">H", receiver.recv(2048, socket.MSG_DONTWAIT), 24 + 32)[0]
+                 for _ in range(3)]
+        self.assertEqual(ports, [1000, 2000, 3000])
 
     def test_a_service_without_options_says_what_it_lacks(self):
         install(package("kestrelexp"))

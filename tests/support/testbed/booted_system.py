@@ -1,0 +1,87 @@
+"""systemd as it would run on a machine, in the process name space of a copy of this one.
+
+To be used behind enter_machine_copy(). Nothing but the units that a test starts runs in it. The
+network is the caller's, so the caller's sockets and interfaces meet those of the services.
+"""
+
+import subprocess
+import time
+
+# A /dev without the machine's devices, a /run without its sockets, a process table and a tree of
+# control groups of its own.
+_BOOT = r"""
+set -e
+find /etc/systemd/system /usr/lib/systemd/system -name '*.wants' -prune -exec rm -rf {} +
+mount -t proc proc /proc
+mount -t tmpfs none /run
+mount -t tmpfs none /tmp
+mount -t tmpfs -o mode=755 none /dev
+mknod -m 666 /dev/null c 1 3
+mknod -m 666 /dev/zero c 1 5
+mknod -m 666 /dev/full c 1 7
+mknod -m 666 /dev/random c 1 8
+mknod -m 666 /dev/urandom c 1 9
+mknod -m 666 /dev/tty c 5 0
+mkdir /dev/shm /dev/pts
+mount -t tmpfs none /dev/shm
+mount -t devpts -o newinstance,ptmxmode=0666 none /dev/pts
+ln -s pts/ptmx /dev/ptmx
+ln -s /proc/self/fd /dev/fd
+: > /dev/console
+umount -R /sys/fs/cgroup
+mount -t cgroup2 none /sys/fs/cgroup
+exec env container=other /usr/lib/systemd/systemd --unit=sysinit.target --log-target=null
+"""
+_SPACES = ("--pid", "--mount", "--cgroup", "--uts", "--ipc")
+_SECONDS_TO_WAIT = 30
+
+
+class BootedSystem:
+    """Used as a context; whatever runs in it ends with it."""
+
+    def __init__(self):
+        self._shell = subprocess.Popen(["unshare", *_SPACES, "--fork", "--kill-child", "sh", "-c",
+                                        _BOOT], stdin=subprocess.DEVNULL)
+        try:
+            self._wait_until_up()
+        except BaseException:
+            self.__exit__()
+            raise
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self._shell.kill()
+        self._shell.wait()
+
+    def run(self, *command, check=True):
+        """Runs a command in the system, to its end; returns its output."""
+        done = subprocess.run(
+            ["nsenter", "--target", self._init(), "--root", "--wd", *_SPACES, *map(str, command)],
+            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+            timeout=_SECONDS_TO_WAIT, check=False)
+        assert done.returncode == 0 or not check, f"{command}: {done.returncode}\n{done.stdout}"
+        return done.stdout
+
+    def state(self, unit):
+        """Its state, its process (0: none) and the status it ended with."""
+        text = self.run("systemctl", "show", "-p", "ActiveState,MainPID,ExecMainStatus", unit)
+        values = dict(line.split("=", 1) for line in text.splitlines())
+        return values["ActiveState"], int(values["MainPID"]), int(values["ExecMainStatus"])
+
+    def _init(self):
+        path = f"/proc/{self._shell.pid}/task/{self._shell.pid}/children"
+        with open(path, encoding="ascii") as children:
+            return children.read().split()[0]
+
+    def _wait_until_up(self):
+        deadline = time.monotonic() + _SECONDS_TO_WAIT
+        while self._shell.poll() is None and time.monotonic() < deadline:
+            time.sleep(0.2)
+            try:
+                if self.run("systemctl", "is-system-running", check=False).strip() == "running":
+                    return
+            except IndexError:
+                pass  # the first process is not there yet
+        raise AssertionError("systemd does not come up")
