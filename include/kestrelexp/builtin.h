@@ -17,6 +17,11 @@ KX_API input_init_function input_pcap_init;
 KX_API input_sampling_function input_pcap_sampling;
 KX_API packet_function input_pcap_packet;
 
+KX_API plugin_desc_function input_rawnetcap_desc;
+KX_API input_init_function input_rawnetcap_init;
+KX_API input_sampling_function input_rawnetcap_sampling;
+KX_API packet_function input_rawnetcap_packet;
+
 KX_API plugin_desc_function exporter_null_desc;
 KX_API export_init_function exporter_null_init;
 KX_API export_export_function exporter_null_export;

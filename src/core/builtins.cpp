@@ -36,6 +36,8 @@ constexpr filter_plugin filter(plugin_desc_function* desc, filter_init_function*
 
 constexpr builtin builtins[] = {
     packet_input(input_pcap_desc, input_pcap_init, input_pcap_sampling, input_pcap_packet),
+    packet_input(input_rawnetcap_desc, input_rawnetcap_init, input_rawnetcap_sampling,
+                 input_rawnetcap_packet),
     exporter(exporter_null_desc, exporter_null_init, exporter_null_export, exporter_null_flush),
     exporter(exporter_nf5_desc, exporter_nf5_init, exporter_nf5_export, exporter_nf5_flush),
     exporter(exporter_nf9_desc, exporter_nf9_init, exporter_nf9_export, exporter_nf9_flush),

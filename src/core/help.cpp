@@ -76,7 +76,7 @@ void print_version() {
     std::printf("%s version: %s\n", progname, kestrel::program_version);
     std::printf("compile time: %s, %s\n", __DATE__, __TIME__);
     std::printf("compiler version: %s\n", __VERSION__);
-    std::printf("compile time options:\n");
+    std::printf("compile time options: -DRAWNETCAP\n");
     std::printf(
         "Copyright (c) 2026, the kestrelexp authors. All rights reserved.\n"
         "Distributed under the BSD 2-Clause License, without any warranty.\n");

@@ -5,11 +5,13 @@ import os
 import re
 import shutil
 import subprocess
+import tempfile
 import unittest
 
 from abi import PROGRAM, main, plugin
 import headers
 import probe
+from testbed.rawnetcap import with_capture_module, write_pcap
 
 
 class Headers(unittest.TestCase):
@@ -67,9 +69,12 @@ class Everything(unittest.TestCase):
     """A plugin that uses all that the headers declare."""
 
     def test_everything(self):
-        status, output, lines = probe.run(
-            PROGRAM, ["-X", plugin("everything"), "-e", "vlan", "-e", "mpls", "-e", "mac", "-I",
-                      "pcap:device=lo", "-E", "everything"], name="/some/where/probe")
+        with tempfile.NamedTemporaryFile() as frames:
+            write_pcap(frames.name, [bytes(60)] * 3)
+            status, output, lines = probe.run(
+                PROGRAM, ["-X", plugin("everything"), "-e", "vlan", "-e", "mpls", "-e", "mac",
+                          "-I", "pcap:device=lo", "-E", "everything"], name="/some/where/probe",
+                env=with_capture_module(FRAMES=frames.name))
         printed = [line for line in lines if line.startswith("flow: FLOW:")]
         self.assertEqual(len(printed), 1)
         self.assertRegex(printed[0], r"^flow: FLOW: *\d+, *\d+,16909060,84281096,IPV4,192\.0\.2\.1,"

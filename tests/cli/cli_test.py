@@ -116,7 +116,7 @@ class Texts(unittest.TestCase):
         self.assertRegex(lines[1], r"^compile time: [A-Z][a-z]{2} [ \d]\d \d{4}, "
                                    r"\d\d:\d\d:\d\d$")
         self.assertRegex(lines[2], r"^compiler version: .*\d+\.\d+")
-        self.assertEqual(lines[3], "compile time options:")
+        self.assertEqual(lines[3], "compile time options: -DRAWNETCAP")
         self.assertTrue("".join(lines[4:]))
 
     def test_plugin_list(self):
@@ -128,12 +128,24 @@ class Texts(unittest.TestCase):
             elif line.startswith("name: "):
                 found[-1].append(line)
         self.assertEqual(found, [
-            ["INPUT Plugin(s)", "name: pcap"],
+            ["INPUT Plugin(s)", "name: pcap", "name: rawnetcap"],
             ["FILTER Plugin(s)", "name: filter", "name: as_helper", "name: anonymizer"],
             ["EXPORT Plugin(s)", "name: null", "name: netflow-v5", "name: netflow-v9",
              "name: ipfix"],
         ])
-        self.assertTrue(text.startswith("\nINPUT Plugin(s)\nname: pcap\nPcap packet input driver"))
+        self.assertTrue(text.startswith(
+            "\nINPUT Plugin(s)\nname: pcap\n"
+            "Pcap packet input driver, get packet from pcap and pass it directly to exporter.\n"
+            "This driver may be used with process plugins.\n"
+            "Parameters (delimited by ',':\n device=devname (mandatory)\n sampling=value\n\n"
+            "name: rawnetcap\n"
+            "Rawnetcap packet input driver, get packet from rawnetcap and pass it directly to "
+            "exporter.\n"
+            "This driver may be used with process plugins.\n"
+            "Parameters (delimited by ',':\n device=devname (mandatory)\n"
+            " sampling=value (samples per second)\n"
+            " cache-size=value (in KiB, default is set by rawnetcap module)\n\n"
+            "\nFILTER Plugin(s)\n"))
         self.assertIn(
             "\n\n\nFILTER Plugin(s)\nname: filter\n"
             "Allows filter outgoing flows by addr, port, etc.\n"

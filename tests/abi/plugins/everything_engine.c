@@ -10,6 +10,7 @@
 #include "kestrelexp/builtin.h"
 #include "kestrelexp/flow.h"
 #include "kestrelexp/program.h"
+#include "kestrelexp/rawnetcap.h"
 #include "kestrelexp/service.h"
 
 enum { RECORD_SIZE = 154 };
@@ -185,6 +186,28 @@ static void check_connection(void) {
     close(receiver);
 }
 
+/* The test emulates the capture module: eth0 and eth1 take turns with three frames of 60 bytes. */
+static void check_rawnetcap(void) {
+    char params[] = "device=eth0#eth1,sampling=3";
+    struct packet_header header;
+    CHECK(strcmp(input_rawnetcap_desc()->name, "rawnetcap") == 0);
+    void* input = input_rawnetcap_init(params, 0, 0);
+    CHECK(input != NULL);
+    CHECK(input_rawnetcap_sampling(input) == 3);
+    CHECK(input_rawnetcap_packet(input, &header) != NULL);
+    CHECK(input_rawnetcap_packet(input, &header) != NULL);
+    CHECK(header.captured_length == 60 && header.wire_length == 60);
+    CHECK(header.input_interface == 2 && header.output_interface == 0);
+
+    struct rawnetcap_context* device = rawnetcap_init("eth1", 0, 128, 0);
+    CHECK(device != NULL);
+    const struct rawnetcap_record* first = rawnetcap_get_next(device, 10);
+    const struct rawnetcap_record* second = rawnetcap_get_next(device, 10);
+    CHECK(first != NULL && first->captured_length == 60 && first->input_interface == 1);
+    CHECK((const uint8_t*)second == (const uint8_t*)first + 80);
+    CHECK(rawnetcap_get_buffer_size(device) == 65536);
+}
+
 static void check_builtins(void) {
     static union any_record one;
     char nf5_params[] = "host=127.0.0.1,port=9";
@@ -220,6 +243,7 @@ void check_plugins(void) {
     CHECK(registry.export_count == 1 && registry.exports[0].flush == exporter_null_flush);
     CHECK(registry.filter_count == 1 && registry.filters[0].desc == input_desc);
     CHECK(registry.process_count == 1 && registry.processes[0].desc == input_desc);
+    check_rawnetcap();
     check_builtins();
     check_connection();
 }

@@ -15,10 +15,11 @@ class Probe(WatchedProcess):
     """The program on the probed end of the veth pair, or with another input (the words up to its
     -I); returns once it is capturing."""
 
-    def __init__(self, *arguments, device=PROBED, input_options="", ready=True, source=None):
+    def __init__(self, *arguments, device=PROBED, input_options="", ready=True, source=None,
+                 environment=None):
         command = [os.environ["KESTREL_PROBE"], "-v", "0",
                    *(source or ("-I", f"pcap:device={device}{input_options}")), *arguments]
-        super().__init__(command)
+        super().__init__(command, env=environment)
         if ready:
             self.wait_for_line(READY)
 

@@ -1,0 +1,50 @@
+"""The capture module that the "rawnetcap" input asks for, emulated in front of the C library (see
+tests/support/rawnetcap/module.h for what it can be told)."""
+
+import os
+import struct
+import time
+
+from testbed.process import SLOWNESS
+
+
+def write_pcap(path, frames):
+    """A pcap file of whole Ethernet frames, without times."""
+    with open(path, "wb") as file:
+        file.write(struct.pack("=IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 65535, 1))
+        for frame in frames:
+            file.write(struct.pack("=IIII", 0, 0, len(frame), len(frame)) + frame)
+
+
+def with_capture_module(**settings):
+    """The environment of a program that shall meet the module; settings: RAWNETCAP_ names."""
+    environment = dict(os.environ, LD_PRELOAD=os.environ["KESTREL_RAWNETCAP"])
+    # The address sanitizer would rather be first; calls go from the emulator to it.
+    environment["ASAN_OPTIONS"] = ":".join(
+        filter(None, [os.environ.get("ASAN_OPTIONS"), "verify_asan_link_order=0"]))
+    environment.update((f"RAWNETCAP_{name}", str(value)) for name, value in settings.items())
+    return environment
+
+
+class ModuleLog:
+    """What was asked of the module, line by line."""
+
+    def __init__(self, path):
+        self.path = path
+
+    @property
+    def lines(self):
+        try:
+            return self.path.read_text(encoding="ascii").splitlines()
+        except FileNotFoundError:
+            return []
+
+    def wait_for(self, beginning, timeout=20):
+        """Returns the first line that begins so."""
+        deadline = time.monotonic() + timeout * SLOWNESS
+        while time.monotonic() < deadline:
+            for line in self.lines:
+                if line.startswith(beginning):
+                    return line
+            time.sleep(0.05)
+        raise AssertionError(f"no line {beginning!r}..., the last ones are {self.lines[-5:]}")
