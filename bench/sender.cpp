@@ -3,6 +3,10 @@
 // repeats, so nothing about the next packet can be guessed from the last one.
 //
 // usage: sender INTERFACE FLOWS RATE SECONDS
+//        sender FILE FLOWS
+//
+// The second form writes the frames, one of each flow in the order in which they would be sent, to
+// a pcap file.
 
 #include <arpa/inet.h>
 #include <linux/if_packet.h>
@@ -58,6 +62,21 @@ std::vector<bench::frame> shuffled_flows(uint32_t count) {
     return frames;
 }
 
+void write_file(const char* path, const std::vector<bench::frame>& frames) {
+    constexpr uint32_t file_header[] = {0xA1B2C3D4, 0x00040002, 0, 0, 65535, 1 /* Ethernet */};
+    FILE* file = fopen(path, "wb");
+    if (file == nullptr || fwrite(file_header, sizeof file_header, 1, file) != 1)
+        fail(path);
+    for (const bench::frame& each : frames) {
+        const uint32_t header[] = {0, 0, each.size, each.size};
+        if (fwrite(header, sizeof header, 1, file) != 1 ||
+            fwrite(each.bytes.data(), each.size, 1, file) != 1)
+            fail(path);
+    }
+    if (fclose(file) != 0)
+        fail(path);
+}
+
 int64_t now_ns() {
     timespec time{};
     clock_gettime(CLOCK_MONOTONIC, &time);
@@ -108,11 +127,16 @@ class burst_sender {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 5) {
-        fprintf(stderr, "usage: %s INTERFACE FLOWS RATE SECONDS\n", argv[0]);
+    if (argc != 5 && argc != 3) {
+        fprintf(stderr, "usage: %s INTERFACE FLOWS RATE SECONDS | %s FILE FLOWS\n", argv[0],
+                argv[0]);
         return 2;
     }
     const auto flows = static_cast<uint32_t>(strtoul(argv[2], nullptr, 10));
+    if (argc == 3) {
+        write_file(argv[1], shuffled_flows(flows));
+        return 0;
+    }
     const int64_t rate = strtoll(argv[3], nullptr, 10);
     const double seconds = strtod(argv[4], nullptr);
     if (flows == 0 || flows > 1u << 24 || rate <= 0 || seconds <= 0) {
