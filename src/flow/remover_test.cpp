@@ -5,6 +5,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <fstream>
+#include <sstream>
+#include <string>
 #include <thread>
 
 #include "flow/queue_update.h"
@@ -359,6 +362,32 @@ TEST_F(Remover, ReportIsPerSecondButForFlowsAndInvalid) {
         "VERBOSE: 0:stat        123456,      98765432,          4321,   65536,            10,"
         "            25,             0\n",
         messages_of([&] { queue_print_report(report, 1'700'000'000, 10, 2'599); }));
+}
+
+// Its table has a row "| `column` | meaning |" for each name of the heading, in that order.
+TEST_F(Remover, OperationsPageExplainsEveryColumn) {
+    verbose_level = 0;
+    std::istringstream said(messages_of([] { queue_print_report({}, 1'700'000'000, 10, 0); }));
+    const std::string before = "VERBOSE: 0:stat -";
+    std::string heading;
+    while (std::getline(said, heading) && !heading.starts_with(before))
+        continue;
+    std::istringstream names(heading.substr(before.size()));
+    std::string expected;
+    for (std::string name; std::getline(names >> std::ws, name, ',');)
+        expected += name + "\n";
+
+    std::ifstream page(KESTREL_SOURCE_DIR "/docs/operations.md");
+    std::string on_page;
+    bool in_table = false;
+    for (std::string line; std::getline(page, line);) {
+        in_table = line.starts_with("| Column |") || (in_table && line.starts_with("|"));
+        const std::string start = "| `";
+        if (in_table && line.starts_with(start))
+            on_page +=
+                line.substr(start.size(), line.find('`', start.size()) - start.size()) + "\n";
+    }
+    EXPECT_EQ(expected, on_page);
 }
 
 TEST_F(Remover, ReportIsNotShownByDefault) {
