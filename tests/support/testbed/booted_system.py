@@ -4,6 +4,7 @@ To be used behind enter_machine_copy(). Nothing but the units that a test starts
 network is the caller's, so the caller's sockets and interfaces meet those of the services.
 """
 
+import os
 import subprocess
 import time
 
@@ -58,11 +59,20 @@ class BootedSystem:
     def run(self, *command, check=True):
         """Runs a command in the system, to its end; returns its output."""
         done = subprocess.run(
-            ["nsenter", "--target", self._init(), "--root", "--wd", *_SPACES, *map(str, command)],
-            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-            timeout=_SECONDS_TO_WAIT, check=False)
+            self.command(*command), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT, text=True, timeout=_SECONDS_TO_WAIT, check=False)
         assert done.returncode == 0 or not check, f"{command}: {done.returncode}\n{done.stdout}"
         return done.stdout
+
+    def command(self, *words):
+        """The words that run a command in the system, in the caller's directory."""
+        return ["nsenter", "--target", self._init(), "--root", f"--wd={os.getcwd()}", *_SPACES,
+                *map(str, words)]
+
+    @staticmethod
+    def signal(process, number):
+        """To a process started with command(): what was started is its child."""
+        os.kill(int(_first_child(process.pid)), number)
 
     def state(self, unit):
         """Its state, its process (0: none) and the status it ended with."""
@@ -71,9 +81,7 @@ class BootedSystem:
         return values["ActiveState"], int(values["MainPID"]), int(values["ExecMainStatus"])
 
     def _init(self):
-        path = f"/proc/{self._shell.pid}/task/{self._shell.pid}/children"
-        with open(path, encoding="ascii") as children:
-            return children.read().split()[0]
+        return _first_child(self._shell.pid)
 
     def _wait_until_up(self):
         deadline = time.monotonic() + _SECONDS_TO_WAIT
@@ -85,3 +93,8 @@ class BootedSystem:
             except IndexError:
                 pass  # the first process is not there yet
         raise AssertionError("systemd does not come up")
+
+
+def _first_child(pid):
+    with open(f"/proc/{pid}/task/{pid}/children", encoding="ascii") as children:
+        return children.read().split()[0]

@@ -23,10 +23,10 @@ def enter_private_network(mtu=1500):
         raise OSError(ctypes.get_errno(), "unshare(CLONE_NEWNET) failed")
     with open("/proc/sys/net/ipv6/conf/default/disable_ipv6", "w", encoding="ascii") as switch:
         switch.write("1")
-    _ip("link set lo up")
-    _ip(f"link add {SENDER} mtu {mtu} type veth peer name {PROBED} mtu {mtu}")
+    ip("link set lo up")
+    ip(f"link add {SENDER} mtu {mtu} type veth peer name {PROBED} mtu {mtu}")
     for end in (SENDER, PROBED):
-        _ip(f"link set {end} arp off up")
+        ip(f"link set {end} arp off up")
 
 
 class FrameSender:
@@ -78,5 +78,6 @@ def received_frames(interface=PROBED):
     raise LookupError(interface)
 
 
-def _ip(arguments):
+def ip(arguments):
+    """Runs ip(8) with the words of a text."""
     subprocess.run(["ip", *arguments.split()], check=True, stdin=subprocess.DEVNULL)
