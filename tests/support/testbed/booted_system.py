@@ -7,6 +7,7 @@ network is the caller's, so the caller's sockets and interfaces meet those of th
 import os
 import subprocess
 import time
+from pathlib import Path
 
 # A /dev without the machine's devices, a /run without its sockets, a process table and a tree of
 # control groups of its own.
@@ -41,8 +42,12 @@ class BootedSystem:
     """Used as a context; whatever runs in it ends with it."""
 
     def __init__(self):
-        self._shell = subprocess.Popen(["unshare", *_SPACES, "--fork", "--kill-child", "sh", "-c",
-                                        _BOOT], stdin=subprocess.DEVNULL)
+        self._group = _own_control_group() / f"kestrel-test-{os.getpid()}"
+        self._group.mkdir()
+        # Who boots it enters the group first, so that no group of the machine is touched.
+        self._shell = subprocess.Popen(
+            ["sh", "-c", 'echo $$ > "$0/cgroup.procs" && exec unshare "$@"', self._group, *_SPACES,
+             "--fork", "--kill-child", "sh", "-c", _BOOT], stdin=subprocess.DEVNULL)
         try:
             self._wait_until_up()
         except BaseException:
@@ -55,6 +60,10 @@ class BootedSystem:
     def __exit__(self, *_):
         self._shell.kill()
         self._shell.wait()
+        deadline = time.monotonic() + _SECONDS_TO_WAIT
+        while not _removed(self._group):  # the last processes are on their way out
+            assert time.monotonic() < deadline, f"{self._group} is not empty"
+            time.sleep(0.05)
 
     def run(self, *command, check=True):
         """Runs a command in the system, to its end; returns its output."""
@@ -93,6 +102,24 @@ class BootedSystem:
             except IndexError:
                 pass  # the first process is not there yet
         raise AssertionError("systemd does not come up")
+
+
+def _own_control_group():
+    """The directory of this process's group, of the hierarchy that systemd wants."""
+    mounts = Path("/proc/self/mountinfo").read_text(encoding="ascii").splitlines()
+    mounted = next(line.split()[4] for line in mounts if " - cgroup2 " in line)
+    groups = Path("/proc/self/cgroup").read_text(encoding="ascii").splitlines()
+    name = next(line for line in groups if line.startswith("0::")).removeprefix("0::")
+    return Path(mounted + name)
+
+
+def _removed(group):
+    try:
+        for path, _, _ in os.walk(group, topdown=False):
+            os.rmdir(path)
+    except OSError:
+        return False
+    return True
 
 
 def _first_child(pid):
