@@ -15,7 +15,7 @@ from testbed.booted_system import BootedSystem
 from testbed.frames import ethernet, ipv4, udp
 from testbed.machine_copy import enter_machine_copy
 from testbed.netflow_v5 import Collector
-from testbed.network import PROBED, FrameSender, enter_private_network, udp_receiver
+from testbed.network import PROBED, FrameSender, enter_private_network, ip, udp_receiver
 from testbed.probe import FLUSHED, READY
 from testbed.process import WatchedProcess, settle
 
@@ -58,6 +58,12 @@ class Life(unittest.TestCase):
         # Machines that build in a container forbid their services to run; this one is anybody's.
         Path("/usr/sbin/policy-rc.d").unlink(missing_ok=True)
         Path("/var/lib/man-db/auto-update").unlink(missing_ok=True)  # takes seconds
+
+    def wait_for(self, condition, seconds=20):
+        deadline = time.monotonic() + seconds
+        while not condition():
+            self.assertLess(time.monotonic(), deadline)
+            time.sleep(0.1)
 
     def use_systemctl_that_notes(self):
         """Scripts of the packages believe that systemd runs; returns a reader of what they ask."""
@@ -141,6 +147,22 @@ class Life(unittest.TestCase):
         ports = [struct.unpack_from(">H", receiver.recv(2048, socket.MSG_DONTWAIT), 24 + 32)[0]
                  for _ in range(3)]
         self.assertEqual(ports, [1000, 2000, 3000])
+
+    def test_the_service_waits_for_an_interface_that_comes_late(self):
+        install(package("kestrelexp"))
+        enter_private_network()
+        DEFAULTS.write_text("KESTREL_OPTIONS=-E null\n")
+        service = "kestrelexp@late"
+        with BootedSystem() as system:
+            system.run("systemctl", "start", service)
+            self.wait_for(lambda: system.state(service)[::2] == ("activating", 255))
+            ip("link add late up type veth peer name early")
+
+            def stays():
+                before = system.state(service)
+                time.sleep(1)
+                return before[0] == "active" and system.state(service) == before
+            self.wait_for(stays)  # it is tried again every 5 s
 
     def test_a_service_without_options_says_what_it_lacks(self):
         install(package("kestrelexp"))
