@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
 """Processor time per record of the whole export path.
 
-A capture file of flows of one packet each (TCP and UDP, two thirds IPv4, one third IPv6) is replayed;
-each export sends the flows to a UDP socket of this script that reads and counts. Exports take turns, so
-that a disturbance of the machine meets all of them. What is counted is user + system time of all threads
-of the program; the null export's, which pays for the input, the queue, the ring and the record loop, is
-subtracted, and the rest divided by the records that the export carries: NetFlow v5 carries IPv4 alone.
-With the shipped template files.
+A capture file of flows of one packet each (TCP and UDP, two thirds IPv4, one third IPv6) is
+replayed; each export sends the flows to a UDP socket of this script that reads and counts. Exports
+take turns, so that a disturbance of the machine meets all of them. What is counted is user + system
+time of all threads of the program; the null export's, which pays for the input, the queue, the ring
+and the record loop, is subtracted, and the rest divided by the records that the export carries:
+NetFlow v5 carries IPv4 alone. With the shipped template files.
 """
 
 import argparse

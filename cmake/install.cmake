@@ -7,12 +7,8 @@ set(KESTREL_DEV COMPONENT dev)
 
 install(TARGETS kestrelexp RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} ${KESTREL_PROGRAM})
 install(DIRECTORY DESTINATION ${KESTREL_PLUGIN_DIR} ${KESTREL_PROGRAM})
-install(CODE "
-  file(GLOB_RECURSE extras \"${PROJECT_BINARY_DIR}/extras/*.so\")
-  if(extras)
-    file(INSTALL \${extras} DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${KESTREL_EXTRAS_DIR}\")
-  endif()
-" ${KESTREL_PROGRAM})
+get_property(extras GLOBAL PROPERTY KESTREL_EXTRAS)
+install(TARGETS ${extras} LIBRARY DESTINATION ${KESTREL_EXTRAS_DIR} ${KESTREL_PROGRAM})
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/kestrelexp@.service
   DESTINATION lib/systemd/system ${KESTREL_PROGRAM})
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/completions/kestrelexp.bash

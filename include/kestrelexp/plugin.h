@@ -70,8 +70,8 @@ typedef flow_key input_final_flow_function(void* instance, struct flow_record* r
 
 /* Optional, beside get_packet: the input brings its own clock (a replay), and the times of its
  * packets, not the system's clocks, drive all time of the program: ageing, the times that exports
- * write, the start-up time, the flush of idle exports. Stores in *now how far the input has come, in
- * ns since the Unix epoch: no packet to come is older, save for packets that are out of order.
+ * write, the start-up time, the flush of idle exports. Stores in *now how far the input has come,
+ * in ns since the Unix epoch: no packet to come is older, save for packets that are out of order.
  * Returns 0 while more may come, 1 once the last packet has been delivered; the program then
  * exports every flow and ends with status 0. Called once or more after init, when *now is the time
  * of the first packet to come, and whenever get_packet returned NULL. An input that waits for
