@@ -43,7 +43,8 @@ endforeach()
 # Manual pages are installed compressed, as Debian has them.
 function(kestrel_install_gzipped source directory name component)
   set(made ${PROJECT_BINARY_DIR}/gzipped/${name}.gz)
-  add_custom_command(OUTPUT ${made} COMMAND gzip -9nc ${source} > ${made} DEPENDS ${source} VERBATIM)
+  add_custom_command(OUTPUT ${made} DEPENDS ${source} VERBATIM
+    COMMAND gzip -9nc ${source} > ${made})
   string(MAKE_C_IDENTIFIER "gzipped_${name}" target)
   add_custom_target(${target} ALL DEPENDS ${made})
   install(FILES ${made} DESTINATION ${directory} RENAME ${ARGN} COMPONENT ${component})

@@ -3,10 +3,11 @@
 
 Usage: tools/reference.py [--check] PROGRAM
 
-Asks the program for its options (-h) and plugins (-l) and writes what follows from them into the
-blocks that are marked "generated" in docs/man and packaging/completions; text outside these blocks
-is written by hand. An option or plugin without a block gets one at the end of its group. With
---check nothing is written: status 1, and the names of the files that would change.
+Asks the program for its options (-h) and plugins (-l), the extras that were built beside it
+included, and writes what follows from them into the blocks that are marked "generated" in docs/man
+and packaging/completions; text outside these blocks is written by hand. An option or plugin without
+a block gets one at the end of its group. With --check nothing is written: status 1, and the names
+of the files that would change.
 """
 
 import re
@@ -16,6 +17,7 @@ from dataclasses import dataclass
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[1]
+EXTRAS = "/usr/lib/kestrelexp"  # where they are installed
 KINDS = ("INPUT", "PROCESS", "FILTER", "EXPORT")
 # Keys that the descriptions spell in another way than the plugin reads them.
 READ_AS = {("ipfix", "template-file"): "template_file"}
@@ -34,6 +36,7 @@ class Plugin:
     kind: str
     name: str
     text: tuple
+    object: str = ""  # the file to load with -X; "" for plugins of the program
 
     def keys(self):
         """Its settings, where they are "key=value" items."""
@@ -108,7 +111,10 @@ def option_block(option):
 
 
 def plugin_block(plugin):
-    return "\n".join([f".SS {roff(plugin.name)}", ".nf", *map(roff, plugin.text), ".fi"]) + "\n"
+    lines = [f".SS {roff(plugin.name)}", ".nf", *map(roff, plugin.text), ".fi"]
+    if plugin.object:
+        lines += [".PP", f"Loaded with \\-X {roff(f'{EXTRAS}/{plugin.object}')}."]
+    return "\n".join(lines) + "\n"
 
 
 def options_page(text, options, _):
@@ -177,9 +183,21 @@ FILES = {
 }
 
 
-def said_by(program, option):
-    return subprocess.run([program, option], check=True, stdout=subprocess.PIPE, text=True,
+def said_by(program, *options):
+    return subprocess.run([program, *options], check=True, stdout=subprocess.PIPE, text=True,
                           stdin=subprocess.DEVNULL).stdout
+
+
+def all_plugins(program):
+    """Those of the program, and behind them those of the extras, each with its file."""
+    plugins = parse_plugins(said_by(program, "-l"))
+    assert plugins, "the program's texts have another form"
+    names = {(plugin.kind, plugin.name) for plugin in plugins}
+    for file in sorted((Path(program).parent / "extras").glob("*.so")):
+        plugins += [Plugin(plugin.kind, plugin.name, plugin.text, file.name)
+                    for plugin in parse_plugins(said_by(program, "-X", str(file), "-l"))
+                    if (plugin.kind, plugin.name) not in names]
+    return plugins
 
 
 def main():
@@ -189,8 +207,8 @@ def main():
     if len(programs) != 1:
         sys.exit(__doc__)
     options = parse_help(said_by(programs[0], "-h"))
-    plugins = parse_plugins(said_by(programs[0], "-l"))
-    assert options and plugins, "the program's texts have another form"
+    assert options, "the program's texts have another form"
+    plugins = all_plugins(programs[0])
     changed = []
     for name, made_from in FILES.items():
         path = ROOT / name

@@ -3,7 +3,7 @@
 
 # generated: tables
 _kx_options='-d -e -m -u -v -H -X -G -P -C -I -q -t -E -n -N -F -S -h -l -V'
-_kx_input='pcap rawnetcap'
+_kx_input='pcap rawnetcap capture-file'
 _kx_process=''
 _kx_filter='filter as_helper anonymizer'
 _kx_export='null netflow-v5 netflow-v9 ipfix'
@@ -13,6 +13,7 @@ declare -gA _kx_keys=(
     [netflow-v5]='host port ip source_id'
     [netflow-v9]='host port ip source_id template-file template-refresh-time template-refresh-packets'
     [ipfix]='host port ip protocol source_id template_file template-refresh-time template-refresh-packets'
+    [capture-file]='file filter-file sampling'
 )
 # end
 
@@ -68,7 +69,7 @@ _kestrelexp_named() {
             ;;
         *:protocol=*) _kestrelexp_from "${item#*=}" "${before}protocol=" 'udp tcp sctp' ;;
         *:ip=*) _kestrelexp_from "${item#*=}" "${before}ip=" '4 6 46 64' ;;
-        *:template[-_]file=*) _kestrelexp_files "${item#*=}" "$before${item%%=*}=" ;;
+        *:file=* | *:*[-_]file=*) _kestrelexp_files "${item#*=}" "$before${item%%=*}=" ;;
         *:*=*) ;;
         *)
             # shellcheck disable=SC2086  # one key a word

@@ -39,7 +39,10 @@ class Reference(unittest.TestCase):
         program = Path(directory.name) / "other"
         for option in ("h", "l"):
             program.with_name(option).write_text(texts.get(option) or said(f"-{option}"))
-        program.write_text('#!/bin/sh\ncat "$(dirname "$0")/${1#-}"\n')
+        program.with_name("extras").symlink_to(Path(PROGRAM).parent / "extras")
+        program.write_text('#!/bin/sh\n'
+                           f'if [ "$1" = -X ]; then exec {PROGRAM} "$@"; fi\n'
+                           'cat "$(dirname "$0")/${1#-}"\n')
         program.chmod(0o755)
         return program
 
@@ -62,6 +65,19 @@ class Reference(unittest.TestCase):
         self.assertEqual(done.stdout.splitlines()[:-1], [
             "docs/man/kestrelexp-plugins.7", "packaging/completions/kestrelexp.bash",
             "packaging/completions/_kestrelexp"])
+
+    def test_a_new_plugin_beside_the_program_is_missed_too(self):
+        program = self.other_program()
+        program.with_name("extras").unlink()
+        program.with_name("extras").mkdir()
+        program.with_name("extras").joinpath("paper.so").write_text("")
+        program.with_name("l").write_text(said("-l"))
+        program.write_text('#!/bin/sh\nif [ "$1" = -X ]; then\n'
+                           '    printf "EXPORT Plugin(s)\\nname: paper\\nPrints.\\n"\n'
+                           'else\n    cat "$(dirname "$0")/${1#-}"\nfi\n')
+        done = check(program)
+        self.assertEqual(done.returncode, 1)
+        self.assertIn("docs/man/kestrelexp-plugins.7\n", done.stdout)
 
     def test_a_changed_text_is_noticed(self):
         done = check(self.other_program(h=said("-h").replace("daemonize", "daemonise")))
@@ -142,6 +158,8 @@ class Bash(unittest.TestCase):
             self.assertEqual(
                 self.completed("kestrelexp -E ipfix:template_file=ru", cwd=directory),
                 ["rules.txt"])
+            self.assertEqual(
+                self.completed("kestrelexp -I capture-file:file=o", cwd=directory), ["one.so"])
 
 
 class Zsh(unittest.TestCase):
