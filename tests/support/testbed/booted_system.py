@@ -9,6 +9,8 @@ import subprocess
 import time
 from pathlib import Path
 
+from testbed.allowed import asked_of_the_machine
+
 # A /dev without the machine's devices, a /run without its sockets, a process table and a tree of
 # control groups of its own.
 _BOOT = r"""
@@ -42,6 +44,10 @@ class BootedSystem:
     """Used as a context; whatever runs in it ends with it."""
 
     def __init__(self):
+        with asked_of_the_machine("systemd in name spaces of its own"):
+            self._boot()
+
+    def _boot(self):
         self._group = _own_control_group() / f"kestrel-test-{os.getpid()}"
         self._group.mkdir()
         # Who boots it enters the group first, so that no group of the machine is touched.

@@ -10,6 +10,8 @@ import os
 import subprocess
 import tempfile
 
+from testbed.allowed import asked_of_the_machine
+
 _CLONE_NEWNS, _CLONE_NEWNET = 0x00020000, 0x40000000
 _ROOM = "/mnt"  # stands on every Debian system; covered in our name space only
 _ROOT = f"{_ROOM}/root"
@@ -20,6 +22,11 @@ def enter_machine_copy(other_mounts=()):
     """Moves this process into the copy. Directories that the caller needs and that may lie on other
     mounts than the root file system (a source or build tree, say) are copied with it."""
     assert os.geteuid() == 0, "this test makes name spaces and mounts: run it as root"
+    with asked_of_the_machine("a copy of itself in name spaces and overlays"):
+        _enter(other_mounts)
+
+
+def _enter(other_mounts):
     libc = ctypes.CDLL(None, use_errno=True)
     if libc.unshare(_CLONE_NEWNS | _CLONE_NEWNET) != 0:
         raise OSError(ctypes.get_errno(), "unshare failed")
