@@ -15,6 +15,7 @@ namespace {
 
 constexpr uint64_t ticks_divisor_ns = 4 * tick_ns;  // four passes per timeout
 constexpr uint32_t forced_checks_limit = 3;
+static_assert(forced_checks_limit == idle_passes_cycle);
 constexpr uint64_t statistics_interval_s = 10;
 
 // The lock, asked for so that the switch thread lets go of it soon.
@@ -45,11 +46,6 @@ uint64_t process_cpu_ms() {
                static_cast<uint64_t>(time.tv_usec) / 1000;
     };
     return ms(usage.ru_utime) + ms(usage.ru_stime);
-}
-
-// Ticks of one pass.
-uint64_t pass_ticks(const flow_queue& queue) {
-    return queue.inactive_timeout / ticks_divisor_ns + 1;
 }
 
 void postpone_statistics(ageing& state, uint64_t now_s) {
@@ -83,10 +79,14 @@ void end_pass(flow_queue& queue, ageing& state, uint64_t now) {
     if (verbose(3))
         verbose_msg(3, "queue check end %lu", timer_get_nsec());
     statistics_if_due(queue, state, now / ns_per_second);
-    state.ticks_left = pass_ticks(queue);
+    state.ticks_left = queue_pass_ticks(queue);
 }
 
 }  // namespace
+
+uint64_t queue_pass_ticks(const flow_queue& queue) {
+    return queue.inactive_timeout / ticks_divisor_ns + 1;
+}
 
 void queue_restart_scan(flow_queue& queue, uint64_t now) {
     if (queue.scan_cursor >= 0) {
@@ -121,7 +121,7 @@ void queue_print_report(const queue_report& report, uint64_t now_s, uint64_t ela
 ageing queue_start_ageing(const flow_queue& queue, uint64_t now) {
     verbose_msg(0, "timeouts: %lu %lu", queue.active_timeout, queue.inactive_timeout);
     const uint64_t now_s = now / ns_per_second;
-    return {pass_ticks(queue), now_s, now_s + statistics_interval_s, 0};
+    return {queue_pass_ticks(queue), now_s, now_s + statistics_interval_s, 0};
 }
 
 void queue_age(flow_queue& queue, ageing& state, uint64_t ticks, uint64_t now) {

@@ -39,6 +39,13 @@ struct ageing {
 
 inline constexpr uint64_t tick_ns = 10'000'000;
 
+// Ticks of one pass.
+uint64_t queue_pass_ticks(const flow_queue& queue);
+
+// So many passes in a row, without a packet and without a flow to age, leave the ageing as it was:
+// every third one finishes its scan itself.
+inline constexpr uint64_t idle_passes_cycle = 3;
+
 // The ageing of a queue from now (ns) on; tells of the timeouts at level 0.
 ageing queue_start_ageing(const flow_queue& queue, uint64_t now);
 
