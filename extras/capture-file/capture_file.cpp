@@ -77,7 +77,8 @@ bool open_file(input& self) {
     self.handle =
         pcap_fopen_offline_with_tstamp_precision(stream, PCAP_TSTAMP_PRECISION_NANO, error);
     if (!self.handle) {
-        verbose_msg(-1, "Capture file %s: %s", shown_path(self), error);
+        if (!was_interrupted())
+            verbose_msg(-1, "Capture file %s: %s", shown_path(self), error);
         std::fclose(stream);
         return false;
     }
@@ -173,15 +174,20 @@ const plugin_description* plugin_input_desc(void) {
 // What it opens lives as long as the program, or until the program ends for want of it.
 void* plugin_input_init(char* params, int, uint16_t) {
     auto* self = static_cast<input*>(malloc_wrapper(sizeof(input), 1));
-    if (!read_parameters(params, *self) || !open_file(*self) || !set_filter(*self) ||
-        !read_first_frame(*self)) {
-        if (self->handle)
-            pcap_close(self->handle);
-        std::free(self);
-        return nullptr;
-    }
+    const bool is_ready = read_parameters(params, *self) && open_file(*self) &&
+                          set_filter(*self) && read_first_frame(*self);
     self->frames_to_skip = self->sampling;
-    return self;
+    if (is_ready)
+        return self;
+    if (was_interrupted()) {
+        // While it waited for the first bytes of a pipe: an input without frames.
+        self->has_ended = true;
+        return self;
+    }
+    if (self->handle)
+        pcap_close(self->handle);
+    std::free(self);
+    return nullptr;
 }
 
 uint32_t plugin_input_sampling(void* instance) {

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 
@@ -30,10 +31,15 @@ bool is_flush_wanted() {
     return __atomic_load_n(&queue_force_flush, __ATOMIC_RELAXED) != 0;
 }
 
+// Nothing yet: time is up, or a signal came in between.
+bool is_pending(int ready) {
+    return ready == 0 || (ready < 0 && errno == EINTR);
+}
+
 // Waits for bytes; false when the program wants to end first. Regular files are always ready.
 bool wait_for(int descriptor) {
     pollfd readable{descriptor, POLLIN, 0};
-    while (poll(&readable, 1, wait_ms) == 0) {
+    while (is_pending(poll(&readable, 1, wait_ms))) {
         if (is_flush_wanted()) {
             is_interrupted = true;
             return false;
