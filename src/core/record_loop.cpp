@@ -146,6 +146,14 @@ struct replay_output {
     uint64_t packets;
 };
 
+// An interrupted replay ends like one whose input has ended, totals and all.
+void end_when_interrupted() {
+    if (exit_requested.load(std::memory_order_relaxed) == 0)
+        return;
+    report_interrupt();
+    replay_stop();
+}
+
 void say_totals(const replay_totals& read, const replay_output& out) {
     verbose_msg(0, "Input ended: %lu packets read, %lu in %lu flows, %lu no flow", read.frames,
                 out.packets, out.flows, read.no_flow);
@@ -157,7 +165,8 @@ int replay_record_loop(temporal_storage* storage, unsigned record_size,
                        const run_configuration& configuration) {
     dispatcher self(configuration);
     replay_output out{};
-    do {
+    for (;;) {
+        end_when_interrupted();
         auto* const slot = static_cast<uint8_t*>(temporal_storage_get(storage, get_timeout_ms));
         if (slot == nullptr)
             continue;
@@ -173,10 +182,7 @@ int replay_record_loop(temporal_storage* storage, unsigned record_size,
         out.packets += record->packets;
         if (const int32_t rejection = deliver(self, record); rejection != 0)
             return rejection;
-    } while (!is_stop_due());
-
-    flush_exports(self);
-    say_farewell();
+    }
 }
 
 }  // namespace kestrel

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 
 #include "core/utils/clock.h"
 #include "core/utils/memory.h"
@@ -22,6 +23,8 @@
 namespace kestrel {
 namespace {
 
+std::atomic<bool> is_stop_wanted = false;  // one word on its own: relaxed
+
 constexpr unsigned batch_packets = 64;
 constexpr unsigned slot_distance = 12;  // packets ahead
 
@@ -29,7 +32,8 @@ struct replay {
     flow_switch& sw;
     flow_queue& queue;
     const packet_reader& reader;
-    uint64_t now;      // the time of the latest packet
+    uint64_t read;     // the latest time of a frame read, flow or not
+    uint64_t now;      // the latest time that has come up to the queue
     uint64_t reached;  // how far the input said it had come, behind the batch
     uint64_t ticked;   // up to here the queue has aged
     ageing age;
@@ -39,6 +43,7 @@ struct replay {
     unsigned count;  // packets in the batch
     uint8_t* records;
     flow_key keys[batch_packets];
+    uint64_t times[batch_packets];  // the clock at each packet
 };
 
 flow_record& record_of(const replay& r, unsigned n) {
@@ -58,6 +63,8 @@ void read_batch(replay& r) {
         if (!frame) [[unlikely]]
             return note_pause(r);
         r.totals->frames += 1;
+        // The clock never runs backwards: a packet that is not in order is as late as it was live.
+        r.read = std::max(r.read, header.timestamp);
         flow_record& record = record_of(r, r.count);
         prepare_record(record);
         const flow_key key = parse_packet(frame, header, r.reader.sampling, record);
@@ -66,6 +73,7 @@ void read_batch(replay& r) {
             continue;
         }
         queue_prefetch_bucket(r.queue, key);
+        r.times[r.count] = r.read;
         r.keys[r.count++] = key;
     }
 }
@@ -75,15 +83,22 @@ bool has_nothing_to_age(const flow_queue& queue) {
     return queue.record_count == (occupied(queue.keys[0]) ? 1u : 0u);
 }
 
+// Of so many ticks in a silence, those that would change nothing: whole cycles of passes.
+uint64_t idle_ticks(const replay& r, uint64_t ticks) {
+    const bool is_scan_fresh = r.queue.scan_cursor == static_cast<int32_t>(r.queue.size) - 1;
+    if (!is_scan_fresh || !has_nothing_to_age(r.queue))
+        return 0;
+    return ticks - ticks % (idle_passes_cycle * queue_pass_ticks(r.queue));
+}
+
 // Lets the queue age, tick by tick, up to the time given. A silence of years costs no more than
-// the passes that end the last flows.
+// the passes that end the last flows, and a few.
 [[gnu::noinline]] void age_until(replay& r, uint64_t now) {
     uint64_t ticks = (now - r.ticked) / tick_ns;
     while (ticks > 0) {
-        if (ticks > r.age.ticks_left && has_nothing_to_age(r.queue)) {
-            r.ticked += (ticks - 1) * tick_ns;
-            r.age.ticks_left = ticks = 1;
-        }
+        const uint64_t skipped = idle_ticks(r, ticks - 1);
+        ticks -= skipped;
+        r.ticked += skipped * tick_ns;
         const uint64_t step = std::min(ticks, r.age.ticks_left);
         ticks -= step;
         r.ticked += step * tick_ns;
@@ -92,9 +107,8 @@ bool has_nothing_to_age(const flow_queue& queue) {
     }
 }
 
-// The clock never runs backwards: a packet that is not in order is as late as it would be live.
-inline void advance_clock(replay& r, uint64_t packet_ns) {
-    r.now = std::max(r.now, packet_ns);
+inline void advance_clock(replay& r, uint64_t to_ns) {
+    r.now = std::max(r.now, to_ns);
     if (r.now - r.ticked >= tick_ns) [[unlikely]]
         age_until(r, r.now);
 }
@@ -108,9 +122,8 @@ void update_batch(replay& r) {
         prefetch(n);
     for (unsigned n = 0; n < r.count; ++n) {
         prefetch(n + slot_distance);
-        flow_record& record = record_of(r, n);
-        advance_clock(r, record.end);
-        queue_update_locked(r.queue, record, r.keys[n]);
+        advance_clock(r, r.times[n]);
+        queue_update_locked(r.queue, record_of(r, n), r.keys[n]);
     }
 }
 
@@ -143,6 +156,12 @@ uint64_t replay_clock(const flow_switch& sw) {
     return now;
 }
 
+void replay_stop() {
+    is_stop_wanted.store(true, std::memory_order_relaxed);
+    // Again and again, since a flush that was under way clears it.
+    std::atomic_ref(queue_force_flush).store(flush_requested, std::memory_order_relaxed);
+}
+
 void* replay_loop(void* argument) {
     auto& sw = *static_cast<flow_switch*>(argument);
     (void)pthread_setname_np(pthread_self(), "replay");  // a name for top -H, no more
@@ -153,6 +172,7 @@ void* replay_loop(void* argument) {
         .sw = sw,
         .queue = queue,
         .reader = *static_cast<const packet_reader*>(sw.context),
+        .read = start,
         .now = start,
         .reached = start,
         .ticked = start,
@@ -164,8 +184,9 @@ void* replay_loop(void* argument) {
         .count = 0,
         .records = static_cast<uint8_t*>(malloc_wrapper(batch_packets * queue.stride, 1)),
         .keys = {},
+        .times = {},
     });
-    while (!r.has_ended) {
+    while (!r.has_ended && !is_stop_wanted.load(std::memory_order_relaxed)) {
         read_batch(r);
         update_batch(r);
         advance_clock(r, r.reached);
