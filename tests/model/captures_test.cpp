@@ -23,6 +23,21 @@ void PrintTo(const capture& c, std::ostream* out) {
 }
 
 constexpr capture captures[] = {
+    {"ndpi-4in4tunnel.pcap", 5},
+    {"ndpi-6in4tunnel.pcap", 127},
+    {"ndpi-android.pcap", 500},
+    {"ndpi-badpackets.pcap", 93},
+    {"ndpi-bfd.pcap", 11},
+    {"ndpi-dnscrypt-v1-and-resolver-pings.pcap", 608},
+    {"ndpi-fuzz-2006-09-29-28586.pcap", 131},
+    {"ndpi-http_ipv6.pcap", 193},
+    {"ndpi-icmp-tunnel.pcap", 961},
+    {"ndpi-ip_fragmented_garbage.pcap", 1252},
+    {"ndpi-sctp.cap", 4},
+    {"ndpi-soap.pcap", 20},
+    {"ndpi-synscan.pcap", 2011},
+    {"ndpi-thrift.pcap", 172},
+    {"ndpi-ultrasurf.pcap", 333},
     {"pcpp-MplsPackets.pcap", 2},
     {"pcpp-VlanPackets.pcap", 26},
     {"pcpp-igmpv3.pcap", 2},

@@ -19,8 +19,8 @@ class WatchedProcess:
         self._news = threading.Condition()
         self._ended = False
         self._process = subprocess.Popen(
-            self.command, stdin=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True,
-            errors="replace", **options)
+            self.command, stderr=subprocess.PIPE, text=True, errors="replace",
+            **{"stdin": subprocess.DEVNULL, **options})
         self._reader = threading.Thread(target=self._read, daemon=True)
         self._reader.start()
 
