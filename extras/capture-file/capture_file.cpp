@@ -123,8 +123,14 @@ bool set_filter(input& self) {
     return is_set;
 }
 
+// libpcap takes the 32 bits of a pcap file as signed, but from 2038 on they go on to 2106.
+int64_t seconds_of(const pcap_pkthdr& captured) {
+    const int64_t seconds = captured.ts.tv_sec;
+    return seconds < 0 && seconds >= INT32_MIN ? seconds + (int64_t{1} << 32) : seconds;
+}
+
 uint64_t time_of(const pcap_pkthdr& captured) {
-    const auto seconds = std::clamp<int64_t>(captured.ts.tv_sec, 0, last_second);
+    const auto seconds = std::clamp<int64_t>(seconds_of(captured), 0, last_second);
     // The precision asked for puts nanoseconds into the microseconds' place.
     return static_cast<uint64_t>(seconds) * ns_per_second +
            static_cast<uint64_t>(captured.ts.tv_usec) % ns_per_second;
@@ -174,8 +180,8 @@ const plugin_description* plugin_input_desc(void) {
 // What it opens lives as long as the program, or until the program ends for want of it.
 void* plugin_input_init(char* params, int, uint16_t) {
     auto* self = static_cast<input*>(malloc_wrapper(sizeof(input), 1));
-    const bool is_ready = read_parameters(params, *self) && open_file(*self) &&
-                          set_filter(*self) && read_first_frame(*self);
+    const bool is_ready = read_parameters(params, *self) && open_file(*self) && set_filter(*self) &&
+                          read_first_frame(*self);
     self->frames_to_skip = self->sampling;
     if (is_ready)
         return self;
