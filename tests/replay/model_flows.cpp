@@ -53,7 +53,8 @@ int main(int argc, char** argv) {
     pcap_pkthdr* header;
     const u_char* data;
     while (pcap_next_ex(file.get(), &header, &data) == 1) {
-        const uint64_t time = static_cast<uint64_t>(header->ts.tv_sec) * 1'000'000'000 +
+        // The seconds of a pcap file have 32 bits without a sign.
+        const uint64_t time = uint64_t{static_cast<uint32_t>(header->ts.tv_sec)} * 1'000'000'000 +
                               static_cast<uint64_t>(header->ts.tv_usec);
         if (!model)
             model.emplace(settings, time);

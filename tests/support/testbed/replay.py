@@ -11,10 +11,20 @@ from pathlib import Path
 from testbed.probe import FLUSHED
 from testbed.process import SLOWNESS, WatchedProcess
 
+SO_RCVBUFFORCE = 33  # asm-generic/socket.h
+
 ROOT = Path(__file__).resolve().parents[3]
 CAPTURES = ROOT / "tests" / "data" / "captures"
 TOTALS = re.compile(r"VERBOSE: 0:Input ended: (\d+) packets read, (\d+) in (\d+) flows, "
                     r"(\d+) no flow$")
+
+
+def make_room(receiver, size):
+    """A large buffer where that is allowed, else as large as everybody may have one."""
+    try:
+        receiver.setsockopt(socket.SOL_SOCKET, SO_RCVBUFFORCE, size)
+    except PermissionError:
+        receiver.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, size)
 
 
 class DatagramCollector:
@@ -22,7 +32,7 @@ class DatagramCollector:
 
     def __init__(self):
         self._socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self._socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 8 << 20)
+        make_room(self._socket, 32 << 20)
         self._socket.bind(("127.0.0.1", 0))
         self._socket.settimeout(0.1)
         self.port = self._socket.getsockname()[1]
@@ -76,10 +86,13 @@ class ReplayCase(unittest.TestCase):
 
     def start(self, path, *arguments, options="", **process_options):
         """Starts the probe on a capture file. arguments: what follows the input."""
+        return self.start_words("-I", f"capture-file:file={path}{options}", *arguments,
+                                **process_options)
+
+    def start_words(self, *words, verbosity=("-v", "0"), **process_options):
         probe = WatchedProcess([
-            os.environ["KESTREL_PROBE"], "-v", "0", "-X", os.environ["KESTREL_CAPTURE_FILE"],
-            "-X", os.environ["KESTREL_FLOW_LINES"],
-            "-I", f"capture-file:file={path}{options}", *arguments], **process_options)
+            os.environ["KESTREL_PROBE"], *verbosity, "-X", os.environ["KESTREL_CAPTURE_FILE"],
+            "-X", os.environ["KESTREL_FLOW_LINES"], *words], **process_options)
         self.addCleanup(probe.kill)
         return probe
 
@@ -92,7 +105,12 @@ class ReplayCase(unittest.TestCase):
 
     def refused(self, path, *arguments, **options):
         """The lines of a start that has to fail with status 255."""
-        probe = self.start(path, *(arguments or ("-E", "null")), **options)
+        return self.lines_of_refusal(self.start(path, *(arguments or ("-E", "null")), **options))
+
+    def refused_words(self, *words):
+        return self.lines_of_refusal(self.start_words(*words))
+
+    def lines_of_refusal(self, probe):
         self.assertEqual(probe.wait(), 255, probe.describe())
         return probe.lines
 

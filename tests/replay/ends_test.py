@@ -1,0 +1,156 @@
+"""How replays end and how they are refused: statuses, messages, totals."""
+
+import socket
+
+from testbed.capture import NS, RAW_IP, pcap, pcapng
+from testbed.frames import arp_request, ethernet, ipv4, udp
+from testbed.netflow_v5 import decode
+from testbed.probe import FLUSHED
+from testbed.replay import CAPTURES, ReplayCase
+
+T = 1_600_000_000
+BIG, LITTLE = ">", "<"
+
+
+def frame(port):
+    return ethernet(ipv4(udp(port, 53, b"abcd"), "10.0.0.1", "10.0.0.2"))
+
+
+def numbered(count):
+    """As many flows of one packet of 32 bytes, a millisecond apart."""
+    return [(T * NS + number * 1_000_000, frame(1000 + number)) for number in range(count)]
+
+
+class Ends(ReplayCase):
+    def flows(self, content, *arguments, **options):
+        """Source ports of the flows that come out, in order; and the probe's lines."""
+        out = self.directory / "flows.txt"
+        probe = self.replay(self.file(content), *arguments, "-E", f"flow_lines:file={out}",
+                            **options)
+        lines = [line.split() for line in out.read_text().splitlines()]
+        return sorted(int(line[8]) for line in lines), probe
+
+    def test_the_last_lines_tell_what_was_read(self):
+        made = numbered(3) + [(T * NS, ethernet(arp_request()))] + numbered(2)
+        probe = self.replay(self.file(pcap(made)), "-E", "null")
+        self.assertEqual(probe.lines[-4:], [
+            "Flushing queue", "Queue flushed. 3 records out.",
+            "VERBOSE: 0:Input ended: 6 packets read, 5 in 3 flows, 1 no flow", FLUSHED])
+
+    def test_the_totals_are_not_shown_by_default(self):
+        probe = self.replay(self.file(pcap(numbered(1))), "-E", "null", verbosity=())
+        self.assertEqual(probe.lines, ["Flushing queue", "Queue flushed. 1 records out.", FLUSHED])
+
+    def test_a_file_without_frames_ends_in_order(self):
+        for content in (pcap([]), pcapng([])):
+            ports, probe = self.flows(content)
+            self.assertEqual((ports, self.totals(probe)), ([], (0, 0, 0, 0)))
+
+    def test_every_kind_of_file_gives_the_same(self):
+        made = numbered(5)
+        for write in (pcap, pcapng):
+            for order in (LITTLE, BIG):
+                for nanoseconds in (False, True):
+                    with self.subTest(write=write.__name__, order=order, nano=nanoseconds):
+                        ports, probe = self.flows(write(made, order, nanoseconds))
+                        self.assertEqual(ports, [1000, 1001, 1002, 1003, 1004])
+                        self.assertEqual(self.totals(probe), (5, 5, 5, 0))
+
+    def test_standard_input_is_read_to_its_end(self):
+        path = self.file(pcap(numbered(100)))
+        with open(path, "rb") as content:
+            probe = self.replay("-", "-E", "null", stdin=content)
+        self.assertEqual(self.totals(probe), (100, 100, 100, 0))
+
+    def test_a_file_that_breaks_off_gives_what_was_read(self):
+        whole = pcap(numbered(10))
+        for cut in (1, 40, 61):  # in the frame, in the frame, in the header before it
+            ports, probe = self.flows(whole[:-cut])
+            self.assertEqual(ports, list(range(1000, 1009)))
+            self.assertIn(f"Capture file {self.directory}/made.pcap breaks off: truncated dump "
+                          "file;", "\n".join(probe.lines))
+            self.assertEqual(self.totals(probe), (9, 9, 9, 0))
+
+    def test_sampling_delivers_the_nth_of_every_n_frames(self):
+        ports, probe = self.flows(pcap(numbered(10)), options=",sampling=3")
+        self.assertEqual((ports, self.totals(probe)), ([1002, 1005, 1008], (3, 3, 3, 0)))
+        packet, = self.export(self.file(pcap(numbered(3))), "netflow-v5", options=",sampling=3")
+        self.assertEqual(decode(packet)[0].sampling, 0x4003)
+
+    def test_negative_sampling_is_none_and_said(self):
+        ports, probe = self.flows(pcap(numbered(2)), options=",sampling=-2")
+        self.assertEqual(ports, [1000, 1001])
+        self.assertIn("Sampling set to unbelievable value: -2", probe.lines)
+
+    def test_a_filter_file_chooses_frames(self):
+        chosen = self.file("udp src port 1003 or\n  udp src port 1001\n", "filter.txt")
+        ports, probe = self.flows(pcap(numbered(10)), options=f",filter-file={chosen}")
+        self.assertEqual((ports, self.totals(probe)), ([1001, 1003], (2, 2, 2, 0)))
+
+    def test_a_collector_that_goes_away_stops_nothing(self):
+        # Silences of a minute: every flow is a datagram of its own.
+        made = [(T * NS + number * 60 * NS, frame(1000 + number)) for number in range(50)]
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as closed:
+            closed.bind(("127.0.0.1", 0))
+            port = closed.getsockname()[1]
+        probe = self.replay(self.file(pcap(made)),
+                            "-E", f"netflow-v5:host=127.0.0.1,ip=4,port={port}")
+        self.assertEqual(self.totals(probe), (50, 50, 50, 0))
+
+
+class Refusals(ReplayCase):
+    """What cannot be read is said, and ends the start with status 255."""
+
+    def assert_refused(self, path, message, **options):
+        lines = self.refused(path, **options)
+        self.assertIn(message, [line[:len(message)] for line in lines])
+        self.assertEqual(lines[-1], "Driver initialization failed")
+
+    def test_a_file_that_is_not_there(self):
+        self.assert_refused(f"{self.directory}/none",
+                            f"Capture file {self.directory}/none: No such file or directory")
+
+    def test_a_directory(self):
+        self.assert_refused(self.directory, f"Capture file {self.directory}: ")
+
+    def test_a_file_that_is_no_capture(self):
+        path = self.file("This is a text and no capture at all.\n")
+        self.assert_refused(path, f"Capture file {path}: unknown file format")
+
+    def test_an_empty_file_and_a_header_that_breaks_off(self):
+        for size in (0, 3, 10, 23):
+            path = self.file(pcap(numbered(1))[:size])
+            self.assert_refused(path, f"Capture file {path}: truncated dump file;")
+
+    def test_a_first_frame_that_breaks_off(self):
+        whole = pcap(numbered(1))
+        for size in (25, 39, 41, len(whole) - 1):
+            path = self.file(whole[:size])
+            self.assert_refused(path, f"Capture file {path} breaks off: truncated dump file;")
+
+    def test_another_link_type(self):
+        for content in (pcap([], link=RAW_IP), pcapng([], link=RAW_IP)):
+            path = self.file(content)
+            self.assert_refused(path, f"Capture file {path}: its frames are not Ethernet but RAW")
+        path = self.file(pcap([], link=0xFFF0))
+        self.assert_refused(
+            path, f"Capture file {path}: its frames are not Ethernet but of an unknown link type")
+
+    def test_no_file_at_all(self):
+        lines = self.refused_words("-I", "capture-file:sampling=2", "-E", "null")
+        self.assertEqual(lines[-3:], ["File parameter is mandatory for capture-file input.",
+                                      "Unable to init plugin",
+                                      "Driver initialization failed"])
+
+    def test_an_empty_standard_input(self):
+        self.assert_refused("-", "Capture file (standard input): truncated dump file;")
+
+    def test_a_filter_file_that_is_not_there(self):
+        capture = CAPTURES / "zeek-wikipedia.pcap"
+        self.assert_refused(capture, "Filter file /nowhere/filter: No such file or directory",
+                            options=",filter-file=/nowhere/filter")
+
+    def test_a_filter_that_is_no_expression(self):
+        rules = self.file("udp port port", "filter.txt")
+        self.assert_refused(CAPTURES / "zeek-wikipedia.pcap", f"Filter file {rules}: ",
+                            options=f",filter-file={rules}")
