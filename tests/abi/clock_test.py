@@ -1,0 +1,51 @@
+"""Inputs that bring their own clock."""
+
+import os
+import signal
+import tempfile
+import unittest
+
+from abi import PROGRAM, main, plugin
+import probe
+
+BEGAN = 946598400  # the last day of 1999
+FAREWELL = "QUIT signal processed. All data flushed. Exiting ..."
+
+
+class Clocks(unittest.TestCase):
+    def test_the_program_lives_and_ends_on_the_time_of_the_packets(self):
+        with tempfile.TemporaryDirectory() as directory:
+            out = os.path.join(directory, "flows.txt")
+            status, _, lines = probe.run(PROGRAM, [
+                "-v", "0", "-t", "180:10", "-X", f"{plugin('replayed')},{plugin('collect')}",
+                "-I", "replayed", "-E", f"collect:file={out}"])
+            with open(out, encoding="ascii") as file:
+                flows = [line.split() for line in file]
+        self.assertEqual(status, 0, lines)
+        self.assertEqual(lines[-4:], [
+            "Flushing queue", "Queue flushed. 1 records out.",
+            "VERBOSE: 0:Input ended: 5 packets read, 4 in 3 flows, 1 no flow", FAREWELL])
+        # Start, end, packets, bytes, interfaces; both flows of the first seconds grow idle.
+        self.assertEqual(sorted(flow[:6] for flow in flows if flow != ["flush"]), [
+            [f"{BEGAN}000000000", f"{BEGAN}000000000", "1", "40", "11", "12"],
+            [f"{BEGAN}000000000", f"{BEGAN + 1}000000000", "2", "80", "11", "12"],
+            [f"{BEGAN + 20}000000000", f"{BEGAN + 20}000000000", "1", "40", "11", "12"]])
+
+    def test_an_input_without_packets_ends_at_once(self):
+        status, _, lines = probe.run(PROGRAM, [
+            "-X", plugin("input_packet_clock"), "-I", "variant", "-E", "null"])
+        self.assertEqual((status, lines[-1]), (0, FAREWELL))
+
+    def test_a_clock_beside_other_operations_is_left_alone(self):
+        for name in ("input_flow_clock", "input_final_clock"):
+            with self.subTest(object=name), probe.Probe(PROGRAM, [
+                    "-v", "0", "-X", plugin(name), "-I", "variant", "-E", "null"]) as running:
+                running.wait_for_line("VERBOSE: 0:Kestrel OK")
+                running.send(signal.SIGINT)
+                self.assertEqual(running.end(), 0)
+                self.assertIn("CTRL-C detected, will exit as soon as possible", running.lines())
+                self.assertNotIn("Input ended", running.text)
+
+
+if __name__ == "__main__":
+    main()
