@@ -36,8 +36,8 @@ flow_queue* replay_queue_init(int32_t size_exponent, int32_t active_s, int32_t i
 // How far the input has come (ns): once it is initialised, the time of the first packet to come.
 uint64_t replay_clock(const flow_switch& sw);
 
-// Has the replay end behind the packets in hand, as if its input had ended. An input that waits sees
-// a request for a flush. Any thread, as often as it likes until the last slot has come.
+// Has the replay end behind the packets in hand, as if its input had ended. An input that waits
+// sees a request for a flush. Any thread, as often as it likes until the last slot has come.
 void replay_stop();
 
 // Thread body; argument: the switch of an input with a clock. Never returns: behind the last flow

@@ -20,6 +20,7 @@ SERVERS = {
 }
 # What a command has to show.
 SHOWN = {
+    "./quickstart": r"From the probe to the collector: [1-9]",
     "nfdump": r"total flows: [1-9]|Top \d+ |10\.0\.0\.1",
     "cat": r"(?m)^10\.0\.0\.1,",
 }
@@ -74,7 +75,9 @@ def first_word(command):
 
 
 def is_server(command):
-    return first_word(command) in SERVERS and not re.search(r" -[hlV]\b", command)
+    """Probes of capture files end by themselves, as do those that only say something."""
+    ends = r" -[hlV]\b| -I capture-file:"
+    return first_word(command) in SERVERS and not re.search(ends, command)
 
 
 class Runner:

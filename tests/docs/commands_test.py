@@ -14,6 +14,7 @@ from pathlib import Path
 
 import commands
 from testbed.booted_system import BootedSystem
+from testbed.capture import NS, pcap
 from testbed.machine_copy import enter_machine_copy
 from testbed.network import SENDER, FrameSender, ip
 
@@ -45,7 +46,7 @@ exec /usr/sbin/kestrelexp -v 0 "${words[@]}"
 for name in "${@:2}"; do
     case $name in
         -*) ;;
-        ./*.deb) dpkg -i $name || exit ;;
+        *.deb) dpkg -i $name || exit ;;
         *) dpkg-query -W "$name" || apt-cache show "$name" >/dev/null || exit ;;
     esac
 done
@@ -108,6 +109,8 @@ class Commands(unittest.TestCase):
         for path, text in GIVEN.items():
             Path(path).parent.mkdir(exist_ok=True)
             Path(path).write_text(text, encoding="ascii")
+        Path("trace.pcap").write_bytes(
+            pcap((second * NS, frame) for second, frame in enumerate(commands.FRAMES)))
         sender = FrameSender()
         self.addCleanup(sender.close)
         with BootedSystem() as system:

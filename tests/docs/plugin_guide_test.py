@@ -9,7 +9,7 @@ import unittest
 from pathlib import Path
 
 from testbed import frames
-from testbed.captures import write_capture
+from testbed.capture import pcap
 
 ROOT = Path(__file__).resolve().parents[2]
 GUIDE = ROOT / "docs/plugin-guide.md"
@@ -29,12 +29,12 @@ def v6(transport):
 # Three flows: UDP over IPv4 (packets of 28, 128 and 38 bytes), TCP over IPv4 (40), UDP over IPv6
 # (48 and 53).
 PACKETS = [
-    (1000.0, v4(frames.udp(5000, 53))),
-    (1000.1, v4(frames.tcp(5001, 80, frames.SYN))),
-    (1000.2, v4(frames.udp(5000, 53, bytes(100)))),
-    (1000.3, v6(frames.udp(5002, 443))),
-    (1000.4, v4(frames.udp(5000, 53, bytes(10)))),
-    (1000.5, v6(frames.udp(5002, 443, bytes(5)))),
+    (1_000_000_000_000, v4(frames.udp(5000, 53))),
+    (1_000_100_000_000, v4(frames.tcp(5001, 80, frames.SYN))),
+    (1_000_200_000_000, v4(frames.udp(5000, 53, bytes(100)))),
+    (1_000_300_000_000, v6(frames.udp(5002, 443))),
+    (1_000_400_000_000, v4(frames.udp(5000, 53, bytes(10)))),
+    (1_000_500_000_000, v6(frames.udp(5002, 443, bytes(5)))),
 ]
 
 
@@ -51,7 +51,7 @@ class PluginGuide(unittest.TestCase):
         shutil.copytree(EXAMPLES, self.folder, dirs_exist_ok=True)
         flags = f"PLUGIN_CFLAGS=-std=c11 -Wall -Wextra -Werror -fPIC -I{ROOT}/include"
         subprocess.run(["make", "-s", "-C", self.folder, flags], check=True, capture_output=True)
-        write_capture(self.folder / "packets.pcap", PACKETS)
+        (self.folder / "packets.pcap").write_bytes(pcap(PACKETS))
         objects = ",".join([CAPTURE_FILE, *(str(self.folder / f"{p}.so") for p in plugins)])
         done = subprocess.run(
             [PROGRAM, "-q", "12", "-X", objects, "-I",

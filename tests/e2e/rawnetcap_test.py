@@ -16,7 +16,7 @@ from testbed.probe import Probe, netflow_v5
 from testbed.rawnetcap import ModuleLog, with_capture_module, write_pcap
 
 CAPTURES = Path(__file__).resolve().parents[1] / "data" / "captures"
-CAPTURED_FRAMES = 5155  # the packets of its SOURCES.md
+CAPTURED_FRAMES = 11572  # the packets of its SOURCES.md
 SNAP_LENGTH = 128
 PATIENT = ("-t", "600:300")
 SETTINGS = ["open read-only", "ioctl ff15 pointer = 262151", "ioctl ff00 eth0 = 0",

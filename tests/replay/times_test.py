@@ -70,12 +70,14 @@ class Times(ReplayCase):
 
     def test_the_same_in_netflow_v9(self):
         made = self.file(pcap(packets((0, 1), (100, 2))))
-        self.assertEqual([nf9_header(packet) for packet in self.export(made, "netflow-v9", *TIMEOUTS)],
+        sent = self.export(made, "netflow-v9", *TIMEOUTS)
+        self.assertEqual([nf9_header(packet) for packet in sent],
                          [(75_060, T + 15, True), (160_000, T + 100, False)])
 
     def test_ipfix_tells_the_time_of_the_flush(self):
         made = self.file(pcap(packets((0, 1), (100, 2))))
-        self.assertEqual([ipfix_header(message) for message in self.export(made, "ipfix", *TIMEOUTS)],
+        sent = self.export(made, "ipfix", *TIMEOUTS)
+        self.assertEqual([ipfix_header(message) for message in sent],
                          [(T + 24, True), (T + 100, False)])
 
     def test_templates_are_sent_again_by_the_packets_clock(self):

@@ -1,11 +1,11 @@
 """Frames against bytes written by hand, and against a dissector that knows every checksum."""
 
-import struct
 import subprocess
 import tempfile
 import unittest
 
 from testbed import frames
+from testbed.capture import pcap
 
 
 class FrameBytes(unittest.TestCase):
@@ -54,9 +54,7 @@ class FramesUnderADissector(unittest.TestCase):
             (frames.arp_request(), {}),
         )]
         with tempfile.NamedTemporaryFile(suffix=".pcap") as capture:
-            capture.write(struct.pack("<IHHIIII", 0xA1B2C3D4, 2, 4, 0, 0, 65535, 1))
-            for frame in batch:
-                capture.write(struct.pack("<IIII", 0, 0, len(frame), len(frame)) + frame)
+            capture.write(pcap((0, frame) for frame in batch))
             capture.flush()
             checks = [f"{layer}:TRUE" for layer in (
                 "ip.check_checksum", "udp.check_checksum", "tcp.check_checksum")]

@@ -2,18 +2,16 @@
 tests/support/rawnetcap/module.h for what it can be told)."""
 
 import os
-import struct
 import time
 
+from testbed.capture import pcap
 from testbed.process import SLOWNESS
 
 
 def write_pcap(path, frames):
     """A pcap file of whole Ethernet frames, without times."""
     with open(path, "wb") as file:
-        file.write(struct.pack("=IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 65535, 1))
-        for frame in frames:
-            file.write(struct.pack("=IIII", 0, 0, len(frame), len(frame)) + frame)
+        file.write(pcap((0, frame) for frame in frames))
 
 
 def with_capture_module(**settings):
