@@ -107,6 +107,12 @@ inline void put_transport(frame& to, transport l4, unsigned source_port, unsigne
     to.u32(0);
 }
 
+// Ports that no program treats in a way of its own: nfpcapd, for one, ends a flow of DNS with every
+// packet.
+inline unsigned destination_port(transport l4) {
+    return l4 == transport::tcp ? 443 : 5004;
+}
+
 // The frame of flow n: 60 bytes, its addresses and ports made of n.
 inline frame ipv4_frame(transport l4, uint32_t n, bool with_vlan = false) {
     const uint64_t random = mix(n);
@@ -116,7 +122,7 @@ inline frame ipv4_frame(transport l4, uint32_t n, bool with_vlan = false) {
     put_ipv4(made, l4, ip_length, 0x0A00'0000 + n,
              0xAC10'0000 + static_cast<uint32_t>(random & 0xFFFF));
     put_transport(made, l4, 1024 + static_cast<unsigned>(random >> 16) % 60'000,
-                  l4 == transport::tcp ? 443 : 53, ip_length - 20);
+                  destination_port(l4), ip_length - 20);
     made.pad_to(frame_min);
     return made;
 }
@@ -128,7 +134,7 @@ inline frame ipv6_frame(transport l4, uint32_t n) {
     put_ethernet(made, false, 0x86DD);
     put_ipv6(made, l4, payload, random);
     put_transport(made, l4, 1024 + static_cast<unsigned>(random >> 16) % 60'000,
-                  l4 == transport::tcp ? 443 : 53, payload);
+                  destination_port(l4), payload);
     made.pad_to(frame_min);
     return made;
 }
