@@ -1,14 +1,14 @@
 #!/usr/bin/env python3
 """Processor time per packet of whole programs that read the same capture file.
 
-The files are made by bench_make_capture, 60-byte frames of TCP and UDP flows in a random order that
-repeats: few flows, many flows, a mix with IPv6 and VLAN tags. Programs take turns (A B C, A B C,
-...): a bare libpcap loop, kestrelexp, softflowd, nfpcapd. The files are in the page cache.
+The files are made by bench_make_capture, 60-byte frames of TCP and UDP flows in a random order
+that repeats: few flows, many flows, a mix with IPv6 and VLAN tags. Programs take turns (A B C, A B
+C, ...): a bare libpcap loop, kestrelexp, softflowd, nfpcapd. The files are in the page cache.
 
 What is counted: user + system time of all threads of the program from its fork to its end, divided
-by the packets of the file; start-up, the export of every flow at the end and what the kernel does to
-deliver datagrams to the sink over loopback are in it. Memory is the greatest resident size (the fork
-of this script alone counts about 14 MiB).
+by the packets of the file; start-up, the export of every flow at the end and what the kernel does
+to deliver datagrams to the sink over loopback are in it. Memory is the greatest resident size (the
+fork of this script alone counts about 17 MiB).
 
 With --split the parts of kestrelexp's time, as differences of runs (null export unless said):
     start    a file without packets
