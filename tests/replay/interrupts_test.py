@@ -106,7 +106,7 @@ class Interrupts(ReplayCase):
         self.stop(probe)
         read, in_flows, flows, no_flow = self.totals(probe)
         self.assertEqual((in_flows, no_flow), (read, 0))
-        self.assertGreater(read, 4000)
+        self.assertGreater(read, 200)  # flows of the first round left because of the second
         datagrams = collector.finish()
         records = [record for datagram in datagrams for record in decode(datagram)[1]]
         last = struct.unpack_from(">I", datagrams[-1], 16)[0]
