@@ -65,13 +65,13 @@ class Addresses(E2eCase):
         path.write_text(text.replace(old, new), encoding="ascii")
         return path
 
-    AS_LINE = "# SRC_AS32=*SRC_AS32,DST_AS32=*DST_AS32\n"
+    AS_LINE = "#SRC_AS32=*SRC_AS32,DST_AS32=*DST_AS32\n"
 
-    def netflow_v9(self, port, line=AS_LINE[2:]):
+    def netflow_v9(self, port, line=AS_LINE[1:]):
         templates = self.edited_templates("nf9-template.txt", self.AS_LINE, line)
         return "-E", f"netflow-v9:host=127.0.0.1,port={port},ip=4,template-file={templates}"
 
-    def ipfix(self, port, line=AS_LINE[2:]):
+    def ipfix(self, port, line=AS_LINE[1:]):
         templates = self.edited_templates("ipfix-template.txt", self.AS_LINE, line)
         return "-E", f"ipfix:host=127.0.0.1,port={port},ip=4,template_file={templates}"
 

@@ -362,14 +362,11 @@ void ipfix::flush(const world& now) {
 bool nf9::add(const flow_record& record, const world& now) {
     const auto now_s = static_cast<uint32_t>(now.wall_ns / 1'000'000'000);
     const auto uptime_ms = static_cast<uint32_t>(now.uptime_ns / 1'000'000);
-    bool alone = false;
-    if (pending_ > 0) {
-        if (now_s < secs_ || uptime_ms < uptime_ms_)
-            flush(now);
-        alone = record.end > now.wall_ns;
-        if (alone)
-            flush(now);
-    }
+    if (pending_ > 0 && (now_s < secs_ || uptime_ms < uptime_ms_))
+        flush(now);
+    const bool alone = record.end > now.wall_ns;
+    if (alone)
+        flush(now);
     const int position = templates_.choose(record);
     if (is_full(templates_.record_length(position)))
         flush(now);
