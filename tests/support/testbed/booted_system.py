@@ -18,7 +18,6 @@ set -e
 find /etc/systemd/system /usr/lib/systemd/system -name '*.wants' -prune -exec rm -rf {} +
 mount -t proc proc /proc
 mount -t tmpfs none /run
-mount -t tmpfs none /tmp
 mount -t tmpfs -o mode=755 none /dev
 mknod -m 666 /dev/null c 1 3
 mknod -m 666 /dev/zero c 1 5
