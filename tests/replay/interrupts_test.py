@@ -4,6 +4,7 @@ import os
 import signal
 import struct
 import threading
+import time
 
 from testbed.capture import NS, pcap
 from testbed.frames import ethernet, ipv4, udp
@@ -89,7 +90,7 @@ class Interrupts(ReplayCase):
     def test_a_pipe_that_says_nothing_at_all_is_an_input_without_frames(self):
         probe, _ = self.start_on_pipe("-E", "null")
         probe.wait_for_line("Plugin to load")
-        settle(6)  # the alarm of every fifth second comes in between
+        time.sleep(6)  # the alarm of every fifth second comes in between
         self.stop(probe)
         self.assertEqual(self.totals(probe), (0, 0, 0, 0))
 
