@@ -119,13 +119,14 @@ BENCHMARK_CAPTURE(as_helper, ipv4, 4);
 BENCHMARK_CAPTURE(as_helper, ipv6, 6);
 BENCHMARK_CAPTURE(as_helper, neither, 0);
 
-// Every flow ends a second after the last one, so each has the file checked.
+// Every flow ends a millisecond after the last one, so each has the file checked; also after the
+// runs with fewer iterations that came before.
 void as_helper_file_check(benchmark::State& state) {
     as_helper_state* const table = loaded_table();
-    flow_record flow = bench::packet_record();
+    static flow_record flow = bench::packet_record();
     flow.l3protocol = 0;
     for (auto _ : state) {
-        flow.end += 1'000'000'000;
+        flow.end += 1'000'000;
         benchmark::DoNotOptimize(as_helper_lookup(table, &flow));
     }
 }
