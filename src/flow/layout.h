@@ -38,4 +38,11 @@ inline void prepare_record(flow_record& record) {
         mpls->count = 0;
 }
 
+// Prepares a slot that is used again and again. A fragment of ICMP has no type and code: that of
+// the packet before it in the slot would be a false one.
+inline void prepare_slot(flow_record& record) {
+    prepare_record(record);
+    record.icmptypecode = 0;
+}
+
 }  // namespace kestrel

@@ -66,7 +66,7 @@ void read_batch(replay& r) {
         // The clock never runs backwards: a packet that is not in order is as late as it was live.
         r.read = std::max(r.read, header.timestamp);
         flow_record& record = record_of(r, r.count);
-        prepare_record(record);
+        prepare_slot(record);
         const flow_key key = parse_packet(frame, header, r.reader.sampling, record);
         if (!occupied(key)) {
             r.totals->no_flow += 1;

@@ -75,7 +75,7 @@ void update_announced(flow_queue& queue, temporal_storage& exchange, void* slot)
 [[noreturn]] void direct_loop(flow_switch& sw) {
     auto& record = *static_cast<flow_record*>(malloc_wrapper(sw.queue->record_size, 1));
     for (;;) {
-        prepare_record(record);
+        prepare_slot(record);
         const flow_key key = sw.reader(sw.context, &record);
         if (!occupied(key))
             continue;
@@ -95,7 +95,7 @@ template <typename Reader>
     void* slot = storage_reserve(*sw.exchange);
     for (;;) {
         auto& record = *static_cast<flow_record*>(slot);
-        prepare_record(record);
+        prepare_slot(record);
         const flow_key key = reader(sw.context, &record);
         if (!occupied(key))
             continue;
@@ -200,7 +200,7 @@ void* plugin_final_flow_loop(void* argument) {
     void* slot = storage_reserve(storage);
     for (;;) {
         auto& record = *static_cast<flow_record*>(slot);
-        prepare_record(record);
+        prepare_slot(record);
         if (sw.reader(sw.context, &record) != 0)
             continue;
         storage_commit(storage);
