@@ -247,7 +247,8 @@ class Life(unittest.TestCase):
         self.assertIn("capture-file.so", [path.name for path in shipped])
         before = run("kestrelexp", "-l").count("name: ")
         for path in shipped:
-            self.assertEqual(run("kestrelexp", "-X", path, "-l").count("name: "), before + 1)
+            for name in (path, path.name):
+                self.assertEqual(run("kestrelexp", "-X", name, "-l").count("name: "), before + 1)
 
 
 if __name__ == "__main__":
