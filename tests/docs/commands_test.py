@@ -1,9 +1,11 @@
-"""Every command of README.md and docs/*.md is run, or marked as an example for another machine.
+"""Every command of README.md, docs/*.md and the READMEs of extras is run, or marked as an example
+for another machine.
 
 The pages are run on a copy of this machine with the packages installed and systemd running, an
 interface eth0, and collectors' addresses 192.0.2.10 to 192.0.2.12 on the machine itself.
 """
 
+import gzip
 import os
 import re
 import shutil
@@ -20,7 +22,8 @@ from testbed.network import SENDER, FrameSender, ip
 
 ROOT = Path(__file__).resolve().parents[2]
 PACKAGES = Path(os.environ.get("KESTREL_PACKAGES", "."))
-PAGES = [ROOT / "README.md", *sorted((ROOT / "docs").glob("*.md"))]
+PAGES = [ROOT / "README.md", *sorted((ROOT / "docs").glob("*.md")),
+         *sorted((ROOT / "extras").glob("*/README.md"))]
 LANGUAGES = {"sh", "console", "", "c", "make"}
 PROGRAMS = r"(?m)^[$#]? *(\./|apt|cmake|kestrelexp|make |nf\w+|sudo|systemctl|tools/)"
 
@@ -101,6 +104,9 @@ class Commands(unittest.TestCase):
     def test_plugin_guide(self):
         self.run_page("docs/plugin-guide.md")
 
+    def test_capture_file(self):
+        self.run_page("extras/capture-file/README.md")
+
     def test_filter_rules(self):
         self.run_page("docs/filter-rules.md")
 
@@ -109,8 +115,9 @@ class Commands(unittest.TestCase):
         for path, text in GIVEN.items():
             Path(path).parent.mkdir(exist_ok=True)
             Path(path).write_text(text, encoding="ascii")
-        Path("trace.pcap").write_bytes(
-            pcap((second * NS, frame) for second, frame in enumerate(commands.FRAMES)))
+        trace = pcap((second * NS, frame) for second, frame in enumerate(commands.FRAMES))
+        Path("trace.pcap").write_bytes(trace)
+        Path("trace.pcap.gz").write_bytes(gzip.compress(trace))
         sender = FrameSender()
         self.addCleanup(sender.close)
         with BootedSystem() as system:
