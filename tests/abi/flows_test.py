@@ -1,6 +1,7 @@
 """Plugins at work: records on their way, and plugins that fail."""
 
 import os
+import shutil
 import signal
 import tempfile
 import time
@@ -255,9 +256,12 @@ class Flows(Run):
             "VERBOSE: 1:Getter: GLOBAL - 2", "VERBOSE: 0:Export: null OK"])
 
     def test_another_user_than_root_keeps_its_rights(self):
-        running = probe.Probe(PROGRAM, ["-v", "0", "-X", plugin("final"), "-I", "final", "-u",
-                                        "root", "-E", "null"], user=65534, group=65534,
-                              extra_groups=[])
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        os.chmod(folder.name, 0o755)  # the source tree may be where only root can look
+        program, final = (shutil.copy(path, folder.name) for path in (PROGRAM, plugin("final")))
+        running = probe.Probe(program, ["-v", "0", "-X", final, "-I", "final", "-u", "root", "-E",
+                                        "null"], user=65534, group=65534, extra_groups=[])
         self.addCleanup(running.__exit__)
         running.wait_for_line("VERBOSE: 0:Kestrel OK")
         self.assertEqual(running.status_field("Uid"), ["65534"] * 4)
