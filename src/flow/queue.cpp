@@ -12,7 +12,7 @@
 #include "core/utils/thread.h"
 #include "core/utils/wire.h"
 #include "flow/layout.h"
-#include "flow/replay.h"
+#include "flow/replay_stamp.h"
 #include "kestrelexp/service.h"
 
 namespace kestrel {

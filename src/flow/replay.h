@@ -11,21 +11,10 @@
 #include <cstdint>
 
 #include "flow/queue.h"
+#include "flow/replay_stamp.h"
 #include "flow/sw.h"
 
 namespace kestrel {
-
-// What a replay has read.
-struct replay_totals {
-    uint64_t frames;   // delivered by the input
-    uint64_t no_flow;  // frames among them that are no flow
-};
-
-// Stands behind the record in every slot of "final-records".
-struct replay_stamp {
-    uint64_t now_ns;             // when the record left the queue
-    const replay_totals* ended;  // in the last slot, which holds no record; else null
-};
 
 // queue_init (kestrelexp/flow.h) for a replay: no remover thread, and finished flows are stamped.
 // The slots of final_storage have room for a replay_stamp behind the record.
