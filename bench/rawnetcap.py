@@ -15,7 +15,6 @@ the processor that reads it, and poll and ioctl cost no system call of their own
 the frames that the emulator repeats take room in the caches.
 """
 
-import argparse
 import os
 import re
 import signal
@@ -26,7 +25,8 @@ import tempfile
 import time
 
 import whole_program
-from whole_program import PRIORITY, PROBE_IF, SETTLE_S, Network, Program
+from whole_program import (PRIORITY, PROBE_IF, SETTLE_S, Network, Program, live_parser,
+                           take_processors)
 
 RING_KIB = 4096
 BATCH_MS = 10  # of frames at the rate: what comes within the inputs' time-out
@@ -136,27 +136,9 @@ def report(options, flows, results):
               f"{sum(lost for *_, lost in rows):7,}")
 
 
-def arguments():
-    parser = argparse.ArgumentParser(description=__doc__,
-                                     formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--build", default="build/release", help="build directory (Release)")
-    parser.add_argument("--flows", type=int, nargs="+", default=[10_000, 200_000])
-    parser.add_argument("--rate", type=int, default=250_000, help="frames per second")
-    parser.add_argument("--seconds", type=float, default=6)
-    parser.add_argument("--rounds", type=int, default=5)
-    parser.add_argument("--no-pin", dest="pin", action="store_false",
-                        help="leave the choice of processors to the kernel")
-    return parser.parse_args()
-
-
 def main():
-    options = arguments()
-    if os.geteuid() != 0:
-        sys.exit("needs root: it makes network namespaces")
-    if options.pin and len(os.sched_getaffinity(0)) < 2:
-        sys.exit("needs two processors")
-    if options.pin:
-        os.sched_setaffinity(0, {0})
+    options = live_parser(__doc__, rounds=5).parse_args()
+    take_processors(options)
     count = int(options.rate * options.seconds)
     with tempfile.TemporaryDirectory(prefix="kxbench-") as scratch, Network():
         for flows in options.flows:

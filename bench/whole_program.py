@@ -286,30 +286,41 @@ def report(options, flows, results):
     print(f"sent to each: {sum(r['sent'] for r in rows):,} packets")
 
 
-def arguments():
-    parser = argparse.ArgumentParser(description=__doc__,
+def live_parser(description, rounds):
+    """The options of every measurement on live traffic."""
+    parser = argparse.ArgumentParser(description=description,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--build", default="build/release", help="build directory (Release)")
-    parser.add_argument("--kestrelexp", help="another program file")
-    parser.add_argument("--queue", help="its -q, default its own default")
     parser.add_argument("--flows", type=int, nargs="+", default=[10_000, 200_000])
     parser.add_argument("--rate", type=int, default=250_000, help="packets per second")
     parser.add_argument("--seconds", type=float, default=6)
-    parser.add_argument("--rounds", type=int, default=3)
-    parser.add_argument("--only", nargs="+", help="beginnings of the names of programs to run")
+    parser.add_argument("--rounds", type=int, default=rounds)
     parser.add_argument("--no-pin", dest="pin", action="store_false",
                         help="leave the choice of processors to the kernel")
-    return parser.parse_args()
+    return parser
 
 
-def main():
-    options = arguments()
+def take_processors(options):
+    """This script and its sink stay with the sender."""
     if os.geteuid() != 0:
         sys.exit("needs root: it makes network namespaces")
     if options.pin and len(os.sched_getaffinity(0)) < 2:
         sys.exit("needs two processors")
     if options.pin:
-        os.sched_setaffinity(0, {0})  # this script and its sink stay with the sender
+        os.sched_setaffinity(0, {0})
+
+
+def arguments():
+    parser = live_parser(__doc__, rounds=3)
+    parser.add_argument("--kestrelexp", help="another program file")
+    parser.add_argument("--queue", help="its -q, default its own default")
+    parser.add_argument("--only", nargs="+", help="beginnings of the names of programs to run")
+    return parser.parse_args()
+
+
+def main():
+    options = arguments()
+    take_processors(options)
     with tempfile.TemporaryDirectory(prefix="kxbench-") as scratch, Network():
         chosen = []
         for program in programs(options, scratch):
