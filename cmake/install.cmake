@@ -5,6 +5,10 @@ set(KESTREL_EXTRAS_DIR lib/kestrelexp)       # objects that we ship, loaded with
 set(KESTREL_PROGRAM COMPONENT program)
 set(KESTREL_DEV COMPONENT dev)
 
+# A plugin that is named without a directory (-X capture-file.so) is looked for among those that come
+# with the program.
+set_target_properties(kestrelexp PROPERTIES BUILD_RPATH ${PROJECT_BINARY_DIR}/extras
+  INSTALL_RPATH ${CMAKE_INSTALL_PREFIX}/${KESTREL_EXTRAS_DIR})
 install(TARGETS kestrelexp RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} ${KESTREL_PROGRAM})
 install(DIRECTORY DESTINATION ${KESTREL_PLUGIN_DIR} ${KESTREL_PROGRAM})
 get_property(extras GLOBAL PROPERTY KESTREL_EXTRAS)

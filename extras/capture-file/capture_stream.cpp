@@ -4,7 +4,6 @@
 #include <kestrelexp/flow.h>
 #include <poll.h>
 #include <stdio_ext.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
