@@ -15,7 +15,7 @@
 #include <initializer_list>
 #include <tuple>
 
-#include "core/utils/log.h"
+#include "base/log.h"
 
 namespace kestrel {
 

@@ -7,8 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "base/log.h"
 #include "core/options.h"
-#include "core/utils/log.h"
 #include "kestrelexp/program.h"
 
 namespace kestrel {

@@ -6,16 +6,16 @@
 #include <cstring>
 #include <vector>
 
+#include "base/log.h"
+#include "base/memory.h"
+#include "base/packet_clock.h"
+#include "base/thread.h"
 #include "core/builtins.h"
 #include "core/daemon.h"
 #include "core/options.h"
 #include "core/plugin_loader.h"
 #include "core/plugin_registry.h"
 #include "core/record_loop.h"
-#include "core/utils/log.h"
-#include "core/utils/memory.h"
-#include "core/utils/packet_clock.h"
-#include "core/utils/thread.h"
 #include "flow/replay.h"
 #include "kestrelexp/flow.h"
 #include "kestrelexp/getter.h"

@@ -10,9 +10,9 @@
 #include <limits>
 #include <string>
 
+#include "base/log.h"
 #include "core/plugin_loader.h"
 #include "core/plugin_registry.h"
-#include "core/utils/log.h"
 #include "kestrelexp/service.h"
 
 namespace kestrel {

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "core/utils/log.h"
+#include "base/log.h"
 
 namespace kestrel {
 namespace {

@@ -14,9 +14,9 @@
 #include <type_traits>
 #include <vector>
 
+#include "base/log.h"
+#include "base/memory.h"
 #include "core/plugin_registry.h"
-#include "core/utils/log.h"
-#include "core/utils/memory.h"
 
 namespace kestrel {
 

@@ -10,7 +10,7 @@
 #include <fstream>
 #include <string>
 
-#include "core/utils/log.h"
+#include "base/log.h"
 
 namespace kestrel {
 namespace {

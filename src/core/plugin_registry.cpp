@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <limits>
 
-#include "core/utils/log.h"
+#include "base/log.h"
 #include "kestrelexp/service.h"
 
 namespace kestrel {

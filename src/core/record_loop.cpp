@@ -8,12 +8,12 @@
 #include <cstdlib>
 #include <span>
 
+#include "base/clock.h"
+#include "base/log.h"
+#include "base/packet_clock.h"
+#include "base/wire.h"
 #include "core/run_configuration.h"
 #include "core/signals.h"
-#include "core/utils/clock.h"
-#include "core/utils/log.h"
-#include "core/utils/packet_clock.h"
-#include "core/utils/wire.h"
 #include "flow/replay.h"
 #include "kestrelexp/flow.h"
 #include "kestrelexp/program.h"

@@ -9,11 +9,11 @@
 #include <string>
 #include <vector>
 
+#include "base/packet_clock.h"
+#include "base/wire.h"
 #include "core/record_loop.h"
 #include "core/run_configuration.h"
 #include "core/signals.h"
-#include "core/utils/packet_clock.h"
-#include "core/utils/wire.h"
 #include "flow/replay.h"
 #include "kestrelexp/flow.h"
 #include "kestrelexp/service.h"

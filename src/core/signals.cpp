@@ -9,9 +9,9 @@
 #include <csignal>
 #include <initializer_list>
 
-#include "core/utils/clock.h"
-#include "core/utils/log.h"
-#include "core/utils/packet_clock.h"
+#include "base/clock.h"
+#include "base/log.h"
+#include "base/packet_clock.h"
 #include "kestrelexp/flow.h"
 #include "kestrelexp/program.h"
 

@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <string>
 
-#include "core/utils/clock.h"
+#include "base/clock.h"
 #include "kestrelexp/flow.h"
 #include "kestrelexp/program.h"
 #include "kestrelexp/service.h"

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "core/utils/wire.h"
+#include "base/wire.h"
 
 namespace kestrel {
 

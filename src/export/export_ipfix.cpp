@@ -8,9 +8,9 @@
 #include <cstddef>
 #include <cstring>
 
-#include "core/utils/log.h"
-#include "core/utils/memory.h"
-#include "core/utils/wire.h"
+#include "base/log.h"
+#include "base/memory.h"
+#include "base/wire.h"
 #include "export/template_exporter.h"
 #include "kestrelexp/builtin.h"
 

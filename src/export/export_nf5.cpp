@@ -7,10 +7,10 @@
 #include <algorithm>
 #include <cstddef>
 
-#include "core/utils/clock.h"
-#include "core/utils/log.h"
-#include "core/utils/memory.h"
-#include "core/utils/wire.h"
+#include "base/clock.h"
+#include "base/log.h"
+#include "base/memory.h"
+#include "base/wire.h"
 #include "export/net.h"
 #include "kestrelexp/builtin.h"
 #include "kestrelexp/getter.h"

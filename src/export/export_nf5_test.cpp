@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "core/utils/clock.h"
+#include "base/clock.h"
 #include "kestrelexp/builtin.h"
 #include "kestrelexp/getter.h"
 #include "tests/support/udp_collector.h"

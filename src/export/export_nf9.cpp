@@ -6,10 +6,10 @@
 
 #include <cstddef>
 
-#include "core/utils/clock.h"
-#include "core/utils/log.h"
-#include "core/utils/memory.h"
-#include "core/utils/wire.h"
+#include "base/clock.h"
+#include "base/log.h"
+#include "base/memory.h"
+#include "base/wire.h"
 #include "export/template_exporter.h"
 #include "kestrelexp/builtin.h"
 

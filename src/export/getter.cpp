@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/utils/log.h"
+#include "base/log.h"
 
 namespace kestrel {
 namespace {

@@ -14,9 +14,9 @@
 #include <cstring>
 #include <memory>
 
-#include "core/utils/clock.h"
-#include "core/utils/log.h"
-#include "core/utils/wire.h"
+#include "base/clock.h"
+#include "base/log.h"
+#include "base/wire.h"
 #include "kestrelexp/builtin.h"
 
 namespace kestrel {

@@ -5,8 +5,8 @@
 #include <cstring>
 #include <iterator>
 
-#include "core/utils/clock.h"
-#include "core/utils/wire.h"
+#include "base/clock.h"
+#include "base/wire.h"
 #include "export/copy_value.h"
 #include "kestrelexp/getter.h"
 #include "kestrelexp/record.h"

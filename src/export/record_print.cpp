@@ -6,8 +6,8 @@
 #include <cstdarg>
 #include <cstdio>
 
-#include "core/utils/log.h"
-#include "core/utils/wire.h"
+#include "base/log.h"
+#include "base/wire.h"
 #include "kestrelexp/getter.h"
 #include "kestrelexp/record.h"
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "core/utils/clock.h"
+#include "base/clock.h"
 #include "kestrelexp/getter.h"
 
 namespace {

@@ -11,9 +11,9 @@
 #include <string_view>
 #include <vector>
 
-#include "core/utils/heap.h"
-#include "core/utils/log.h"
-#include "core/utils/memory.h"
+#include "base/heap.h"
+#include "base/log.h"
+#include "base/memory.h"
 #include "export/template_plan.h"
 #include "kestrelexp/template.h"
 

@@ -21,8 +21,8 @@
 #include <string>
 #include <vector>
 
-#include "core/utils/heap.h"
-#include "core/utils/log.h"
+#include "base/heap.h"
+#include "base/log.h"
 
 namespace kestrel {
 namespace {

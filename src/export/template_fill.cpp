@@ -5,8 +5,8 @@
 #include <cstring>
 #include <span>
 
-#include "core/utils/log.h"
-#include "core/utils/wire.h"
+#include "base/log.h"
+#include "base/wire.h"
 #include "export/template_plan.h"
 #include "kestrelexp/template.h"
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "core/utils/log.h"
+#include "base/log.h"
 #include "kestrelexp/template.h"
 #include "tests/support/export_fixture.h"
 

@@ -9,7 +9,7 @@
 #include <span>
 #include <vector>
 
-#include "core/utils/wire.h"
+#include "base/wire.h"
 #include "kestrelexp/template.h"
 
 namespace kestrel {

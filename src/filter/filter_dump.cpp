@@ -7,8 +7,8 @@
 #include <cstdio>
 #include <span>
 
-#include "core/utils/log.h"
-#include "core/utils/wire.h"
+#include "base/log.h"
+#include "base/wire.h"
 
 namespace kestrel {
 namespace {

@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "core/utils/wire.h"
+#include "base/wire.h"
 #include "kestrelexp/builtin.h"
 #include "kestrelexp/filter.h"
 #include "kestrelexp/record.h"

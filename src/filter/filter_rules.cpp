@@ -8,9 +8,9 @@
 #include <cstring>
 #include <iterator>
 
-#include "core/utils/heap.h"
-#include "core/utils/log.h"
-#include "core/utils/split.h"
+#include "base/heap.h"
+#include "base/log.h"
+#include "base/split.h"
 #include "filter/filter_dump.h"
 #include "filter/filter_values.h"
 

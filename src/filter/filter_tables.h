@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <memory>
 
-#include "core/utils/log.h"
+#include "base/log.h"
 #include "kestrelexp/filter.h"
 
 namespace kestrel {

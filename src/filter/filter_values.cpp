@@ -10,10 +10,10 @@
 #include <cstring>
 #include <limits>
 
-#include "core/utils/address.h"
-#include "core/utils/log.h"
-#include "core/utils/split.h"
-#include "core/utils/wire.h"
+#include "base/address.h"
+#include "base/log.h"
+#include "base/split.h"
+#include "base/wire.h"
 #include "kestrelexp/filter.h"
 
 namespace kestrel {

@@ -12,8 +12,8 @@
 #include <algorithm>
 #include <cstddef>
 
-#include "core/utils/log.h"
-#include "core/utils/wire.h"
+#include "base/log.h"
+#include "base/wire.h"
 #include "flow/flow_key.h"
 #include "flow/layout.h"
 

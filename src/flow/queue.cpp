@@ -6,11 +6,11 @@
 #include <algorithm>
 #include <cstring>
 
-#include "core/utils/clock.h"
-#include "core/utils/log.h"
-#include "core/utils/memory.h"
-#include "core/utils/thread.h"
-#include "core/utils/wire.h"
+#include "base/clock.h"
+#include "base/log.h"
+#include "base/memory.h"
+#include "base/thread.h"
+#include "base/wire.h"
 #include "flow/layout.h"
 #include "flow/replay_stamp.h"
 #include "kestrelexp/service.h"

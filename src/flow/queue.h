@@ -11,7 +11,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "flow/spinlock.h"
+#include "base/spinlock.h"
 #include "flow/temporal_storage.h"
 #include "kestrelexp/flow.h"
 

@@ -4,8 +4,8 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include "core/utils/clock.h"
-#include "core/utils/log.h"
+#include "base/clock.h"
+#include "base/log.h"
 #include "flow/queue_update.h"
 
 uint32_t queue_force_flush = 0;

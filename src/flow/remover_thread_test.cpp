@@ -7,7 +7,7 @@
 #include <cstring>
 #include <string>
 
-#include "core/utils/clock.h"
+#include "base/clock.h"
 #include "tests/support/child.h"
 #include "tests/support/queue_fixture.h"
 

@@ -12,9 +12,9 @@
 #include <algorithm>
 #include <atomic>
 
-#include "core/utils/clock.h"
-#include "core/utils/memory.h"
-#include "core/utils/wire.h"
+#include "base/clock.h"
+#include "base/memory.h"
+#include "base/wire.h"
 #include "flow/layout.h"
 #include "flow/parser.h"
 #include "flow/queue_update.h"

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "core/utils/thread.h"
-#include "core/utils/wire.h"
+#include "base/thread.h"
+#include "base/wire.h"
 #include "flow/temporal_storage.h"
 #include "kestrelexp/flow.h"
 #include "kestrelexp/packet.h"

@@ -9,10 +9,10 @@
 
 #include <pthread.h>
 
-#include "core/utils/log.h"
-#include "core/utils/memory.h"
-#include "core/utils/thread.h"
-#include "core/utils/wire.h"
+#include "base/log.h"
+#include "base/memory.h"
+#include "base/thread.h"
+#include "base/wire.h"
 #include "flow/layout.h"
 #include "flow/parser.h"
 #include "flow/queue_update.h"

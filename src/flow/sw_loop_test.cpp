@@ -6,7 +6,7 @@
 #include <atomic>
 #include <string>
 
-#include "core/utils/thread.h"
+#include "base/thread.h"
 #include "flow/queue.h"
 #include "flow/temporal_storage.h"
 #include "kestrelexp/service.h"

@@ -9,8 +9,8 @@
 #include <algorithm>
 #include <cstring>
 
-#include "core/utils/log.h"
-#include "core/utils/memory.h"
+#include "base/log.h"
+#include "base/memory.h"
 #include "flow/layout.h"
 
 namespace kestrel {

@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/utils/clock.h"
-#include "core/utils/log.h"
+#include "base/clock.h"
+#include "base/log.h"
 #include "kestrelexp/builtin.h"
 #include "kestrelexp/rawnetcap.h"
 

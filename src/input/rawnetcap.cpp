@@ -15,7 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "core/utils/memory.h"
+#include "base/memory.h"
 
 namespace kestrel {
 namespace {

@@ -6,9 +6,9 @@
 #include <algorithm>
 #include <cstring>
 
-#include "core/utils/log.h"
-#include "core/utils/memory.h"
-#include "core/utils/wire.h"
+#include "base/log.h"
+#include "base/memory.h"
+#include "base/wire.h"
 #include "kestrelexp/builtin.h"
 #include "kestrelexp/record.h"
 #include "plugins/anonymizer_config.h"

@@ -9,11 +9,11 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/utils/address.h"
-#include "core/utils/clock.h"
-#include "core/utils/log.h"
-#include "core/utils/split.h"
-#include "core/utils/wire.h"
+#include "base/address.h"
+#include "base/clock.h"
+#include "base/log.h"
+#include "base/split.h"
+#include "base/wire.h"
 
 namespace kestrel {
 namespace {

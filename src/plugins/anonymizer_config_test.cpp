@@ -7,7 +7,7 @@
 #include <cstring>
 #include <string>
 
-#include "core/utils/clock.h"
+#include "base/clock.h"
 #include "kestrelexp/builtin.h"
 #include "tests/support/lifelong.h"
 

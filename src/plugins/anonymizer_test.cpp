@@ -6,7 +6,7 @@
 #include <cstring>
 #include <string>
 
-#include "core/utils/clock.h"
+#include "base/clock.h"
 #include "kestrelexp/builtin.h"
 #include "kestrelexp/record.h"
 #include "tests/support/lifelong.h"

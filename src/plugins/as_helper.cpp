@@ -9,8 +9,8 @@
 #include <optional>
 #include <utility>
 
-#include "core/utils/log.h"
-#include "core/utils/memory.h"
+#include "base/log.h"
+#include "base/memory.h"
 #include "kestrelexp/builtin.h"
 #include "kestrelexp/getter.h"
 #include "kestrelexp/record.h"

@@ -9,7 +9,7 @@
 #include <string>
 #include <thread>
 
-#include "core/utils/clock.h"
+#include "base/clock.h"
 #include "kestrelexp/builtin.h"
 #include "kestrelexp/getter.h"
 #include "kestrelexp/record.h"

@@ -9,9 +9,9 @@
 #include <cstring>
 #include <limits>
 
-#include "core/utils/address.h"
-#include "core/utils/heap.h"
-#include "core/utils/log.h"
+#include "base/address.h"
+#include "base/heap.h"
+#include "base/log.h"
 #include "kestrelexp/service.h"
 
 namespace kestrel {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "core/utils/heap.h"
+#include "base/heap.h"
 #include "filter/filter_rules.h"
 #include "tests/fuzz/fuzz_target.h"
 #include "tests/model/filter_check.h"

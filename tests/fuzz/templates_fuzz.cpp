@@ -11,7 +11,7 @@
 #include <cstring>
 #include <string>
 
-#include "core/utils/log.h"
+#include "base/log.h"
 #include "kestrelexp/builtin.h"
 #include "kestrelexp/record.h"
 #include "tests/fuzz/fuzz_target.h"

@@ -10,7 +10,7 @@
 #include <ostream>
 #include <string>
 
-#include "core/utils/thread.h"
+#include "base/thread.h"
 #include "flow/replay.h"
 #include "flow/temporal_storage.h"
 #include "kestrelexp/packet.h"

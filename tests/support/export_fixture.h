@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "core/utils/clock.h"
+#include "base/clock.h"
 #include "kestrelexp/builtin.h"
 #include "kestrelexp/getter.h"
 #include "tests/support/lifelong.h"

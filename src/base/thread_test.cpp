@@ -1,5 +1,5 @@
 // Tests of the thread starter: what a worker thread is born with.
-#include "core/utils/thread.h"
+#include "base/thread.h"
 
 #include <gtest/gtest.h>
 #include <pthread.h>

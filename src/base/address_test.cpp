@@ -1,4 +1,4 @@
-#include "core/utils/address.h"
+#include "base/address.h"
 
 #include <gtest/gtest.h>
 #include <netdb.h>

@@ -1,6 +1,6 @@
 // Starts the program's worker threads; see thread.h. Runs on the thread that calls it, holds no
 // state, and never ends a thread.
-#include "core/utils/thread.h"
+#include "base/thread.h"
 
 #include <pthread.h>
 #include <signal.h>

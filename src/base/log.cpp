@@ -1,7 +1,7 @@
 // The message functions, their level gates, and the way out after a start-up fault. Any thread and
 // the signal handler call in here, so a line is put together first and then leaves with one
 // write(2); no lock of ours is ever taken.
-#include "core/utils/log.h"
+#include "base/log.h"
 
 #include <pthread.h>
 #include <signal.h>

@@ -1,6 +1,6 @@
 // The clocks: wall clock, monotonic clock, and the start-up time that ties them together. Any
 // thread reads them; only sleep_ns blocks.
-#include "core/utils/clock.h"
+#include "base/clock.h"
 
 #include <sys/time.h>
 #include <time.h>

@@ -1,10 +1,10 @@
-#include "core/utils/packet_clock.h"
+#include "base/packet_clock.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 
-#include "core/utils/clock.h"
+#include "base/clock.h"
 #include "tests/support/child.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "core/utils/split.h"
+#include "base/split.h"
 
 #include <gtest/gtest.h>
 

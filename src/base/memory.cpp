@@ -1,6 +1,6 @@
 // The start-up allocators. What they hand out is zeroed and lives for the whole run; memory that
 // cannot be had ends the process here, so no caller ever sees a null pointer.
-#include "core/utils/memory.h"
+#include "base/memory.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -14,7 +14,7 @@
 #include <cstring>
 #include <string>
 
-#include "core/utils/log.h"
+#include "base/log.h"
 
 namespace kestrel {
 namespace {

@@ -1,4 +1,4 @@
-#include "core/utils/clock.h"
+#include "base/clock.h"
 
 #include <gtest/gtest.h>
 #include <pthread.h>

@@ -1,4 +1,4 @@
-#include "flow/spinlock.h"
+#include "base/spinlock.h"
 
 #include <sched.h>
 #include <unistd.h>

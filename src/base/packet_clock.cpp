@@ -1,10 +1,10 @@
 // The packet clock is two words: where it stands, and where its uptime began.
-#include "core/utils/packet_clock.h"
+#include "base/packet_clock.h"
 
 #include <algorithm>
 #include <atomic>
 
-#include "core/utils/clock.h"
+#include "base/clock.h"
 
 namespace kestrel {
 namespace {

@@ -5,7 +5,7 @@
 #include <memory>
 #include <vector>
 
-#include "core/utils/heap.h"
+#include "base/heap.h"
 #include "kestrelexp/service.h"
 
 namespace kestrel {

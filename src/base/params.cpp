@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/utils/heap.h"
-#include "core/utils/log.h"
+#include "base/heap.h"
+#include "base/log.h"
 #include "kestrelexp/service.h"
 
 namespace kestrel {

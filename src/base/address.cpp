@@ -1,4 +1,4 @@
-#include "core/utils/address.h"
+#include "base/address.h"
 
 #include <arpa/inet.h>
 #include <netdb.h>
@@ -7,7 +7,7 @@
 
 #include <memory>
 
-#include "core/utils/wire.h"
+#include "base/wire.h"
 
 namespace kestrel {
 namespace {

@@ -1,4 +1,4 @@
-#include "core/utils/memory.h"
+#include "base/memory.h"
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -11,7 +11,7 @@
 #include <fstream>
 #include <string>
 
-#include "core/utils/log.h"
+#include "base/log.h"
 
 namespace {
 
