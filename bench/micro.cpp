@@ -14,10 +14,10 @@
 #include "bench/frames.h"
 #include "bench/workload.h"
 #include "flow/flow_key.h"
-#include "flow/layout.h"
 #include "flow/sw.h"
 #include "kestrelexp/flow.h"
 #include "kestrelexp/packet.h"
+#include "record/layout.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 #include "base/log.h"
 #include "base/wire.h"
 #include "flow/flow_key.h"
-#include "flow/layout.h"
+#include "record/layout.h"
 
 namespace kestrel {
 namespace {

@@ -11,9 +11,9 @@
 #include "base/memory.h"
 #include "base/thread.h"
 #include "base/wire.h"
-#include "flow/layout.h"
 #include "flow/replay_stamp.h"
 #include "kestrelexp/service.h"
+#include "record/layout.h"
 
 namespace kestrel {
 namespace {

@@ -15,10 +15,10 @@
 #include "base/clock.h"
 #include "base/memory.h"
 #include "base/wire.h"
-#include "flow/layout.h"
 #include "flow/parser.h"
 #include "flow/queue_update.h"
 #include "flow/remover.h"
+#include "record/layout.h"
 
 namespace kestrel {
 namespace {

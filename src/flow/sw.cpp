@@ -13,9 +13,9 @@
 #include "base/memory.h"
 #include "base/thread.h"
 #include "base/wire.h"
-#include "flow/layout.h"
 #include "flow/parser.h"
 #include "flow/queue_update.h"
+#include "record/layout.h"
 
 namespace kestrel {
 namespace {

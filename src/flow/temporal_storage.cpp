@@ -11,7 +11,7 @@
 
 #include "base/log.h"
 #include "base/memory.h"
-#include "flow/layout.h"
+#include "record/layout.h"
 
 namespace kestrel {
 namespace {

@@ -1,4 +1,4 @@
-#include "flow/layout.h"
+#include "record/layout.h"
 
 uint64_t kestrel_vlan_offset = 0;
 uint64_t kestrel_mpls_offset = 0;

@@ -1,5 +1,5 @@
 // Tests of the data space: blocks, and how a record is made ready.
-#include "flow/layout.h"
+#include "record/layout.h"
 
 #include <gtest/gtest.h>
 

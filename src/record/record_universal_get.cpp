@@ -1,7 +1,7 @@
 // The one routine behind every accessor, for plugins: a value out of a record into a field of a
 // given width and byte order. Touches only its arguments, any thread.
-#include "export/copy_value.h"
 #include "kestrelexp/getter.h"
+#include "record/copy_value.h"
 
 void record_universal_get(void* destination, const void* source, int32_t source_offset,
                           int32_t source_length, int32_t destination_length,

@@ -7,10 +7,10 @@
 
 #include "base/clock.h"
 #include "base/wire.h"
-#include "export/copy_value.h"
 #include "kestrelexp/getter.h"
 #include "kestrelexp/record.h"
 #include "kestrelexp/service.h"
+#include "record/copy_value.h"
 
 namespace kestrel {
 namespace {
