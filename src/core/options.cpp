@@ -11,8 +11,8 @@
 #include <string>
 
 #include "base/log.h"
-#include "core/plugin_loader.h"
-#include "core/plugin_registry.h"
+#include "contract/plugin_loader.h"
+#include "contract/plugin_registry.h"
 #include "kestrelexp/service.h"
 
 namespace kestrel {

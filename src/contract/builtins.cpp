@@ -1,10 +1,10 @@
 // The plugins that come with the program, as one table. Main thread, while the program starts;
 // never initialises a plugin.
-#include "core/builtins.h"
+#include "contract/builtins.h"
 
 #include <variant>
 
-#include "core/plugin_registry.h"
+#include "contract/plugin_registry.h"
 #include "kestrelexp/builtin.h"
 
 namespace kestrel {

@@ -1,5 +1,5 @@
 // Tests of the plugin registry: what it refuses, how names are found, and how record space grows.
-#include "core/plugin_registry.h"
+#include "contract/plugin_registry.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>

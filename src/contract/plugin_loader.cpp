@@ -1,7 +1,7 @@
 // Opens plugin shared objects: one table per kind says which symbols are looked up, where they go,
 // and what is said when one is missing. Main thread, while the program starts. Never closes an
 // object and never initialises a plugin.
-#include "core/plugin_loader.h"
+#include "contract/plugin_loader.h"
 
 #include <dirent.h>
 #include <dlfcn.h>
@@ -16,7 +16,7 @@
 
 #include "base/log.h"
 #include "base/memory.h"
-#include "core/plugin_registry.h"
+#include "contract/plugin_registry.h"
 
 namespace kestrel {
 

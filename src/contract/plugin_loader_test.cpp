@@ -1,6 +1,6 @@
 // Tests of the plugin directory scan. What the loader makes of real shared objects is tested with
 // the whole program.
-#include "core/plugin_loader.h"
+#include "contract/plugin_loader.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>

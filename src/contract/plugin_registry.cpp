@@ -1,6 +1,6 @@
 // The list of known plugins: registration, its checks, and the list printed by -l. Main thread,
 // while the program starts. Never opens a shared object and never initialises a plugin.
-#include "core/plugin_registry.h"
+#include "contract/plugin_registry.h"
 
 #include <algorithm>
 #include <cstdio>
