@@ -13,8 +13,8 @@
 
 #include "bench/frames.h"
 #include "bench/workload.h"
+#include "engine/switch.h"
 #include "flow/flow_key.h"
-#include "flow/sw.h"
 #include "kestrelexp/flow.h"
 #include "kestrelexp/packet.h"
 #include "record/layout.h"

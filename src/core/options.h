@@ -7,7 +7,7 @@
 #include <optional>
 #include <span>
 
-#include "core/run_configuration.h"
+#include "engine/run_configuration.h"
 
 namespace kestrel {
 

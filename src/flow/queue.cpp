@@ -11,7 +11,7 @@
 #include "base/memory.h"
 #include "base/thread.h"
 #include "base/wire.h"
-#include "flow/replay_stamp.h"
+#include "engine/replay_stamp.h"
 #include "kestrelexp/service.h"
 #include "record/layout.h"
 

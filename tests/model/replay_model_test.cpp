@@ -11,7 +11,7 @@
 #include <string>
 
 #include "base/thread.h"
-#include "flow/replay.h"
+#include "engine/replay.h"
 #include "flow/temporal_storage.h"
 #include "kestrelexp/packet.h"
 #include "kestrelexp/service.h"

@@ -5,7 +5,7 @@
 // the shape of the switch loop: it looks ahead into the ring and fetches first the bucket, then the
 // slot that a packet to come will touch, so that their cache misses overlap with work.
 
-#include "flow/sw.h"
+#include "engine/switch.h"
 
 #include <pthread.h>
 

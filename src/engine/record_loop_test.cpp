@@ -1,5 +1,5 @@
 // Tests of the record loop: what filters and exports see of each record, and how the loop ends.
-#include "core/record_loop.h"
+#include "engine/record_loop.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "core/run_configuration.h"
-#include "core/signals.h"
+#include "engine/run_configuration.h"
+#include "engine/signals.h"
 #include "kestrelexp/flow.h"
 
 namespace kestrel {

@@ -4,7 +4,7 @@
 //
 // Nobody else touches the queue, so its lock is not taken here.
 
-#include "flow/replay.h"
+#include "engine/replay.h"
 
 #include <pthread.h>
 #include <unistd.h>

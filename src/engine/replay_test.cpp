@@ -1,6 +1,6 @@
 // Tests of the loop that runs on the time of its packets. It never ends, so each test runs in a
 // process of its own. Random packets are compared with a second model in tests/model.
-#include "flow/replay.h"
+#include "engine/replay.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>

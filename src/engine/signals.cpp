@@ -1,7 +1,7 @@
 // The signal handler: interrupts become an orderly shutdown, a periodic alarm notices jumps of the
 // wall clock. Runs on the main thread only; stores flags and writes messages to standard error,
 // which allocates nothing.
-#include "core/signals.h"
+#include "engine/signals.h"
 
 #include <unistd.h>
 

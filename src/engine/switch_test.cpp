@@ -1,5 +1,5 @@
 // Tests of the switch: which way an input is read, and which inputs cannot serve.
-#include "flow/sw.h"
+#include "engine/switch.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 // The record loop: takes finished flows from the storage, runs the global filters, and for each
 // export in command-line order its filters, its sampling and the export itself. Main thread only;
 // allocates nothing. Filters and exports are called from here and from nowhere else.
-#include "core/record_loop.h"
+#include "engine/record_loop.h"
 
 #include <algorithm>
 #include <atomic>
@@ -12,9 +12,9 @@
 #include "base/log.h"
 #include "base/packet_clock.h"
 #include "base/wire.h"
-#include "core/run_configuration.h"
-#include "core/signals.h"
-#include "flow/replay.h"
+#include "engine/replay.h"
+#include "engine/run_configuration.h"
+#include "engine/signals.h"
 #include "kestrelexp/flow.h"
 #include "kestrelexp/program.h"
 #include "kestrelexp/storage.h"

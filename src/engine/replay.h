@@ -10,9 +10,9 @@
 
 #include <cstdint>
 
+#include "engine/replay_stamp.h"
+#include "engine/switch.h"
 #include "flow/queue.h"
-#include "flow/replay_stamp.h"
-#include "flow/sw.h"
 
 namespace kestrel {
 

@@ -11,10 +11,10 @@
 
 #include "base/packet_clock.h"
 #include "base/wire.h"
-#include "core/record_loop.h"
-#include "core/run_configuration.h"
-#include "core/signals.h"
-#include "flow/replay.h"
+#include "engine/record_loop.h"
+#include "engine/replay.h"
+#include "engine/run_configuration.h"
+#include "engine/signals.h"
 #include "kestrelexp/flow.h"
 #include "kestrelexp/service.h"
 

@@ -1,5 +1,5 @@
 // Tests of the signal handler, called directly and through real signals.
-#include "core/signals.h"
+#include "engine/signals.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>
