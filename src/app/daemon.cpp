@@ -1,6 +1,6 @@
 // The process as the system sees it: background, CPUs, user; see daemon.h. Main thread, while the
 // program starts.
-#include "core/daemon.h"
+#include "app/daemon.h"
 
 #include <fcntl.h>
 #include <grp.h>

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <vector>
 
+#include "app/daemon.h"
+#include "app/options.h"
 #include "base/log.h"
 #include "base/memory.h"
 #include "base/packet_clock.h"
@@ -13,8 +15,6 @@
 #include "contract/builtins.h"
 #include "contract/plugin_loader.h"
 #include "contract/plugin_registry.h"
-#include "core/daemon.h"
-#include "core/options.h"
 #include "engine/record_loop.h"
 #include "engine/replay.h"
 #include "kestrelexp/flow.h"

@@ -1,6 +1,6 @@
 // Tests of the option parser: what a command line leaves in the settings. Its messages and exit
 // statuses are tested with the whole program.
-#include "core/options.h"
+#include "app/options.h"
 
 #include <gtest/gtest.h>
 

@@ -1,14 +1,14 @@
 // Help, version and the reminder of mandatory options, on standard output. The option lines come
 // from the option table. Main thread, while the program starts; never changes anything.
-#include "core/help.h"
+#include "app/help.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <string_view>
 
+#include "app/options.h"
 #include "base/log.h"
-#include "core/options.h"
 #include "kestrelexp/program.h"
 
 namespace kestrel {

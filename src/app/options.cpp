@@ -1,6 +1,6 @@
 // The command line as one table and the loop that walks it; see options.h. Main thread, while the
 // program starts. Arguments stay where they are or are copied once for the life of the program.
-#include "core/options.h"
+#include "app/options.h"
 
 #include <getopt.h>
 
