@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "bench/frames.h"
-#include "flow/queue.h"
+#include "flow/flow_cache.h"
 #include "kestrelexp/flow.h"
 #include "kestrelexp/service.h"
 

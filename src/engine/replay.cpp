@@ -15,9 +15,9 @@
 #include "base/clock.h"
 #include "base/memory.h"
 #include "base/wire.h"
+#include "flow/ageing.h"
+#include "flow/flow_cache_update.h"
 #include "flow/parser.h"
-#include "flow/queue_update.h"
-#include "flow/remover.h"
 #include "record/layout.h"
 
 namespace kestrel {

@@ -12,7 +12,7 @@
 
 #include "engine/replay_stamp.h"
 #include "engine/switch.h"
-#include "flow/queue.h"
+#include "flow/flow_cache.h"
 
 namespace kestrel {
 

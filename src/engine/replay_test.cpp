@@ -11,7 +11,7 @@
 
 #include "base/thread.h"
 #include "base/wire.h"
-#include "flow/temporal_storage.h"
+#include "flow/ring.h"
 #include "kestrelexp/flow.h"
 #include "kestrelexp/packet.h"
 #include "kestrelexp/service.h"

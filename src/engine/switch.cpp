@@ -13,8 +13,8 @@
 #include "base/memory.h"
 #include "base/thread.h"
 #include "base/wire.h"
+#include "flow/flow_cache_update.h"
 #include "flow/parser.h"
-#include "flow/queue_update.h"
 #include "record/layout.h"
 
 namespace kestrel {

@@ -8,8 +8,8 @@
 // their own clock are read by replay_loop.
 #pragma once
 
-#include "flow/queue.h"
-#include "flow/temporal_storage.h"
+#include "flow/flow_cache.h"
+#include "flow/ring.h"
 #include "kestrelexp/flow.h"
 
 struct flow_switch {

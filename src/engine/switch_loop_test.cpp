@@ -7,8 +7,8 @@
 #include <string>
 
 #include "base/thread.h"
-#include "flow/queue.h"
-#include "flow/temporal_storage.h"
+#include "flow/flow_cache.h"
+#include "flow/ring.h"
 #include "kestrelexp/service.h"
 #include "tests/support/child.h"
 #include "tests/support/frame_builder.h"

@@ -7,8 +7,8 @@
 #include <random>
 #include <string>
 
-#include "flow/queue.h"
-#include "flow/remover.h"
+#include "flow/ageing.h"
+#include "flow/flow_cache.h"
 #include "kestrelexp/service.h"
 #include "kestrelexp/storage.h"
 #include "tests/support/lifelong.h"

@@ -12,7 +12,7 @@
 
 #include "base/thread.h"
 #include "engine/replay.h"
-#include "flow/temporal_storage.h"
+#include "flow/ring.h"
 #include "kestrelexp/packet.h"
 #include "kestrelexp/service.h"
 #include "tests/model/frame_generator.h"

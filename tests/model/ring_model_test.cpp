@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "flow/temporal_storage.h"
+#include "flow/ring.h"
 #include "kestrelexp/service.h"
 #include "tests/support/lifelong.h"
 

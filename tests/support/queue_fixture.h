@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "flow/queue.h"
+#include "flow/flow_cache.h"
 #include "kestrelexp/service.h"
 #include "tests/support/lifelong.h"
 

@@ -9,7 +9,7 @@
 
 #include <cstdint>
 
-#include "flow/queue.h"
+#include "flow/flow_cache.h"
 
 namespace kestrel {
 

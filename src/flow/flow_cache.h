@@ -12,7 +12,7 @@
 #include <cstdint>
 
 #include "base/spinlock.h"
-#include "flow/temporal_storage.h"
+#include "flow/ring.h"
 #include "kestrelexp/flow.h"
 
 namespace kestrel {

@@ -1,6 +1,6 @@
 // Tests of the flow cache without its threads: one operation, one expectation. Ageing and flushing
 // are in remover_test.
-#include "flow/queue.h"
+#include "flow/flow_cache.h"
 
 #include <gtest/gtest.h>
 
@@ -8,7 +8,7 @@
 #include <chrono>
 #include <thread>
 
-#include "flow/queue_update.h"
+#include "flow/flow_cache_update.h"
 #include "tests/support/queue_fixture.h"
 
 namespace {

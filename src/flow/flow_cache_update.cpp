@@ -1,6 +1,6 @@
 // The rare roads of the per-packet path, and its entry point for plugins.
 
-#include "flow/queue_update.h"
+#include "flow/flow_cache_update.h"
 
 #include <sched.h>
 

@@ -1,5 +1,5 @@
 // Tests of ageing, flushing and statistics. Hours pass in no time: the rules are handed the time.
-#include "flow/remover.h"
+#include "flow/ageing.h"
 
 #include <gtest/gtest.h>
 
@@ -10,7 +10,7 @@
 #include <string>
 #include <thread>
 
-#include "flow/queue_update.h"
+#include "flow/flow_cache_update.h"
 #include "tests/support/queue_fixture.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "flow/remover.h"
+#include "flow/ageing.h"
 
 #include <pthread.h>
 #include <sys/resource.h>
@@ -6,7 +6,7 @@
 
 #include "base/clock.h"
 #include "base/log.h"
-#include "flow/queue_update.h"
+#include "flow/flow_cache_update.h"
 
 uint32_t queue_force_flush = 0;
 

@@ -1,5 +1,5 @@
 // Tests of the ring between threads: what it says, when it waits, what it hands over.
-#include "flow/temporal_storage.h"
+#include "flow/ring.h"
 
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>

@@ -1,7 +1,7 @@
 // The rare roads of the ring: making it, waiting, announcing a batch. Runs on the thread of the
 // side that calls; holds no lock.
 
-#include "flow/temporal_storage.h"
+#include "flow/ring.h"
 
 #include <poll.h>
 #include <unistd.h>

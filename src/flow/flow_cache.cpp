@@ -1,7 +1,7 @@
 // Making the flow cache, and the one way out of it. Runs on the switch or the remover thread, under
 // the queue's lock; never allocates after start-up.
 
-#include "flow/queue.h"
+#include "flow/flow_cache.h"
 
 #include <algorithm>
 #include <cstring>
