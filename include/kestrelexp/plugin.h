@@ -29,6 +29,10 @@ enum plugin_kind {
     PLUGIN_KIND_FILTER = 8
 };
 
+/* The version of this contract. It grows with each operation that plugins may offer or ask for
+ * anew; what an earlier version has stays. */
+enum { PLUGIN_CONTRACT_VERSION = 1 };
+
 struct plugin_description {
     const char* name;        /* chosen by on the command line; unique within the kind */
     const char* description; /* help text of -l, may have several lines */
@@ -165,6 +169,7 @@ struct process_plugin {
 /* ---- The registry ---- */
 
 struct dirent;
+struct plugin_operations;
 
 struct plugin_registry {
     int32_t input_count;
@@ -178,6 +183,7 @@ struct plugin_registry {
     uint16_t extension_length; /* bytes of the record's data space reserved so far */
     int32_t process_flag;      /* some chosen process plugin needs packets */
     struct dirent** directory_list;
+    struct plugin_operations* operations; /* the program's own; NULL in a new registry */
 };
 
 /* Registration happens on the main thread before any other exists. A name that the kind already
@@ -211,6 +217,11 @@ KX_API void print_plugins(const struct plugin_registry* registry) __attribute__(
  * "Optional" entry points are simply left out. */
 
 extern KX_API int32_t plugin_type;
+
+/* Optional: PLUGIN_CONTRACT_VERSION as it was when the plugin was built. A program whose contract
+ * is older refuses the object with both numbers (status 255), one that is as old or newer takes it.
+ * An object without this symbol is taken by every program. */
+extern KX_API int32_t plugin_contract_version;
 
 KX_API plugin_desc_function plugin_input_desc;
 KX_API input_init_function plugin_input_init;

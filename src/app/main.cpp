@@ -10,13 +10,12 @@
 #include "app/options.h"
 #include "base/log.h"
 #include "base/memory.h"
-#include "base/packet_clock.h"
 #include "base/thread.h"
 #include "contract/builtins.h"
 #include "contract/plugin_loader.h"
 #include "contract/plugin_registry.h"
-#include "engine/record_loop.h"
-#include "engine/replay.h"
+#include "engine/engine.h"
+#include "engine/signals.h"
 #include "kestrelexp/flow.h"
 #include "kestrelexp/getter.h"
 #include "kestrelexp/program.h"
@@ -27,29 +26,19 @@ namespace kestrel {
 
 namespace {
 
-// Inputs that deliver finished flows need no more than a token flow cache.
-constexpr int32_t token_queue_size = 5;
 constexpr unsigned first_alarm_s = 1;
 
 void set_names(const char* path);
-void find_input_clock(const settings& given);
-void force_token_queue(run_configuration& run);
-temporal_storage* make_final_records(const settings& given);
-flow_queue* make_queue(settings& given, temporal_storage* final_records);
-flow_switch* make_switch(settings& given, flow_queue* queue);
+temporal_storage* make_final_records(const settings& settings, const engine& engine);
+flow_queue* make_queue(settings& settings, const engine& engine, temporal_storage* final_records);
+flow_switch* make_switch(settings& settings, const engine& engine, flow_queue* queue);
 void build_base_getters(run_configuration& run);
 void init_processes(run_configuration& run);
 void init_filters(std::vector<filter_plugin>& filters, getter** getters);
 void show_getters(const char* title, const getter* table);
 void check_exports(const run_configuration& run);
 void init_exports(run_configuration& run);
-void start_flow_thread(const run_configuration& run, flow_switch* flow_switch);
-
-// Other threads use it until the very end of the process, so it is never taken down.
-settings* given;
-
-// Of the chosen input; null for inputs that live on the system's clocks.
-input_clock_function* input_clock;
+void start_flow_thread(const engine& engine, flow_switch* flow_switch);
 
 }  // namespace
 
@@ -59,25 +48,27 @@ int main(int argc, char** argv) {
     using namespace kestrel;
     set_names(argv[0]);
     install_memory_handler();
-    given = make_lifelong<settings>();
-    run_configuration& run = given->run;
+    // Other threads use it until the very end of the process, so it is never taken down.
+    auto& settings = *make_lifelong<kestrel::settings>();
+    run_configuration& run = settings.run;
 
     signal_handler(0);
     register_builtins(run.registry);
     load_plugin_directory(plugin_prefix, plugin_directory, run.registry);
-    parse_options(argc, argv, *given);
+    parse_options(argc, argv, settings);
     if (run.daemonize != 0)
         daemonize();
-    if (given->cpu_mask)
-        set_cpu_affinity(*given->cpu_mask);
-    find_input_clock(*given);
-    force_token_queue(run);
-    temporal_storage* const final_records = make_final_records(*given);
-    flow_queue* const queue = make_queue(*given, final_records);
-    flow_switch* const flow_switch = make_switch(*given, queue);
+    if (settings.cpu_mask)
+        set_cpu_affinity(*settings.cpu_mask);
+    const engine& engine = engine_for(run);
+    run.queue_size = engine.queue_size(run.queue_size);
+    temporal_storage* const final_records = make_final_records(settings, engine);
+    flow_queue* const queue = make_queue(settings, engine, final_records);
+    flow_switch* const flow_switch = make_switch(settings, engine, queue);
+    pass_signals_to(engine);
     build_base_getters(run);
-    if (given->user != nullptr)
-        drop_privileges(given->user);
+    if (settings.user != nullptr)
+        drop_privileges(settings.user);
     init_processes(run);
     init_filters(run.global_filters, &run.base_getters);
     show_getters("Base Getter", run.base_getters);
@@ -85,29 +76,17 @@ int main(int argc, char** argv) {
     init_exports(run);
     alarm(first_alarm_s);
     verbose_msg(0, "Kestrel OK");
-    start_flow_thread(run, flow_switch);
+    start_flow_thread(engine, flow_switch);
 
     const unsigned record_size = FLOW_RECORD_BASE_SIZE + run.registry.extension_length;
-    // They come back only when a global filter said no: the program just ends.
-    if (input_clock != nullptr)
-        (void)replay_record_loop(final_records, record_size, run);
-    else
-        (void)main_record_loop(final_records, record_size, &run);
+    // It comes back only when a global filter said no: the program just ends.
+    (void)engine.record_loop(final_records, record_size, &run);
     return exit_ok;
 }
 
 namespace kestrel {
 
 namespace {
-
-input_plugin* chosen_input(const run_configuration& run) {
-    return run.input_index < 0 ? nullptr : &run.registry.inputs[run.input_index];
-}
-
-bool delivers_final_flows(const run_configuration& run) {
-    const input_plugin* const input = chosen_input(run);
-    return input != nullptr && input->get_final_flow != nullptr;
-}
 
 // A missing text as the messages show it.
 const char* shown(const char* text) {
@@ -120,49 +99,36 @@ void set_names(const char* path) {
     progname = last_slash != nullptr ? last_slash + 1 : path;
 }
 
-void find_input_clock(const settings& from) {
-    if (const input_plugin* const input = chosen_input(from.run))
-        input_clock = input_clock_of(*input);
-}
-
-void force_token_queue(run_configuration& run) {
-    if (delivers_final_flows(run))
-        run.queue_size = token_queue_size;
-}
-
-temporal_storage* make_final_records(const settings& from) {
-    const run_configuration& run = from.run;
+temporal_storage* make_final_records(const settings& settings, const engine& engine) {
+    const run_configuration& run = settings.run;
     const uint32_t slots = uint32_t{1} << (run.queue_size - 4);
-    const uint32_t stamp_size = input_clock != nullptr ? sizeof(replay_stamp) : 0;
     const uint32_t slot_size =
-        FLOW_RECORD_BASE_SIZE + uint32_t{run.registry.extension_length} + stamp_size;
+        FLOW_RECORD_BASE_SIZE + uint32_t{run.registry.extension_length} + engine.slot_extra;
     temporal_storage* const storage =
-        temporal_storage_init(slots, slot_size, from.huge_directory, "final-records");
+        temporal_storage_init(slots, slot_size, settings.huge_directory, "final-records");
     if (storage == nullptr)
         verbose_msg(-1, "Unable to init xchange space");
     return storage;
 }
 
-flow_queue* make_queue(settings& from, temporal_storage* final_records) {
-    run_configuration& run = from.run;
-    const auto init = input_clock != nullptr ? replay_queue_init : queue_init;
-    return init(run.queue_size, run.active_timeout, run.inactive_timeout, final_records,
-                from.huge_directory, run.registry.extension_length,
-                static_cast<int32_t>(run.processes.size()), run.processes.data());
+flow_queue* make_queue(settings& settings, const engine& engine, temporal_storage* final_records) {
+    run_configuration& run = settings.run;
+    return engine.make_queue(run.queue_size, run.active_timeout, run.inactive_timeout,
+                             final_records, settings.huge_directory, run.registry.extension_length,
+                             static_cast<int32_t>(run.processes.size()), run.processes.data());
 }
 
-flow_switch* make_switch(settings& from, flow_queue* queue) {
-    input_plugin* const input = chosen_input(from.run);
+flow_switch* make_switch(settings& settings, const engine& engine, flow_queue* queue) {
+    run_configuration& run = settings.run;
+    input_plugin* const input = chosen_input(run);
     if (input == nullptr)
         die(exit_config, "Input driver not set");
-    struct flow_switch* const made =
-        sw_init(queue, from.flow_mask, from.run.registry.process_flag, input);
-    if (made == nullptr)
+    struct flow_switch* const flow_switch =
+        sw_init(queue, settings.flow_mask, run.registry.process_flag, input);
+    if (flow_switch == nullptr)
         die(exit_config, "Driver initialization failed");
-    made->clock = input_clock;
-    if (input_clock != nullptr)
-        packet_clock_start(replay_clock(*made));
-    return made;
+    engine.start_clock(*flow_switch, operations_of(run.registry, input->desc));
+    return flow_switch;
 }
 
 void build_base_getters(run_configuration& run) {
@@ -220,11 +186,8 @@ void init_exports(run_configuration& run) {
     }
 }
 
-void start_flow_thread(const run_configuration& run, flow_switch* flow_switch) {
-    auto* const body = input_clock != nullptr      ? replay_loop
-                       : delivers_final_flows(run) ? plugin_final_flow_loop
-                                                   : sw_main_loop;
-    if (!start_thread(body, flow_switch))
+void start_flow_thread(const engine& engine, flow_switch* flow_switch) {
+    if (!start_thread(engine.flow_thread, flow_switch))
         die(exit_config, "Unable to create SW thread");
 }
 

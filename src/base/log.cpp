@@ -15,6 +15,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/handled_signals.h"
+
 int32_t verbose_level = -1;
 int32_t debug_level = -1;
 int32_t syslog_on = 0;
@@ -101,10 +103,7 @@ class text_line {
 class handler_signals_blocked {
   public:
     handler_signals_blocked() {
-        sigset_t handled;
-        sigemptyset(&handled);
-        for (const int signal : {SIGINT, SIGQUIT, SIGALRM})
-            sigaddset(&handled, signal);
+        const sigset_t handled = handled_signal_set();
         (void)pthread_sigmask(SIG_BLOCK, &handled, &before_);  // fails for a bad "how" only
     }
     ~handler_signals_blocked() { (void)pthread_sigmask(SIG_SETMASK, &before_, nullptr); }

@@ -14,7 +14,6 @@ constexpr uint64_t uptime_at_start_ns = 60 * ns_per_second;
 // The main thread stores, any thread loads. Each is one word on its own, so relaxed.
 std::atomic<uint64_t> current_ns = 0;
 std::atomic<uint64_t> start_ns = 0;
-std::atomic<bool> is_running = false;
 
 uint64_t wall_ns() {
     return current_ns.load(std::memory_order_relaxed);
@@ -31,7 +30,6 @@ constexpr clock_source packet_clock = {wall_ns, uptime_ns};
 void packet_clock_start(uint64_t first_ns) {
     start_ns.store(first_ns - std::min(first_ns, uptime_at_start_ns), std::memory_order_relaxed);
     current_ns.store(first_ns, std::memory_order_relaxed);
-    is_running.store(true, std::memory_order_relaxed);
     set_clock_source(&packet_clock);
     (void)timer_startup_time_update();  // the uptime that it returns is known here
 }
@@ -39,10 +37,6 @@ void packet_clock_start(uint64_t first_ns) {
 void packet_clock_advance(uint64_t now_ns) {
     if (now_ns > wall_ns())
         current_ns.store(now_ns, std::memory_order_relaxed);
-}
-
-bool packet_clock_runs() {
-    return is_running.load(std::memory_order_relaxed);
 }
 
 }  // namespace kestrel

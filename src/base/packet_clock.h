@@ -15,7 +15,4 @@ void packet_clock_start(uint64_t first_ns);
 // Moves the clock on; a time that it has passed changes nothing.
 void packet_clock_advance(uint64_t now_ns);
 
-// Whether the program runs on packet time.
-bool packet_clock_runs();
-
 }  // namespace kestrel

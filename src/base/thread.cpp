@@ -5,17 +5,13 @@
 #include <pthread.h>
 #include <signal.h>
 
-#include <initializer_list>
+#include "base/handled_signals.h"
 
 namespace kestrel {
 
 bool start_thread(void* (*body)(void*), void* argument) {
-    sigset_t handled;
+    const sigset_t handled = handled_signal_set();
     sigset_t before;
-    sigemptyset(&handled);
-    for (int signal : {SIGINT, SIGQUIT, SIGALRM})
-        sigaddset(&handled, signal);
-
     // A thread inherits the mask of its maker, so the signals never reach it, not even at birth.
     if (pthread_sigmask(SIG_BLOCK, &handled, &before) != 0)
         return false;

@@ -5,8 +5,8 @@
 
 namespace kestrel {
 
-// Runs body(argument) on a new detached thread with SIGINT, SIGQUIT and SIGALRM blocked. Returns
-// whether the thread was started; the caller's own signal mask is unchanged.
+// Runs body(argument) on a new detached thread with the handled signals blocked. Returns whether
+// the thread was started; the caller's own signal mask is unchanged.
 bool start_thread(void* (*body)(void*), void* argument);
 
 }  // namespace kestrel

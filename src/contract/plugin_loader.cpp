@@ -12,10 +12,9 @@
 #include <span>
 #include <string>
 #include <type_traits>
-#include <vector>
 
 #include "base/log.h"
-#include "base/memory.h"
+#include "contract/operations.h"
 #include "contract/plugin_registry.h"
 
 namespace kestrel {
@@ -111,24 +110,7 @@ void load_kind(void* object, const char* path, plugin_registry& registry) {
         }
     }
     register_plugin(registry, plugin);
-}
-
-// Inputs with a clock, told apart by their description operation.
-struct input_clock {
-    plugin_desc_function* desc;
-    input_clock_function* clock;
-};
-std::vector<input_clock>* input_clocks;
-
-void load_input(void* object, const char* path, plugin_registry& registry) {
-    load_kind<input_plugin>(object, path, registry);
-    void* const clock = dlsym(object, "plugin_input_clock");
-    const input_plugin& input = plugins_of<input_plugin>(registry).back();
-    if (clock == nullptr || input.get_packet == nullptr)
-        return;
-    if (input_clocks == nullptr)
-        input_clocks = make_lifelong<std::vector<input_clock>>();
-    input_clocks->push_back({input.desc, reinterpret_cast<input_clock_function*>(clock)});
+    load_operations(object, path, kind<Plugin>::bit, &plugin, plugin.desc, registry);
 }
 
 struct kind_row {
@@ -139,11 +121,22 @@ struct kind_row {
 // Filters go before process plugins, so that an object of several kinds always reports the same
 // fault first.
 constexpr kind_row kind_rows[] = {
-    {PLUGIN_KIND_INPUT, load_input},
-    {PLUGIN_KIND_EXPORT, load_kind<export_plugin>},
-    {PLUGIN_KIND_FILTER, load_kind<filter_plugin>},
-    {PLUGIN_KIND_PROCESS, load_kind<process_plugin>},
+    {kind<input_plugin>::bit, load_kind<input_plugin>},
+    {kind<export_plugin>::bit, load_kind<export_plugin>},
+    {kind<filter_plugin>::bit, load_kind<filter_plugin>},
+    {kind<process_plugin>::bit, load_kind<process_plugin>},
 };
+
+// A plugin that says nothing was built for the first version.
+void check_version(void* object, const char* path) {
+    const void* const symbol = dlsym(object, "plugin_contract_version");
+    if (symbol == nullptr)
+        return;
+    const int32_t version = *static_cast<const int32_t*>(symbol);
+    if (version > PLUGIN_CONTRACT_VERSION)
+        die(exit_config, "Plugin: %s was built for contract version %i, this program has %i", path,
+            version, int{PLUGIN_CONTRACT_VERSION});
+}
 
 int is_visible(const dirent* entry) {
     return entry->d_name[0] != '.';
@@ -167,14 +160,6 @@ void load_plugin_directory(const char* prefix, const char* directory, plugin_reg
     registry.directory_list = nullptr;
 }
 
-input_clock_function* input_clock_of(const input_plugin& input) {
-    if (input_clocks != nullptr)
-        for (const auto& [desc, clock] : *input_clocks)
-            if (desc == input.desc)
-                return clock;
-    return nullptr;
-}
-
 }  // namespace kestrel
 
 void add_plugin(const char* path, plugin_registry* registry) {
@@ -190,6 +175,7 @@ void add_plugin(const char* path, plugin_registry* registry) {
         kestrel::die(kestrel::exit_config, "Plugin: %s, plugin type not found", path);
     const int32_t type = *static_cast<const int32_t*>(type_symbol);
     verbose_msg(3, "plugin type found. type: %i", type);
+    kestrel::check_version(object, path);
 
     for (const kestrel::kind_row& row : kestrel::kind_rows)
         if ((type & row.bit) != 0)

@@ -14,8 +14,4 @@ inline constexpr const char* plugin_directory = "/lib64/kestrelexp";
 // order. A directory that cannot be read counts as empty.
 void load_plugin_directory(const char* prefix, const char* directory, plugin_registry& registry);
 
-// The clock of an input plugin from a shared object; null when the input brings none, as the
-// built-in ones. (It is kept here and not in the plugin's record, whose layout is fixed.)
-input_clock_function* input_clock_of(const input_plugin& input);
-
 }  // namespace kestrel

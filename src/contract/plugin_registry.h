@@ -15,24 +15,28 @@ struct kind;
 
 template <>
 struct kind<input_plugin> {
+    static constexpr int32_t bit = PLUGIN_KIND_INPUT;  // in plugin_type
     static constexpr auto count = &plugin_registry::input_count;
     static constexpr auto array = &plugin_registry::inputs;
     static constexpr const char* title = "INPUT";
 };
 template <>
 struct kind<export_plugin> {
+    static constexpr int32_t bit = PLUGIN_KIND_EXPORT;  // in plugin_type
     static constexpr auto count = &plugin_registry::export_count;
     static constexpr auto array = &plugin_registry::exports;
     static constexpr const char* title = "EXPORT";
 };
 template <>
 struct kind<filter_plugin> {
+    static constexpr int32_t bit = PLUGIN_KIND_FILTER;  // in plugin_type
     static constexpr auto count = &plugin_registry::filter_count;
     static constexpr auto array = &plugin_registry::filters;
     static constexpr const char* title = "FILTER";
 };
 template <>
 struct kind<process_plugin> {
+    static constexpr int32_t bit = PLUGIN_KIND_PROCESS;  // in plugin_type
     static constexpr auto count = &plugin_registry::process_count;
     static constexpr auto array = &plugin_registry::processes;
     static constexpr const char* title = "PROCESS";

@@ -12,10 +12,12 @@
 #include "base/log.h"
 #include "base/packet_clock.h"
 #include "base/wire.h"
-#include "engine/replay.h"
+#include "engine/replay_stamp.h"
 #include "engine/run_configuration.h"
 #include "engine/signals.h"
-#include "kestrelexp/flow.h"
+#include "flow/flush_request.h"
+#include "flow/ring.h"
+#include "flow/slot_record.h"
 #include "kestrelexp/program.h"
 #include "kestrelexp/storage.h"
 
@@ -111,13 +113,26 @@ bool flush_when_idle(dispatcher& self) {
     return true;
 }
 
-// The remover clears the flush flag with release once every flushed flow has been taken from the
-// storage, so its acquisition here sees that all of them were.
-bool is_stop_due() {
-    if (exit_requested.load(std::memory_order_relaxed) == 0)
+// Whether no flush is pending and every record that the last one put into the storage was taken.
+bool is_flush_exported(const temporal_storage& storage) {
+    return !is_flush_pending() && storage_taken(storage) >= storage_flushed(storage);
+}
+
+// Whether the run is over: an interrupt has come and all flushed flows were exported. What was
+// flushed because the clock jumped still belongs to the start-up time from before; what comes after
+// it to the one from now.
+bool is_stop_due(const temporal_storage& storage) {
+    const bool is_exit_wanted = exit_requested.load(std::memory_order_relaxed) != 0;
+    if (!is_exit_wanted && !is_clock_jump_pending()) [[likely]]
         return false;
     report_interrupt();
-    return std::atomic_ref<uint32_t>(queue_force_flush).load(std::memory_order_acquire) == 0;
+    if (!is_flush_exported(storage))
+        return false;
+    if (is_clock_jump_pending()) {
+        take_clock_jump();
+        (void)timer_startup_time_update();  // the uptime that it returns is not needed
+    }
+    return is_exit_wanted;
 }
 
 [[noreturn]] void say_farewell() {
@@ -146,14 +161,6 @@ struct replay_output {
     uint64_t packets;
 };
 
-// An interrupted replay ends like one whose input has ended, totals and all.
-void end_when_interrupted() {
-    if (exit_requested.load(std::memory_order_relaxed) == 0)
-        return;
-    report_interrupt();
-    replay_stop();
-}
-
 void say_totals(const replay_totals& read, const replay_output& out) {
     verbose_msg(0, "Input ended: %lu packets read, %lu in %lu flows, %lu no flow", read.frames,
                 out.packets, out.flows, read.no_flow);
@@ -162,11 +169,12 @@ void say_totals(const replay_totals& read, const replay_output& out) {
 }  // namespace
 
 int replay_record_loop(temporal_storage* storage, unsigned record_size,
-                       const run_configuration& configuration) {
-    dispatcher self(configuration);
+                       run_configuration* configuration) {
+    dispatcher self(*configuration);
+    const slot_record flow(record_size);
     replay_output out{};
     for (;;) {
-        end_when_interrupted();
+        report_interrupt();
         auto* const slot = static_cast<uint8_t*>(temporal_storage_get(storage, get_timeout_ms));
         if (slot == nullptr)
             continue;
@@ -177,28 +185,29 @@ int replay_record_loop(temporal_storage* storage, unsigned record_size,
             say_totals(*stamp.ended, out);
             say_farewell();
         }
-        auto* const record = reinterpret_cast<flow_record*>(slot);
+        flow_record& record = flow.in(slot);
         out.flows += 1;
-        out.packets += record->packets;
-        if (const int32_t rejection = deliver(self, record); rejection != 0)
+        out.packets += record.packets;
+        if (const int32_t rejection = deliver(self, &record); rejection != 0)
             return rejection;
     }
 }
 
 }  // namespace kestrel
 
-int main_record_loop(temporal_storage* storage, unsigned, run_configuration* configuration) {
+int main_record_loop(temporal_storage* storage, unsigned record_size,
+                     run_configuration* configuration) {
     using namespace kestrel;
     dispatcher self(*configuration);
+    const slot_record flow(record_size);
 
     do {
-        auto* const record =
-            static_cast<flow_record*>(temporal_storage_get(storage, get_timeout_ms));
-        if (record == nullptr)
+        void* const slot = temporal_storage_get(storage, get_timeout_ms);
+        if (slot == nullptr)
             (void)flush_when_idle(self);
-        else if (const int32_t rejection = deliver(self, record); rejection != 0)
+        else if (const int32_t rejection = deliver(self, &flow.in(slot)); rejection != 0)
             return rejection;
-    } while (!is_stop_due());
+    } while (!is_stop_due(*storage));
 
     flush_exports(self);
     say_farewell();

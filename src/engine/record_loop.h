@@ -37,10 +37,11 @@ class idle_watch {
     bool is_idle_ = false;
 };
 
-// The record loop of a replay (see flow/replay.h): main_record_loop on packet time. Every slot of
-// the storage has a stamp behind its record_size bytes; behind the last flow it tells what was
-// read, flushes the exports and ends the program with status 0.
+// The record loop of a replay (see replay.h): main_record_loop on packet time. Every slot of the
+// storage has a stamp after its record_size bytes; after the last flow it tells what was read,
+// flushes the exports and ends the program with status 0. An interrupted replay ends like one whose
+// input has ended, totals and all.
 int replay_record_loop(temporal_storage* storage, unsigned record_size,
-                       const run_configuration& configuration);
+                       run_configuration* configuration);
 
 }  // namespace kestrel

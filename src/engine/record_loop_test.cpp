@@ -10,9 +10,13 @@
 #include <string>
 #include <vector>
 
+#include "base/clock.h"
 #include "engine/run_configuration.h"
 #include "engine/signals.h"
+#include "flow/flush_request.h"
+#include "flow/ring.h"
 #include "kestrelexp/flow.h"
+#include "kestrelexp/service.h"
 
 namespace kestrel {
 namespace {
@@ -264,6 +268,74 @@ TEST_F(RecordLoop, TheLoopGoesOnWhileAFlushIsUnderWay) {
     add("a");
     configuration.global_filters = {make_filter(flush_between)};
     expect(numbered(4), std::string("a:1,0,0,0\na:2,0,0,0\na:3,0,0,0\na:flush\n") + farewell);
+}
+
+// Records that a flush put into the storage are exported, however late the stop is noticed.
+int32_t stop_after_flush_of_three(void*, flow_record* record) {
+    if (record->packets == 1)
+        exit_requested = 1;
+    return 0;
+}
+
+TEST_F(RecordLoop, WhatAFlushPutIsTakenBeforeTheStop) {
+    add("a");
+    configuration.global_filters = {make_filter(stop_after_flush_of_three)};
+    EXPECT_EXIT(
+        {
+            temporal_storage* storage =
+                temporal_storage_init(8, sizeof(flow_record), nullptr, "test records");
+            for (const flow_record& record : numbered(4))
+                temporal_storage_put_block(storage, &record);
+            storage->flushed = 3;
+            main_record_loop(storage, sizeof(flow_record), &configuration);
+        },
+        ExitedWithCode(0),
+        testing::Eq(std::string("a:1,0,0,0\na:2,0,0,0\na:3,0,0,0\na:flush\n") + farewell));
+}
+
+// A clock that stands wherever the test put it.
+uint64_t wall_ns;
+uint64_t uptime_ns;
+constexpr clock_source stepped_clocks = {[] { return wall_ns; }, [] { return uptime_ns; }};
+
+uint32_t note_startup(void*, flow_record* record) {
+    std::fprintf(stderr, "%u: %lu\n", record->packets, timer_get_startup_time());
+    return 0;
+}
+
+// At record 1 the clock jumps by a day, and the flush that this asks for puts records 2 and 3.
+int32_t jump_at_one(void* storage, flow_record* record) {
+    if (record->packets == 1) {
+        wall_ns += 86'400'000'000'000;
+        flush_for_clock_jump();
+        static_cast<temporal_storage*>(storage)->flushed = 3;
+        end_flush(begin_flush());
+    }
+    if (record->packets == 5)
+        exit_requested = 1;
+    return 0;
+}
+
+TEST_F(RecordLoop, TheStartUpTimeIsNewOnceTheFlowsFromBeforeAClockJumpAreOut) {
+    add("a").plugin.export_record = note_startup;
+    EXPECT_EXIT(
+        {
+            wall_ns = 1'000'000;
+            uptime_ns = 400'000;
+            set_clock_source(&stepped_clocks);
+            timer_startup_time_update();
+            temporal_storage* storage =
+                temporal_storage_init(8, sizeof(flow_record), nullptr, "test records");
+            for (const flow_record& record : numbered(5))
+                temporal_storage_put_block(storage, &record);
+            configuration.global_filters = {
+                make_filter(jump_at_one, reinterpret_cast<intptr_t>(storage))};
+            main_record_loop(storage, sizeof(flow_record), &configuration);
+        },
+        ExitedWithCode(0),
+        testing::Eq(std::string("1: 600000\n2: 600000\n3: 600000\n"
+                                "4: 86400000600000\n5: 86400000600000\na:flush\n") +
+                    farewell));
 }
 
 TEST_F(RecordLoop, ItStopsWithoutAnyRecord) {

@@ -11,19 +11,23 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstring>
 
 #include "base/clock.h"
 #include "base/memory.h"
+#include "base/packet_clock.h"
 #include "base/wire.h"
 #include "flow/ageing.h"
 #include "flow/flow_cache_update.h"
+#include "flow/flush_request.h"
 #include "flow/parser.h"
 #include "record/layout.h"
 
 namespace kestrel {
 namespace {
 
-std::atomic<bool> is_stop_wanted = false;  // one word on its own: relaxed
+// Set before the flush is requested that wakes an input, so the loop sees it once that is served.
+std::atomic<bool> is_stop_wanted = false;
 
 constexpr unsigned batch_packets = 64;
 constexpr unsigned slot_distance = 12;  // packets ahead
@@ -34,7 +38,7 @@ struct replay {
     const packet_reader& reader;
     uint64_t read;     // the latest time of a frame read, flow or not
     uint64_t now;      // the latest time that has come up to the queue
-    uint64_t reached;  // how far the input said it had come, behind the batch
+    uint64_t reached;  // how far the input said it had come, after the batch
     uint64_t ticked;   // up to here the queue has aged
     ageing age;
     replay_totals* totals;
@@ -45,6 +49,13 @@ struct replay {
     flow_key keys[batch_packets];
     uint64_t times[batch_packets];  // the clock at each packet
 };
+
+// How far the input has come (ns); once it is initialised, the time of its first packet.
+uint64_t clock_of(const flow_switch& sw) {
+    uint64_t now = 0;
+    (void)sw.clock(static_cast<const packet_reader*>(sw.context)->context, &now);
+    return now;
+}
 
 flow_record& record_of(const replay& r, unsigned n) {
     return *reinterpret_cast<flow_record*>(r.records + n * r.queue.stride);
@@ -113,7 +124,20 @@ inline void advance_clock(replay& r, uint64_t to_ns) {
         age_until(r, r.now);
 }
 
+// Process plugins see the frame while its packet is in hand, and none while flows age.
+void update_showing_frame(replay& r) {
+    const packet_frame frame = parser_position();
+    parser_forget_position();
+    for (unsigned n = 0; n < r.count; ++n) {
+        advance_clock(r, r.times[n]);
+        const packet_in_hand in_hand(frame);
+        queue_update_locked(r.queue, record_of(r, n), r.keys[n]);
+    }
+}
+
 void update_batch(replay& r) {
+    if (r.queue.plugin_count != 0)
+        return update_showing_frame(r);
     const auto prefetch = [&r](unsigned n) {
         if (n < r.count)
             queue_prefetch_slot(r.queue, r.keys[n]);
@@ -125,6 +149,17 @@ void update_batch(replay& r) {
         advance_clock(r, r.times[n]);
         queue_update_locked(r.queue, record_of(r, n), r.keys[n]);
     }
+}
+
+// The sink of replays: the record, and after it when it left.
+void put_stamped(flow_queue& queue, const flow_record& record) {
+    temporal_storage& finals = *queue.final_storage;
+    auto* slot = static_cast<uint8_t*>(storage_reserve(finals));
+    std::memcpy(slot, &record, queue.record_size);
+    // The clock ticks; a packet that ended a flow may be ahead of it.
+    const uint64_t now = queue.now.load(std::memory_order_relaxed);
+    store_native(slot + queue.record_size, replay_stamp{std::max(now, record.end), nullptr});
+    storage_commit(finals);
 }
 
 // Ends the flows that are left at the time of the last packet, as an interrupt would have.
@@ -146,27 +181,25 @@ flow_queue* replay_queue_init(int32_t size_exponent, int32_t active_s, int32_t i
     flow_queue* queue = queue_create(size_exponent, static_cast<uint64_t>(active_s) * ns_per_second,
                                      static_cast<uint64_t>(inactive_s) * ns_per_second,
                                      final_storage, directory, data_size, plugin_count, plugins);
-    queue->stamps_records = true;
+    queue->sink = put_stamped;
     return queue;
 }
 
-uint64_t replay_clock(const flow_switch& sw) {
-    uint64_t now = 0;
-    (void)sw.clock(static_cast<const packet_reader*>(sw.context)->context, &now);
-    return now;
+void replay_start_clock(flow_switch& sw, const plugin_operations& input) {
+    sw.clock = input.clock;
+    packet_clock_start(clock_of(sw));
 }
 
 void replay_stop() {
-    is_stop_wanted.store(true, std::memory_order_relaxed);
-    // Again and again, since a flush that was under way clears it.
-    std::atomic_ref(queue_force_flush).store(flush_requested, std::memory_order_relaxed);
+    is_stop_wanted.store(true, std::memory_order_release);
+    request_flush();
 }
 
 void* replay_loop(void* argument) {
     auto& sw = *static_cast<flow_switch*>(argument);
     (void)pthread_setname_np(pthread_self(), "replay");  // a name for top -H, no more
     flow_queue& queue = *sw.queue;
-    const uint64_t start = replay_clock(sw);
+    const uint64_t start = clock_of(sw);
     queue.now.store(start, std::memory_order_relaxed);
     auto& r = *make_lifelong<replay>(replay{
         .sw = sw,
@@ -179,14 +212,14 @@ void* replay_loop(void* argument) {
         .age = queue_start_ageing(queue, start),
         .totals = make_lifelong<replay_totals>(),
         .has_ended = false,
-        // Process plugins are to see the frame behind the record in hand.
+        // Process plugins are to see the frame of the record in hand.
         .batch_limit = queue.plugin_count != 0 ? 1 : batch_packets,
         .count = 0,
         .records = static_cast<uint8_t*>(malloc_wrapper(batch_packets * queue.stride, 1)),
         .keys = {},
         .times = {},
     });
-    while (!r.has_ended && !is_stop_wanted.load(std::memory_order_relaxed)) {
+    while (!r.has_ended && !is_stop_wanted.load(std::memory_order_acquire)) {
         read_batch(r);
         update_batch(r);
         advance_clock(r, r.reached);

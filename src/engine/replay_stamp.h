@@ -1,4 +1,4 @@
-// What stands behind the record in every slot of "final-records" when the input brings its own
+// What stands after the record in every slot of "final-records" when the input brings its own
 // clock (see replay.h): when the flow left, and in the last slot what was read.
 #pragma once
 

@@ -237,9 +237,11 @@ TEST(Replay, TheClockBeforeTheFirstPacketIsTheInputs) {
     EXPECT_EQ("631152000000000000", run_in_child([] {
                   packet_reader reader{};
                   flow_switch sw{};
-                  sw.clock = get_clock;
                   sw.context = &reader;
-                  say(std::to_string(replay_clock(sw)));
+                  plugin_operations input{};
+                  input.clock = get_clock;
+                  replay_start_clock(sw, input);
+                  say(std::to_string(timer_get_nsec()));
               }));
 }
 

@@ -6,9 +6,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <string>
 
 #include "base/clock.h"
+#include "flow/flush_request.h"
 #include "kestrelexp/flow.h"
 #include "kestrelexp/program.h"
 #include "kestrelexp/service.h"
@@ -20,12 +22,13 @@ struct Signals : testing::Test {
     void SetUp() override {
         exit_requested = 0;
         next_alarm_time = 0;
-        queue_force_flush = 0;
+        end_flush(begin_flush());
+        take_clock_jump();
     }
     void TearDown() override {
         SetUp();
         alarm(0);
-        for (const int number : {SIGINT, SIGQUIT, SIGALRM, SIGPIPE})
+        for (const int number : {SIGINT, SIGQUIT, SIGTERM, SIGALRM, SIGPIPE})
             signal(number, SIG_DFL);
     }
 
@@ -72,6 +75,47 @@ TEST_F(Signals, QuitIsAnInterrupt) {
     EXPECT_EQ(messages_of(SIGQUIT), "CTRL-C detected, will exit as soon as possible\n");
     EXPECT_EQ(exit_requested, 1);
     EXPECT_EQ(queue_force_flush, 1u);
+}
+
+TEST_F(Signals, TerminateIsAnInterrupt) {
+    EXPECT_EQ(messages_of(SIGTERM), "CTRL-C detected, will exit as soon as possible\n");
+    EXPECT_EQ(exit_requested, 1);
+    EXPECT_EQ(queue_force_flush, 1u);
+    EXPECT_EXIT(signal_handler(SIGTERM), testing::ExitedWithCode(42),
+                testing::Eq("Ok. Ok. Exiting now. You will be DOOMED for it\n"));
+}
+
+unsigned stops;
+unsigned jumps;
+
+TEST_F(Signals, TheRunningEngineIsAsked) {
+    static const engine asked = [] {
+        engine row{};
+        row.stop = [] { ++stops; };
+        row.follow_clock_jump = [] { ++jumps; };
+        return row;
+    }();
+    EXPECT_EXIT(
+        {
+            pass_signals_to(asked);
+            next_alarm_time = 1;
+            signal_handler(SIGALRM);
+            signal_handler(SIGINT);
+            std::fprintf(stderr, "%u %u %u %u", jumps, stops, queue_force_flush,
+                         static_cast<unsigned>(exit_requested));
+            _exit(0);
+        },
+        testing::ExitedWithCode(0),
+        testing::Eq("CTRL-C detected, will exit as soon as possible\n1 1 0 1"));
+}
+
+TEST_F(Signals, AClockJumpIsPendingUntilItIsTaken) {
+    EXPECT_FALSE(is_clock_jump_pending());
+    next_alarm_time = timer_get_sec() - 61;
+    signal_handler(SIGALRM);
+    EXPECT_TRUE(is_clock_jump_pending());
+    take_clock_jump();
+    EXPECT_FALSE(is_clock_jump_pending());
 }
 
 TEST_F(Signals, TheSecondInterruptEndsWithFortyTwo) {

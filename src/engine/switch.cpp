@@ -14,7 +14,9 @@
 #include "base/thread.h"
 #include "base/wire.h"
 #include "flow/flow_cache_update.h"
+#include "flow/frame_ring.h"
 #include "flow/parser.h"
+#include "flow/slot_record.h"
 #include "record/layout.h"
 
 namespace kestrel {
@@ -45,12 +47,48 @@ flow_key exchange_key(const flow_queue& queue, const void* slot) {
         queue_prefetch_slot(queue, exchange_key(queue, slot));
 }
 
-// Updates the queue with the slot in hand and those that are there behind it.
-void update_announced(flow_queue& queue, temporal_storage& exchange, void* slot) {
+// What process plugins see of the packet in hand: nothing, as they never asked.
+struct no_frames {
+    explicit no_frames(const flow_switch&) {}
+    void keep(flow_switch&) {}
+    void update(flow_queue& queue, flow_record& packet, flow_key key) {
+        queue_update_locked(queue, packet, key);
+    }
+};
+
+// Frames travel beside their slots. One side of the ring each on reader and switch thread.
+struct frames_beside {
+    explicit frames_beside(const flow_switch& sw) : frames(*sw.frames) {}
+
+    // Reader: the frame just parsed, before its slot is committed.
+    void keep(flow_switch& sw) {
+        const packet_frame frame = parser_position();
+        // A slot that is not announced would wait for the switch thread's time-out, and so would
+        // we.
+        if (!frames.has_room(frame)) [[unlikely]]
+            storage_announce_rest(*sw.exchange);
+        frames.put(frame);
+    }
+    // Switch: a packet with its frame.
+    void update(flow_queue& queue, flow_record& packet, flow_key key) {
+        {
+            const packet_in_hand frame(frames.front());
+            queue_update_locked(queue, packet, key);
+        }
+        frames.drop();
+    }
+
+    frame_ring& frames;
+};
+
+// Updates the queue with the slot in hand and those that are there after it.
+template <typename Frames>
+void update_announced(flow_queue& queue, temporal_storage& exchange, const slot_record& packet,
+                      Frames& frames, void* slot) {
     queue.lock.lock();
     for (unsigned left = packets_per_lock;;) {
         look_ahead(queue, exchange);
-        queue_update_locked(queue, *static_cast<flow_record*>(slot), exchange_key(queue, slot));
+        frames.update(queue, packet.in(slot), exchange_key(queue, slot));
         if (--left == 0 || exchange.consumer.available == 0)
             break;
         slot = storage_get(exchange, 0);
@@ -58,20 +96,32 @@ void update_announced(flow_queue& queue, temporal_storage& exchange, void* slot)
     queue_unlock(queue);
 }
 
+template <typename Frames>
+[[noreturn]] void empty_exchange(flow_switch& sw) {
+    flow_queue& queue = *sw.queue;
+    const slot_record packet(queue.record_size);
+    Frames frames(sw);
+    for (;;)
+        if (void* slot = storage_get(*sw.exchange, exchange_timeout_ms))
+            update_announced(queue, *sw.exchange, packet, frames, slot);
+}
+
 // Reading and updating on two threads.
 [[noreturn]] void split_loop(flow_switch& sw) {
-    flow_queue& queue = *sw.queue;
+    const flow_queue& queue = *sw.queue;
+    if (sw.needs_packets)
+        sw.frames = make_lifelong<frame_ring>();
     sw.exchange = temporal_storage_init(queue.size / exchange_slots_divisor,
                                         static_cast<uint32_t>(queue.record_size + sizeof(flow_key)),
                                         queue.directory, "parser-xchange");
     if (!start_thread(sw_get_flow_thread, &sw))
         die(exit_config, "Unable to create SW thread");
-    for (;;)
-        if (void* slot = storage_get(*sw.exchange, exchange_timeout_ms))
-            update_announced(queue, *sw.exchange, slot);
+    if (sw.frames)
+        empty_exchange<frames_beside>(sw);
+    empty_exchange<no_frames>(sw);
 }
 
-// Reading and updating on one thread, so that process plugins see the frame behind the record.
+// Reading and updating on one thread, so that process plugins see the frame of the record.
 [[noreturn]] void direct_loop(flow_switch& sw) {
     auto& record = *static_cast<flow_record*>(malloc_wrapper(sw.queue->record_size, 1));
     for (;;) {
@@ -79,26 +129,29 @@ void update_announced(flow_queue& queue, temporal_storage& exchange, void* slot)
         const flow_key key = sw.reader(sw.context, &record);
         if (!occupied(key))
             continue;
-        uint32_t captured_length = 0;
-        uint32_t header_length = 0;
-        const uint8_t* frame = sw.get_flow_packet(sw.context, &captured_length, &header_length);
-        parser_keep_position(frame, captured_length, header_length);
+        packet_frame frame{};
+        frame.data = sw.get_flow_packet(sw.context, &frame.captured_length, &frame.header_length);
+        const packet_in_hand in_hand(frame);
         queue_update(sw.queue, &record, key);
     }
 }
 
 // Fills the exchange ring. The reader is called directly where it is the program's own, so that it
 // can be inlined.
-template <typename Reader>
+template <typename Frames, typename Reader>
 [[noreturn]] void fill_exchange(flow_switch& sw, Reader reader) {
+    Frames frames(sw);
     const uint64_t key_offset = sw.queue->record_size;
+    const slot_record packet(sw.queue->record_size);
     void* slot = storage_reserve(*sw.exchange);
     for (;;) {
-        auto& record = *static_cast<flow_record*>(slot);
+        flow_record& record = packet.empty(slot);
         prepare_slot(record);
         const flow_key key = reader(sw.context, &record);
         if (!occupied(key))
             continue;
+        frames.keep(sw);
+        packet.store(slot);
         store_native(static_cast<uint8_t*>(slot) + key_offset, key);
         storage_commit(*sw.exchange);
         slot = storage_reserve(*sw.exchange);
@@ -144,6 +197,17 @@ bool init_input(input_mode mode, bool needs_packets, input_plugin& input) {
 }
 
 }  // namespace
+
+void* sw_split_loop(void* argument) {
+    name_thread("switch");
+    split_loop(*static_cast<flow_switch*>(argument));
+}
+
+void* sw_direct_loop(void* argument) {
+    name_thread("switch");
+    direct_loop(*static_cast<flow_switch*>(argument));
+}
+
 }  // namespace kestrel
 
 using namespace kestrel;
@@ -162,6 +226,7 @@ flow_switch* sw_init(flow_queue* queue, uint32_t flow_mask, int needs_packets,
         return nullptr;
     auto* sw = make_lifelong<flow_switch>();
     sw->queue = queue;
+    sw->needs_packets = needs_packets != 0;
     sw->context = input->instance;
     if (mode == input_mode::packets) {
         sw->reader = packet_to_flow_reader;
@@ -176,33 +241,36 @@ flow_switch* sw_init(flow_queue* queue, uint32_t flow_mask, int needs_packets,
 }
 
 void* sw_main_loop(void* argument) {
-    auto& sw = *static_cast<flow_switch*>(argument);
-    name_thread("switch");
-    if (sw.queue->plugin_count != 0 && sw.get_flow_packet)
-        direct_loop(sw);
-    split_loop(sw);
+    const auto& sw = *static_cast<flow_switch*>(argument);
+    const bool shows_frames = sw.queue->plugin_count != 0 && sw.get_flow_packet;
+    return (shows_frames ? sw_direct_loop : sw_split_loop)(argument);
 }
 
 void* sw_get_flow_thread(void* argument) {
     auto& sw = *static_cast<flow_switch*>(argument);
     name_thread("reader");
-    if (sw.reader == packet_to_flow_reader)
-        fill_exchange(sw, [](void* context, flow_record* record) {
-            return packet_to_flow_reader(context, record);
-        });
-    fill_exchange(sw, sw.reader);
+    const auto parse = [](void* context, flow_record* record) {
+        return packet_to_flow_reader(context, record);
+    };
+    if (sw.reader != packet_to_flow_reader)
+        fill_exchange<no_frames>(sw, sw.reader);
+    if (sw.frames)
+        fill_exchange<frames_beside>(sw, parse);
+    fill_exchange<no_frames>(sw, parse);
 }
 
 void* plugin_final_flow_loop(void* argument) {
     auto& sw = *static_cast<flow_switch*>(argument);
     name_thread("final flows");
     temporal_storage& storage = *sw.queue->final_storage;
+    const slot_record flow(sw.queue->record_size);
     void* slot = storage_reserve(storage);
     for (;;) {
-        auto& record = *static_cast<flow_record*>(slot);
+        flow_record& record = flow.empty(slot);
         prepare_slot(record);
         if (sw.reader(sw.context, &record) != 0)
             continue;
+        flow.store(slot);
         storage_commit(storage);
         slot = storage_reserve(storage);
     }

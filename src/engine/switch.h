@@ -3,12 +3,13 @@
 //
 // Threads: with packet inputs (and whenever reading and updating can be split) a reader thread
 // calls the input, parses, and fills "parser-xchange", and the switch thread empties it into the
-// queue. With process plugins that need the packet behind each record, the switch thread does both.
-// Inputs of finished flows bypass the queue: one thread fills "final-records". Inputs that bring
-// their own clock are read by replay_loop.
+// queue. With process plugins and an input that can show the frame of each record, the switch
+// thread does both. Inputs of finished flows bypass the queue: one thread fills "final-records".
+// Inputs that bring their own clock are read by replay_loop.
 #pragma once
 
 #include "flow/flow_cache.h"
+#include "flow/frame_ring.h"
 #include "flow/ring.h"
 #include "kestrelexp/flow.h"
 
@@ -17,6 +18,17 @@ struct flow_switch {
     input_flow_packet_function* get_flow_packet;  // may be null
     input_clock_function* clock;                  // may be null; see replay.h
     void* context;                                // first argument of both
-    temporal_storage* exchange;                   // made by the split form of sw_main_loop
+    temporal_storage* exchange;                   // made by sw_split_loop
     flow_queue* queue;
+    kestrel::frame_ring* frames;  // made by sw_split_loop when frames are needed, else null
+    bool needs_packets;           // some process plugin looks at the packet of each record
 };
+
+namespace kestrel {
+
+// The two forms of sw_main_loop (kestrelexp/flow.h), which chooses between them: reading and
+// updating on two threads, or on one. Thread bodies; argument: the switch. They never return.
+void* sw_split_loop(void* flow_switch);
+void* sw_direct_loop(void* flow_switch);
+
+}  // namespace kestrel

@@ -7,8 +7,7 @@
 #include "base/clock.h"
 #include "base/log.h"
 #include "flow/flow_cache_update.h"
-
-uint32_t queue_force_flush = 0;
+#include "flow/flush_request.h"
 
 namespace kestrel {
 namespace {
@@ -131,22 +130,18 @@ void queue_age(flow_queue& queue, ageing& state, uint64_t ticks, uint64_t now) {
 }
 
 bool queue_serve_flush_request(flow_queue& queue) {
-    std::atomic_ref flag(queue_force_flush);
-    if (flag.load(std::memory_order_acquire) == 0)
+    if (!is_flush_pending())
         return false;
-    uint32_t serving = flush_under_way;
     do {
-        flag.store(flush_under_way, std::memory_order_relaxed);
-        uint64_t flushed_up_to;
+        const uint32_t request = begin_flush();
         {
             const remover_lock locked(queue);
             queue_flush(&queue);
-            flushed_up_to = storage_committed(*queue.final_storage);
+            queue.final_storage->flushed.store(storage_committed(*queue.final_storage),
+                                               std::memory_order_relaxed);
         }
-        while (storage_taken(*queue.final_storage) < flushed_up_to)
-            tick(queue);
-        serving = flush_under_way;
-    } while (!flag.compare_exchange_strong(serving, 0, std::memory_order_release));
+        end_flush(request);
+    } while (is_flush_pending());
     return true;
 }
 

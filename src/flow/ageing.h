@@ -52,14 +52,9 @@ ageing queue_start_ageing(const flow_queue& queue, uint64_t now);
 // So many ticks have passed, at most those left of the pass; it is now (ns).
 void queue_age(flow_queue& queue, ageing& state, uint64_t ticks, uint64_t now);
 
-// queue_force_flush is this while the flush is on; who asks for another one meanwhile writes 1.
-inline constexpr uint32_t flush_requested = 1;
-inline constexpr uint32_t flush_under_way = 2;
-
-// Serves queue_force_flush when it is set: flushes the queue, waits without the lock until every
-// record that is then in the final storage has been taken, and clears the flag, unless a new
-// request came in meanwhile, which is then served too. The wait counts records, so producers that
-// go on producing do not prolong it. Returns whether there was a request.
+// Flushes the queue when a flush is pending (flush_request.h), again while requests come in
+// meanwhile. Whoever waits for the flushed records counts them: they are in the final storage by
+// then, and nobody has to take them for the request to be done. Returns whether there was one.
 bool queue_serve_flush_request(flow_queue& queue);
 
 }  // namespace kestrel

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "flow/flow_cache_update.h"
+#include "flow/flush_request.h"
 #include "tests/support/queue_fixture.h"
 
 namespace {
@@ -214,8 +215,7 @@ TEST_F(Remover, NoFlushIsServedWithoutARequest) {
     EXPECT_EQ(3u, flows_left());
 }
 
-// A flush request and the two threads that serve it: the remover's work here, the record loop's in
-// this test's own thread.
+// A flush request, served on a thread of its own as the remover serves it, or right here.
 class FlushRequest : public Remover {
   protected:
     void SetUp() override { verbose_level = -2; }
@@ -250,53 +250,60 @@ TEST_F(FlushRequest, OnAnEmptyQueueIsServedAtOnce) {
     EXPECT_FALSE(wanted());
 }
 
-TEST_F(FlushRequest, IsClearedOnlyWhenAllRecordsWereTaken) {
+TEST_F(FlushRequest, IsClearedAsSoonAsTheFlushIsDoneWhoeverConsumes) {
     make();
     start_flows(8);
     request();
-    start_serving();
-    take(7);
-    std::this_thread::sleep_for(60ms);
-    EXPECT_TRUE(wanted());
-    take(1);
-    server_.join();
+    EXPECT_TRUE(queue_serve_flush_request(*queue_));
     EXPECT_FALSE(wanted());
-    EXPECT_TRUE(served_);
+    EXPECT_FALSE(is_flush_pending());
+    EXPECT_EQ(8u, taken().size());
 }
 
-TEST_F(FlushRequest, WaitsForRecordsThatWereThereBefore) {
+TEST_F(FlushRequest, LeavesWordOfHowFarItCame) {
     make();
-    update(key_of(1), {.end = 100});
-    queue_remove_record(queue_, 0, REMOVAL_ACTIVE);
+    start_flows(3);
+    EXPECT_EQ(0u, storage_flushed(*storage_));
     request();
-    start_serving();
-    std::this_thread::sleep_for(60ms);
-    EXPECT_TRUE(wanted());
-    take(1);
-    server_.join();
-    EXPECT_FALSE(wanted());
+    EXPECT_TRUE(queue_serve_flush_request(*queue_));
+    EXPECT_EQ(3u, storage_flushed(*storage_));
+    update(key_of(1, 16), {.end = 500});
+    queue_remove_record(queue_, 16, REMOVAL_ACTIVE);
+    EXPECT_EQ(3u, storage_flushed(*storage_));
 }
 
-TEST_F(FlushRequest, SecondRequestMeanwhileIsServedToo) {
+TEST_F(FlushRequest, HoldsNothingButZeroAndOne) {
+    storage_count_ = 4;
     make();
-    start_flows(2);
-    request();
+    start_flows(8);  // more than the ring holds, so the flush waits for room
+    request_flush();
     start_serving();
-    take(1);
-    // A new flow comes when the first flush is over, but its records are not all taken.
-    for (bool flushed = false; !flushed; std::this_thread::sleep_for(1ms)) {
-        queue_->lock.lock();
-        flushed = queue_->record_count == 0;
-        packet_buffer packet = make_packet({.end = 500});
-        if (flushed)
-            queue_update_locked(*queue_, packet.record(), key_of(5));
-        queue_->lock.unlock();
-    }
-    request();
-    take(1);
-    take(1);  // comes only when the second flush is served
+    while (storage_committed(*storage_) < 4)
+        std::this_thread::yield();
+    EXPECT_EQ(1u, std::atomic_ref(queue_force_flush).load());
+    take(8);
     server_.join();
-    EXPECT_FALSE(wanted());
+    EXPECT_EQ(0u, std::atomic_ref(queue_force_flush).load());
+}
+
+TEST_F(FlushRequest, OneThatComesMeanwhileGetsAFlushOfItsOwn) {
+    verbose_level = -1;
+    storage_count_ = 4;
+    make();
+    start_flows(8);
+    request_flush();
+    testing::internal::CaptureStderr();
+    start_serving();
+    while (storage_committed(*storage_) < 4)
+        std::this_thread::yield();
+    request_flush();
+    take(8);
+    server_.join();
+    EXPECT_EQ(
+        "Flushing queue\nQueue flushed. 8 records out.\n"
+        "Flushing queue\nQueue flushed. 0 records out.\n",
+        testing::internal::GetCapturedStderr());
+    EXPECT_FALSE(is_flush_pending());
 }
 
 TEST_F(FlushRequest, ProducerThatGoesOnDoesNotHoldItUp) {

@@ -3,15 +3,12 @@
 
 #include "flow/flow_cache.h"
 
-#include <algorithm>
 #include <cstring>
 
 #include "base/clock.h"
 #include "base/log.h"
 #include "base/memory.h"
 #include "base/thread.h"
-#include "base/wire.h"
-#include "engine/replay_stamp.h"
 #include "kestrelexp/service.h"
 #include "record/layout.h"
 
@@ -36,16 +33,25 @@ flow_queue* queue_create(int32_t size_exponent, uint64_t active_ns, uint64_t ina
     queue->size = 1u << size_exponent;
     queue->bucket_mask = queue->size - bucket_slots;
     queue->scan_cursor = static_cast<int32_t>(queue->size - 1);
+    queue->data_size = data_size;
     queue->record_size = FLOW_RECORD_BASE_SIZE + data_size;
     queue->stride = record_stride(queue->record_size);
     queue->directory = directory;
     queue->final_storage = final_storage;
+    queue->sink = queue_put_final;
     queue->records = slot_array<uint8_t>(queue->size, queue->stride, directory, "record");
     queue->fast = slot_array<fast_record>(queue->size, sizeof(fast_record), directory, "fast");
     queue->keys = slot_array<flow_key>(queue->size, sizeof(flow_key), directory, "crc");
     const uint32_t blocks = (queue->size + block_slots - 1) / block_slots;
     queue->block_flows = static_cast<uint16_t*>(malloc_wrapper(blocks * sizeof(uint16_t), 1));
     return queue;
+}
+
+void queue_put_final(flow_queue& queue, const flow_record& record) {
+    // Waits for room: a record that the record loop has not taken is never overwritten.
+    void* slot = storage_reserve(*queue.final_storage);
+    std::memcpy(slot, &record, queue.record_size);
+    storage_commit(*queue.final_storage);
 }
 
 }  // namespace kestrel
@@ -85,13 +91,5 @@ void queue_remove_record_oneshot(flow_queue* queue, flow_record* record, int32_t
         const process_plugin& plugin = queue->plugins[i];
         plugin.release(plugin.instance, record, reason);
     }
-    // Waits for room: a record that the record loop has not taken is never overwritten.
-    auto* slot = static_cast<uint8_t*>(storage_reserve(*queue->final_storage));
-    std::memcpy(slot, record, queue->record_size);
-    if (queue->stamps_records) {
-        // The clock ticks; a packet that ended a flow may be ahead of it.
-        const uint64_t now = queue->now.load(std::memory_order_relaxed);
-        store_native(slot + queue->record_size, replay_stamp{std::max(now, record->end), nullptr});
-    }
-    storage_commit(*queue->final_storage);
+    queue->sink(*queue, *record);
 }

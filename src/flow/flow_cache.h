@@ -9,6 +9,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 
 #include "base/spinlock.h"
@@ -47,6 +48,16 @@ struct queue_statistics {
 
 }  // namespace kestrel
 
+namespace kestrel {
+
+// Takes a finished flow out of the queue, with its lock held: copies it to where it goes, and waits
+// there for room if it must. The queue does not know who listens.
+using flow_sink = void(flow_queue& queue, const flow_record& record);
+
+}  // namespace kestrel
+
+// The order of the fields up to final_storage is fixed, as the assertions below have it; fields
+// that come new stand after them.
 struct flow_queue {
     // Wall clock in ns. Stored by the remover every 10 ms without the lock, loaded by both threads:
     // a time-out that is 10 ms old is good enough, so relaxed.
@@ -54,8 +65,7 @@ struct flow_queue {
     uint64_t victim_counter;
     uint64_t active_timeout;  // ns
     kestrel::fast_record* fast;
-    flow_key* keys;         // negative: the slot holds this flow; else it is free
-    uint16_t* block_flows;  // flows in each block of slots
+    flow_key* keys;  // negative: the slot holds this flow; else it is free
     int32_t plugin_count;
     kestrel::queue_statistics statistics;
     uint64_t inactive_timeout;  // ns
@@ -67,17 +77,23 @@ struct flow_queue {
     uint32_t record_count;
     int32_t scan_cursor;  // the idle scan has looked at the slots from here upwards
     // Set by the remover before it asks for the lock, so that the switch thread yields once when it
-    // lets go. A hint with nothing behind it: relaxed.
+    // lets go. A hint that carries no data: relaxed.
     std::atomic<uint32_t> yield_wanted;
-    uint64_t record_size;  // 88 + data size
-    uint64_t stride;       // bytes from record to record
+    uint64_t data_size;  // bytes of a record after its base part
     process_plugin* plugins;
     const char* directory;  // hugetlbfs directory, or null
     temporal_storage* final_storage;
-    bool stamps_records;  // a replay_stamp goes behind every record in final_storage
+
+    uint64_t record_size;      // base part and data space
+    uint64_t stride;           // bytes from record to record
+    uint16_t* block_flows;     // flows in each block of slots
+    kestrel::flow_sink* sink;  // queue_put_final, unless the engine sets another one
 };
 
 namespace kestrel {
+
+// The sink of live inputs: the record goes into final_storage as it is.
+flow_sink queue_put_final;
 
 // Makes a queue without a remover thread; queue_init adds one. `now` is left to the caller.
 flow_queue* queue_create(int32_t size_exponent, uint64_t active_ns, uint64_t inactive_ns,
@@ -96,6 +112,20 @@ inline bool occupied(flow_key key) {
 inline bool longer_than(uint64_t from, uint64_t to, uint64_t limit) {
     return to > from && to - from > limit;
 }
+
+static_assert(offsetof(flow_queue, now) == 0 && offsetof(flow_queue, victim_counter) == 8 &&
+              offsetof(flow_queue, active_timeout) == 16 && offsetof(flow_queue, fast) == 24 &&
+              offsetof(flow_queue, keys) == 32 && offsetof(flow_queue, plugin_count) == 40 &&
+              offsetof(flow_queue, statistics) == 48 &&
+              offsetof(flow_queue, inactive_timeout) == 88 &&
+              offsetof(flow_queue, forced_checks) == 96 && offsetof(flow_queue, lock) == 100 &&
+              offsetof(flow_queue, records) == 104 && offsetof(flow_queue, size) == 112 &&
+              offsetof(flow_queue, bucket_mask) == 116 &&
+              offsetof(flow_queue, record_count) == 120 &&
+              offsetof(flow_queue, scan_cursor) == 124 &&
+              offsetof(flow_queue, yield_wanted) == 128 && offsetof(flow_queue, data_size) == 136 &&
+              offsetof(flow_queue, plugins) == 144 && offsetof(flow_queue, directory) == 152 &&
+              offsetof(flow_queue, final_storage) == 160);
 
 // Copies what the fast record knows better into the slot's full record.
 inline flow_record& queue_refresh_record(flow_queue& queue, uint32_t slot) {

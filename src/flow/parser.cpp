@@ -20,13 +20,7 @@
 namespace kestrel {
 namespace {
 
-struct parse_position {
-    const uint8_t* frame;
-    uint32_t captured_length;
-    uint32_t header_length;
-};
-
-thread_local constinit parse_position last_position{};
+thread_local constinit packet_frame last_position{};
 uint32_t flow_mask = FLOW_MASK_DEFAULT;
 
 // The flow mask, known when the program is built or only when it runs.
@@ -377,8 +371,20 @@ void parser_set_flow_mask(uint32_t mask) {
     flow_mask = mask;
 }
 
-void parser_keep_position(const uint8_t* frame, uint32_t captured_length, uint32_t header_length) {
-    last_position = {frame, captured_length, header_length};
+packet_frame parser_position() {
+    return last_position;
+}
+
+void parser_forget_position() {
+    last_position = {};
+}
+
+packet_in_hand::packet_in_hand(const packet_frame& frame) {
+    last_position = frame;
+}
+
+packet_in_hand::~packet_in_hand() {
+    parser_forget_position();
 }
 
 flow_key parse_packet(const uint8_t* frame, const packet_header& header, uint32_t sampling,
@@ -417,5 +423,5 @@ const uint8_t* get_packet_data(uint32_t* captured_length, uint32_t* header_lengt
         verbose_msg(2, "PACKET ERR");
         return nullptr;
     }
-    return last_position.frame;
+    return last_position.data;
 }

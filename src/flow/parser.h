@@ -9,6 +9,13 @@
 
 namespace kestrel {
 
+// A frame and where its headers end, as get_packet_data tells of it.
+struct packet_frame {
+    const uint8_t* data;  // null: none
+    uint32_t captured_length;
+    uint32_t header_length;
+};
+
 // Chooses the fields that enter the key (enum flow_mask). Call it before any thread parses.
 void parser_set_flow_mask(uint32_t mask);
 
@@ -18,8 +25,18 @@ void parser_set_flow_mask(uint32_t mask);
 flow_key parse_packet(const uint8_t* frame, const packet_header& header, uint32_t sampling,
                       flow_record& record);
 
-// Makes a frame that another piece of code parsed the calling thread's parse position, as
-// get_packet_data will report it.
-void parser_keep_position(const uint8_t* frame, uint32_t captured_length, uint32_t header_length);
+// The frame that the calling thread parsed last, and where its headers end.
+packet_frame parser_position();
+// From now on get_packet_data on this thread tells of none, until the next one is parsed.
+void parser_forget_position();
+
+// While it lives, get_packet_data on this thread tells of the frame; afterwards of none.
+class packet_in_hand {
+  public:
+    explicit packet_in_hand(const packet_frame& frame);
+    ~packet_in_hand();
+    packet_in_hand(const packet_in_hand&) = delete;
+    packet_in_hand& operator=(const packet_in_hand&) = delete;
+};
 
 }  // namespace kestrel

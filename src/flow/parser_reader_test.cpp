@@ -141,14 +141,17 @@ TEST_F(CutFrame, IsReportedAtLevelTwoOnly) {
     EXPECT_EQ("", messages_);
 }
 
-TEST_F(ParserPosition, KeptPositionIsWhatPacketDataReports) {
+TEST_F(ParserPosition, APacketInHandIsWhatPacketDataReportsUntilItIsDone) {
     const uint8_t frame[4] = {};
-    kestrel::parser_keep_position(frame, 4, 3);
     uint32_t captured = 0;
     uint32_t header = 0;
-    EXPECT_EQ(frame, get_packet_data(&captured, &header));
-    EXPECT_EQ(4u, captured);
-    EXPECT_EQ(3u, header);
+    {
+        const kestrel::packet_in_hand in_hand({frame, 4, 3});
+        EXPECT_EQ(frame, get_packet_data(&captured, &header));
+        EXPECT_EQ(4u, captured);
+        EXPECT_EQ(3u, header);
+    }
+    EXPECT_EQ(nullptr, get_packet_data(&captured, &header));
 }
 
 TEST_F(ParserPosition, ThreadThatParsedNothingHasNoPacketData) {

@@ -11,7 +11,6 @@
 
 #include "base/log.h"
 #include "base/memory.h"
-#include "record/layout.h"
 
 namespace kestrel {
 namespace {
@@ -72,6 +71,12 @@ uint32_t usable_count(uint32_t count) {
     p.announced = p.committed.load(std::memory_order_relaxed);
 }
 
+void storage_announce_rest(temporal_storage& storage) {
+    const uint64_t committed = storage.producer.committed.load(std::memory_order_relaxed);
+    if (const uint64_t pending = storage_pending(storage, committed); pending > 0)
+        storage_announce(storage, pending);
+}
+
 [[gnu::noinline]] bool storage_refill(temporal_storage& storage, int timeout_ms) {
     storage_consumer& c = storage.consumer;
     if (c.consumed >= c.batch) {
@@ -109,18 +114,17 @@ temporal_storage* temporal_storage_init(uint32_t count, uint32_t slot_size, cons
                 static_cast<unsigned>(uint64_t{count} * slot_size / 1024), name);
     const pipe_ends credit = make_pipe();
     const pipe_ends notify = make_pipe();
-    const uint64_t stride = record_stride(slot_size);
     // Rings of fewer than eight slots work in batches of one.
     const uint64_t batch = std::max<uint64_t>(count / batches_per_ring, 1);
 
     auto* storage = make_lifelong<temporal_storage>();
-    storage->buffer = static_cast<uint8_t*>(big_array(count * stride, directory, name));
+    storage->buffer =
+        static_cast<uint8_t*>(big_array(uint64_t{count} * slot_size, directory, name));
 
     storage_producer& p = storage->producer;
     p.credits = count;
     p.count = count;
     p.slot_size = slot_size;
-    p.stride = stride;
     p.batch = batch;
     p.slot = storage->buffer;
     p.credit_read = credit.read;
@@ -128,7 +132,7 @@ temporal_storage* temporal_storage_init(uint32_t count, uint32_t slot_size, cons
 
     storage_consumer& c = storage->consumer;
     c.count = count;
-    c.stride = stride;
+    c.slot_size = slot_size;
     c.batch = batch;
     c.slot = storage->buffer;
     c.notify_read = notify.read;

@@ -8,6 +8,8 @@
 // read by the consumer once per batch or time-out) and `grabbed` (the other way round, rarer
 // still).
 //
+// Slots lie at exactly the slot size, so records in them need not be aligned: slot_record.h helps.
+//
 // Slots are announced in whole batches through a pipe, so that a consumer with nothing to do sleeps
 // in the kernel. When it has waited for its time-out it takes the partial batch that is there and
 // tells the producer through `grabbed`, which then counts the next batch from that point.
@@ -28,8 +30,7 @@ struct alignas(cache_line_pair) storage_producer {
     uint64_t announced;  // how many of the committed slots the consumer has been told of
     uint64_t index;
     uint64_t count;
-    uint64_t slot_size;  // bytes a put_block copies
-    uint64_t stride;     // bytes from slot to slot
+    uint64_t slot_size;  // bytes from slot to slot, and what a put_block copies
     uint64_t batch;
     uint8_t* slot;    // the current slot
     int credit_read;  // pipe ends
@@ -45,7 +46,7 @@ struct alignas(cache_line_pair) storage_consumer {
     uint64_t seen;       // taken + available
     uint64_t index;
     uint64_t count;
-    uint64_t stride;
+    uint64_t slot_size;
     uint64_t batch;
     uint8_t* slot;  // the slot in hand, or the next one
     bool in_hand;   // the slot returned last is still being read
@@ -69,6 +70,9 @@ struct temporal_storage {
     kestrel::storage_producer producer;
     kestrel::storage_grab grab;
     uint8_t* buffer;
+    // Slots committed when the last flush of the flow cache ended. Published by the end of the
+    // flush (flush_request.h), so relaxed.
+    std::atomic<uint64_t> flushed;
 };
 
 namespace kestrel {
@@ -77,6 +81,8 @@ namespace kestrel {
 void storage_wait_for_credits(temporal_storage& storage);
 // Tells the consumer of `pending` more slots.
 void storage_announce(temporal_storage& storage, uint64_t pending);
+// Tells the consumer of every slot committed so far, when it does not know of them all.
+void storage_announce_rest(temporal_storage& storage);
 // Makes slots available to the consumer, waiting up to timeout_ms; false when none came.
 bool storage_refill(temporal_storage& storage, int timeout_ms);
 
@@ -86,18 +92,24 @@ inline void* storage_reserve(temporal_storage& storage) {
     return storage.producer.slot;
 }
 
+// Of the slots committed, those that the consumer neither was told of nor has taken on its own.
+inline uint64_t storage_pending(const temporal_storage& storage, uint64_t committed) {
+    const uint64_t grabbed = storage.grab.grabbed.load(std::memory_order_relaxed);
+    const uint64_t announced = storage.producer.announced;
+    return committed - (grabbed > announced ? grabbed : announced);
+}
+
 // Commits the current slot, which must be free (see storage_reserve). Returns the next one.
 inline void* storage_commit(temporal_storage& storage) {
     storage_producer& p = storage.producer;
     const uint64_t committed = p.committed.load(std::memory_order_relaxed);
-    const uint64_t grabbed = storage.grab.grabbed.load(std::memory_order_relaxed);
-    const uint64_t pending = committed - (grabbed > p.announced ? grabbed : p.announced);
+    const uint64_t pending = storage_pending(storage, committed);
     if (pending >= p.batch) [[unlikely]]
         storage_announce(storage, pending);
     p.committed.store(committed + 1, std::memory_order_release);
     p.credits -= 1;
     p.index += 1;
-    p.slot += p.stride;
+    p.slot += p.slot_size;
     if (p.index == p.count) [[unlikely]] {
         p.index = 0;
         p.slot = storage.buffer;
@@ -111,7 +123,7 @@ inline void* storage_get(temporal_storage& storage, int timeout_ms) {
         c.in_hand = false;
         c.consumed += 1;
         c.index += 1;
-        c.slot += c.stride;
+        c.slot += c.slot_size;
         if (c.index == c.count) [[unlikely]] {
             c.index = 0;
             c.slot = storage.buffer;
@@ -132,13 +144,16 @@ inline const void* storage_peek(const temporal_storage& storage, uint64_t n) {
     if (n > c.available)
         return nullptr;
     const uint64_t index = c.index + n - (c.in_hand ? 0 : 1);
-    return storage.buffer + (index < c.count ? index : index - c.count) * c.stride;
+    return storage.buffer + (index < c.count ? index : index - c.count) * c.slot_size;
 }
 
-// Slots committed and slots taken since the ring was made; any thread. A slot in hand counts as
-// taken.
+// Slots committed since the ring was made, those of them up to the end of the last flush, and slots
+// taken; any thread. A slot in hand counts as taken.
 inline uint64_t storage_committed(const temporal_storage& storage) {
     return storage.producer.committed.load(std::memory_order_acquire);
+}
+inline uint64_t storage_flushed(const temporal_storage& storage) {
+    return storage.flushed.load(std::memory_order_relaxed);
 }
 inline uint64_t storage_taken(const temporal_storage& storage) {
     return storage.consumer.taken.load(std::memory_order_relaxed);

@@ -44,6 +44,8 @@ class Clocks(unittest.TestCase):
                 running.send(signal.SIGINT)
                 self.assertEqual(running.end(), 0)
                 self.assertIn("CTRL-C detected, will exit as soon as possible", running.lines())
+                self.assertIn(f"VERBOSE: 0:Plugin: {plugin(name)}, plugin_input_clock goes with "
+                              "plugin_input_get_packet and is not used", running.lines())
                 self.assertNotIn("Input ended", running.text)
 
 

@@ -14,6 +14,10 @@ def missing(name, what):
     return [f"Plugin: {plugin(name)}{what}"]
 
 
+def too_new(name):
+    return missing(name, " was built for contract version 2, this program has 1")
+
+
 NO_DESCRIPTION = ", plugin description not found"
 MULTIPLE = ["Invalid input plugin (multiple input methods present)"]
 FRAMES = ["Invalid input plugin (get_packet and get_final_flow can't coexist with get_flow_packet"]
@@ -21,6 +25,10 @@ PACKET_SPACE = ["Packet input plugins are not allowed to have data space in flow
 
 # Object, and what the loader says of it; none: it is loaded.
 LOADER_ROWS = [
+    ("version_now", None),
+    ("version_next", too_new("version_next")),
+    # It is refused before anything else is looked for.
+    ("version_next_no_init", too_new("version_next_no_init")),
     ("no_type", missing("no_type", ", plugin type not found")),
     ("type_0", None),
     ("type_16", None),

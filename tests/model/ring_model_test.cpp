@@ -66,7 +66,7 @@ class two_rings {
             return;
         }
         void* slot = temporal_storage_current(real_);
-        ASSERT_EQ(real_->buffer + model_.current_slot() * real_->producer.stride, slot);
+        ASSERT_EQ(real_->buffer + model_.current_slot() * real_->producer.slot_size, slot);
         if (random_() % 2) {
             ASSERT_EQ(slot, temporal_storage_reserve(real_));
             model_.reserve();
@@ -94,7 +94,7 @@ class two_rings {
             ++times_empty_;
             return;
         }
-        ASSERT_EQ(real_->buffer + model_.slot_in_hand() * real_->producer.stride, slot);
+        ASSERT_EQ(real_->buffer + model_.slot_in_hand() * real_->producer.slot_size, slot);
         ASSERT_TRUE(holds(slot, *expected, slot_size_)) << *expected;
     }
 

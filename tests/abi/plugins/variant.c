@@ -24,6 +24,10 @@ const struct plugin_description description = {NAME, "built for a test", DATA_SI
 int32_t plugin_type = PLUGIN_TYPE;
 #endif
 
+#ifdef CONTRACT_VERSION
+int32_t plugin_contract_version = CONTRACT_VERSION;
+#endif
+
 /* ---- input */
 
 #ifdef INPUT_DESC

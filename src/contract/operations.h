@@ -1,0 +1,41 @@
+// What a plugin may offer beyond the entry points of its kind: optional symbols, found when its
+// object is loaded. One row of a table for each. Main thread, while the program starts; read-only
+// afterwards.
+#pragma once
+
+#include <cstddef>
+#include <span>
+
+#include "kestrelexp/plugin.h"
+
+// The optional operations of one plugin; null: the plugin does not offer it. (They are kept here
+// and not in the plugin's own record, whose layout is fixed.)
+struct plugin_operations {
+    plugin_desc_function* desc;  // whose they are
+    input_clock_function* clock;
+    plugin_operations* next;  // of the registry's chain
+};
+
+namespace kestrel {
+
+struct operation_row {
+    const char* symbol;
+    int32_t kind;            // enum plugin_kind
+    size_t place;            // in plugin_operations
+    const char* companion;   // the entry point that it goes with
+    size_t companion_place;  // in the plugin record of its kind
+};
+
+// Every optional operation.
+std::span<const operation_row> operation_table();
+
+// Looks up the operations of one plugin of the object and keeps them for operations_of. plugin: its
+// record, of the kind named. An operation without its companion is not used, which a message at
+// level 0 says.
+void load_operations(void* object, const char* path, int32_t kind, const void* plugin,
+                     plugin_desc_function* desc, plugin_registry& registry);
+
+// What the plugin with this description operation offers; all null for built-in ones.
+const plugin_operations& operations_of(const plugin_registry& registry, plugin_desc_function* desc);
+
+}  // namespace kestrel
