@@ -1,11 +1,11 @@
-# What lands on a system, in two components. "program": the program, its manual, completions, unit,
-# plugin directories and what stands in etc/. "dev": what plugins are built with.
+# What is installed, in two components. "program": the program, its manual and pages, completions,
+# unit, plugin directories and the files of etc/. "dev": what plugins are built with.
 set(KESTREL_PLUGIN_DIR lib64/kestrelexp)     # every object in it is loaded at each start
 set(KESTREL_EXTRAS_DIR lib/kestrelexp)       # objects that we ship, loaded with -X alone
 set(KESTREL_PROGRAM COMPONENT program)
 set(KESTREL_DEV COMPONENT dev)
 
-# A plugin that is named without a directory (-X capture-file.so) is looked for among those that come
+# A plugin that is named without a directory (-X capture-file.so) is searched among those that come
 # with the program.
 set_target_properties(kestrelexp PROPERTIES BUILD_RPATH ${PROJECT_BINARY_DIR}/extras
   INSTALL_RPATH ${CMAKE_INSTALL_PREFIX}/${KESTREL_EXTRAS_DIR})
@@ -15,6 +15,10 @@ get_property(extras GLOBAL PROPERTY KESTREL_EXTRAS)
 install(TARGETS ${extras} LIBRARY DESTINATION ${KESTREL_EXTRAS_DIR} ${KESTREL_PROGRAM})
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/kestrelexp@.service
   DESTINATION lib/systemd/system ${KESTREL_PROGRAM})
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/kestrelexp.sysusers
+  DESTINATION lib/sysusers.d RENAME kestrelexp.conf ${KESTREL_PROGRAM})
+install(PROGRAMS ${PROJECT_SOURCE_DIR}/tools/as_table.py
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/kestrelexp ${KESTREL_PROGRAM})
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/completions/kestrelexp.bash
   DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME kestrelexp
   ${KESTREL_PROGRAM})
@@ -59,6 +63,30 @@ foreach(page kestrelexp.8 kestrelexp-plugins.7)
   kestrel_install_gzipped(${PROJECT_SOURCE_DIR}/docs/man/${page}
     ${CMAKE_INSTALL_MANDIR}/man${section} ${page} program ${page}.gz)
 endforeach()
+
+# The pages of docs/: those for users, and the plugin guide with the headers. Their links are
+# rewritten from the source tree's folders to the system's.
+function(kestrel_install_page source package name)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${source})
+  file(READ ${source} page)
+  string(REPLACE "](../include/" "](../../../${CMAKE_INSTALL_INCLUDEDIR}/" page "${page}")
+  if(package MATCHES "-dev$")
+    set(component dev)
+    string(REGEX REPLACE "\\]\\(([a-z-]+\\.md)" "](../kestrelexp/\\1" page "${page}")
+  else()
+    set(component program)
+    string(REPLACE "](plugin-guide.md" "](../kestrelexp-dev/plugin-guide.md" page "${page}")
+    string(REPLACE "](../extras/capture-file/README.md" "](capture-file.md" page "${page}")
+  endif()
+  file(WRITE ${PROJECT_BINARY_DIR}/pages/${name} "${page}")
+  install(FILES ${PROJECT_BINARY_DIR}/pages/${name}
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package} COMPONENT ${component})
+endfunction()
+foreach(page collectors decisions filter-rules operations templates)
+  kestrel_install_page(${PROJECT_SOURCE_DIR}/docs/${page}.md kestrelexp ${page}.md)
+endforeach()
+kestrel_install_page(${PROJECT_SOURCE_DIR}/extras/capture-file/README.md kestrelexp capture-file.md)
+kestrel_install_page(${PROJECT_SOURCE_DIR}/docs/plugin-guide.md kestrelexp-dev plugin-guide.md)
 
 # What plugins are built with: headers, where they are, and a plugin to begin with.
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/kestrelexp

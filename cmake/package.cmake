@@ -21,10 +21,14 @@ Captures the frames of a network interface, aggregates them into flows in a
 cache of fixed size, and sends every finished flow to collectors as IPFIX,
 NetFlow v9 or NetFlow v5.
 
-Filters, process plugins, inputs and exports are plugins; kestrelexp-dev has
-what further ones are built with.")
+Inputs, process plugins, filters and exports are plugins; kestrelexp-dev has
+the headers for more of them.")
 set(CPACK_DEBIAN_PROGRAM_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PROGRAM_PACKAGE_DEPENDS adduser)
+# netbase: names of services and protocols in rule files. systemd-sysusers: the unit's user, also on
+# machines without systemd.
+set(CPACK_DEBIAN_PROGRAM_PACKAGE_DEPENDS
+  "netbase, systemd | systemd-standalone-sysusers | systemd-sysusers")
+set(CPACK_DEBIAN_PROGRAM_PACKAGE_RECOMMENDS python3)  # as_table.py
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME kestrelexp-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
@@ -33,8 +37,8 @@ set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS pkg-config)
 set(CPACK_DEBIAN_DEV_PACKAGE_SUGGESTS "kestrelexp (>= ${PROJECT_VERSION})")
 set(CPACK_COMPONENT_DEV_DESCRIPTION "headers for plugins of the kestrelexp flow probe
 The plugin contract of kestrelexp as C11 and C++20 headers, a pkg-config file
-that names the plugin directory, and a small plugin with its Makefile to
-begin with, in /usr/share/kestrelexp/plugin.")
+that names the plugin directory, a guide for authors of plugins, and small
+plugins with a Makefile to begin with, in /usr/share/kestrelexp/plugin.")
 
 # Maintainer scripts, and the list of files that an operator may change.
 set(debian ${PROJECT_SOURCE_DIR}/packaging/debian)

@@ -1,5 +1,6 @@
 """The Debian packages: what is in them, and their life on a machine that is thrown away."""
 
+import os
 import re
 import shutil
 import signal
@@ -23,6 +24,9 @@ TEMPLATE, FILTER = Path("/etc/kestrel/ipfix-template.txt"), Path("/etc/kestrel/f
 DEFAULTS = Path("/etc/default/kestrelexp")
 
 
+PAGES = re.compile(r"/usr/share/(?:doc/)?kestrelexp[a-z-]*/[\w./-]*\w")  # pages, scripts, folders
+
+
 def files_of_the_system():
     return set(run("find", "/etc", "/usr", "/var/lib/systemd", "-xdev").splitlines())
 
@@ -42,6 +46,13 @@ class Package(unittest.TestCase):
                    if "./etc/" in line and not line.endswith("/")}
         self.assertEqual(sorted(shipped), sorted(listed))
         self.assertEqual(len(listed), 1 + len(list((SOURCE / "etc").glob("*.txt"))))
+
+    def test_what_the_programs_and_examples_read_comes_with_other_packages(self):
+        control = run("dpkg-deb", "-f", str(package("kestrelexp")), "Depends", "Recommends")
+        owners = run("dpkg", "-S", "/etc/services", "/etc/protocols").splitlines()
+        self.assertEqual({line.split(":")[0] for line in owners}, {"netbase"})
+        self.assertRegex(control, r"(?m)^Depends: .*\bnetbase\b")
+        self.assertRegex(control, r"(?m)^Recommends: python3$")
 
 
 class Life(unittest.TestCase):
@@ -174,7 +185,7 @@ class Life(unittest.TestCase):
         install(package("kestrelexp"))
         enter_private_network()
         examples = re.findall(r'(?m)^#(KESTREL_OPTIONS=".*")$', DEFAULTS.read_text())
-        self.assertEqual(len(examples), 3)
+        self.assertEqual(len(examples), 4)
         run("ip", "addr", "add", "192.0.2.10/24", "dev", "lo")
         run("ip", "addr", "add", "192.0.2.11/24", "dev", "lo")
         for example in examples:
@@ -221,6 +232,49 @@ class Life(unittest.TestCase):
         self.assertEqual(sorted(files_of_the_system() - before), [])
         self.assertIn("/nonexistent", run("getent", "passwd", "kestrelexp"))
         install(package("kestrelexp"))  # and it can come back
+
+    def test_an_installation_without_a_package_has_the_units_user(self):
+        self.assertEqual(run("getent", "passwd", "kestrelexp", check=False), "")
+        run("cmake", "--install", str(package("kestrelexp").parent.parent))
+        run("systemd-sysusers")
+        entry = run("getent", "passwd", Unit(PROBED).value("User")).strip().split(":")
+        group = run("getent", "group", Unit(PROBED).value("Group")).strip().split(":")
+        self.assertEqual(entry[3:], [group[2], "network flow probe", "/nonexistent",
+                                     "/usr/sbin/nologin"])
+        self.assertLess(0, int(entry[2]))
+        self.assertLess(int(entry[2]), 1000)  # of the system, not a person's
+
+    def test_pages_that_are_named_are_there(self):
+        install(package("kestrelexp"), package("kestrelexp-dev"))
+        named = set()
+        for path in (DEFAULTS, *Path("/etc/kestrel").iterdir(),
+                     *Path("/usr/share/doc").glob("kestrelexp*/*.md")):
+            text = path.read_text()
+            self.assertNotRegex(text, r"(?m)^#.* docs/", path)  # a folder of the source tree
+            named.update(PAGES.findall(text))
+        for page in (("8", "kestrelexp"), ("7", "kestrelexp-plugins")):
+            named.update(PAGES.findall(run("man", *page, env=dict(os.environ, MANWIDTH="200"))))
+        self.assertLessEqual({f"/usr/share/doc/kestrelexp/{name}.md" for name in (
+            "filter-rules", "operations", "templates")}, named)
+        self.assertEqual(sorted(name for name in named if not Path(name).exists()), [])
+
+    def test_the_script_for_tables_of_as_numbers_runs(self):
+        install(package("kestrelexp"))
+        said = run("sh", "-c", "echo 192.0.2.0/24 64496 | /usr/share/kestrelexp/as_table.py")
+        self.assertEqual(said.splitlines(), ["64496-192.0.2.0/24",
+                                             "1 routes, 1 networks, 0 lines left out"])
+
+    def test_links_of_the_installed_pages_lead_to_files(self):
+        install(package("kestrelexp"), package("kestrelexp-dev"))
+        pages = sorted(Path("/usr/share/doc").glob("kestrelexp*/*.md"))
+        self.assertEqual([page.name for page in pages if page.parent.name == "kestrelexp"],
+                         ["capture-file.md"] + sorted(
+                             page.name for page in (SOURCE / "docs").glob("*.md")
+                             if page.name != "plugin-guide.md"))
+        self.assertIn(Path("/usr/share/doc/kestrelexp-dev/plugin-guide.md"), pages)
+        for page in pages:
+            for target in re.findall(r"\]\(([^)#]+)", page.read_text()):
+                self.assertTrue((page.parent / target).exists(), f"{page}: {target}")
 
     def test_the_unit_is_sound_and_hardened(self):
         install(package("kestrelexp"))
