@@ -64,29 +64,37 @@ foreach(page kestrelexp.8 kestrelexp-plugins.7)
     ${CMAKE_INSTALL_MANDIR}/man${section} ${page} program ${page}.gz)
 endforeach()
 
-# The pages of docs/: those for users, and the plugin guide with the headers. Their links are
-# rewritten from the source tree's folders to the system's.
-function(kestrel_install_page source package name)
+# The pages: those of docs/ and of extras/ for users, the plugin guide with the headers. Links are
+# rewritten from the folders of the source tree to those of a system.
+function(kestrel_install_page source name)
   set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${source})
   file(READ ${source} page)
   string(REPLACE "](../include/" "](../../../${CMAKE_INSTALL_INCLUDEDIR}/" page "${page}")
-  if(package MATCHES "-dev$")
+  string(REGEX REPLACE "\\]\\(\\.\\./extras/([a-z-]+)/README\\.md" "](\\1.md" page "${page}")
+  if(name STREQUAL "plugin-guide")
+    set(package kestrelexp-dev)
     set(component dev)
     string(REGEX REPLACE "\\]\\(([a-z-]+\\.md)" "](../kestrelexp/\\1" page "${page}")
   else()
+    set(package kestrelexp)
     set(component program)
     string(REPLACE "](plugin-guide.md" "](../kestrelexp-dev/plugin-guide.md" page "${page}")
-    string(REPLACE "](../extras/capture-file/README.md" "](capture-file.md" page "${page}")
   endif()
-  file(WRITE ${PROJECT_BINARY_DIR}/pages/${name} "${page}")
-  install(FILES ${PROJECT_BINARY_DIR}/pages/${name}
+  file(WRITE ${PROJECT_BINARY_DIR}/pages/${name}.md "${page}")
+  install(FILES ${PROJECT_BINARY_DIR}/pages/${name}.md
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package} COMPONENT ${component})
 endfunction()
-foreach(page collectors decisions filter-rules operations templates)
-  kestrel_install_page(${PROJECT_SOURCE_DIR}/docs/${page}.md kestrelexp ${page}.md)
+file(GLOB pages CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/*.md)
+foreach(page ${pages})
+  get_filename_component(name ${page} NAME_WE)
+  kestrel_install_page(${page} ${name})
 endforeach()
-kestrel_install_page(${PROJECT_SOURCE_DIR}/extras/capture-file/README.md kestrelexp capture-file.md)
-kestrel_install_page(${PROJECT_SOURCE_DIR}/docs/plugin-guide.md kestrelexp-dev plugin-guide.md)
+file(GLOB pages CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/extras/*/README.md)
+foreach(page ${pages})
+  get_filename_component(folder ${page} DIRECTORY)
+  get_filename_component(name ${folder} NAME)
+  kestrel_install_page(${page} ${name})
+endforeach()
 
 # What plugins are built with: headers, where they are, and a plugin to begin with.
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/kestrelexp

@@ -253,7 +253,7 @@ class Life(unittest.TestCase):
             self.assertNotRegex(text, r"(?m)^#.* docs/", path)  # a folder of the source tree
             named.update(PAGES.findall(text))
         for page in (("8", "kestrelexp"), ("7", "kestrelexp-plugins")):
-            named.update(PAGES.findall(run("man", *page, env=dict(os.environ, MANWIDTH="200"))))
+            named.update(PAGES.findall(run("man", "--nh", *page, env=dict(os.environ, MANWIDTH="200"))))
         self.assertLessEqual({f"/usr/share/doc/kestrelexp/{name}.md" for name in (
             "filter-rules", "operations", "templates")}, named)
         self.assertEqual(sorted(name for name in named if not Path(name).exists()), [])
@@ -267,11 +267,12 @@ class Life(unittest.TestCase):
     def test_links_of_the_installed_pages_lead_to_files(self):
         install(package("kestrelexp"), package("kestrelexp-dev"))
         pages = sorted(Path("/usr/share/doc").glob("kestrelexp*/*.md"))
-        self.assertEqual([page.name for page in pages if page.parent.name == "kestrelexp"],
-                         ["capture-file.md"] + sorted(
-                             page.name for page in (SOURCE / "docs").glob("*.md")
-                             if page.name != "plugin-guide.md"))
-        self.assertIn(Path("/usr/share/doc/kestrelexp-dev/plugin-guide.md"), pages)
+        sources = [f"kestrelexp/{page.name}" for page in (SOURCE / "docs").glob("*.md")
+                   if page.name != "plugin-guide.md"]
+        sources += [f"kestrelexp/{page.parent.name}.md"
+                    for page in (SOURCE / "extras").glob("*/README.md")]
+        self.assertEqual(sorted(f"{page.parent.name}/{page.name}" for page in pages),
+                         sorted([*sources, "kestrelexp-dev/plugin-guide.md"]))
         for page in pages:
             for target in re.findall(r"\]\(([^)#]+)", page.read_text()):
                 self.assertTrue((page.parent / target).exists(), f"{page}: {target}")
