@@ -1,21 +1,13 @@
 """The plugins of the guide are those of the examples, and do what they say."""
 
-import os
 import re
-import shutil
-import subprocess
-import tempfile
 import unittest
-from pathlib import Path
 
+from example_plugins import EXAMPLES, PROGRAM, ROOT, ExamplePluginsCase
 from testbed import frames
-from testbed.capture import pcap
+from testbed.process import WatchedProcess, settle
 
-ROOT = Path(__file__).resolve().parents[2]
 GUIDE = ROOT / "docs/plugin-guide.md"
-EXAMPLES = ROOT / "examples/plugin"
-PROGRAM = os.environ.get("KESTREL_PROBE", "kestrelexp")
-CAPTURE_FILE = os.environ.get("KESTREL_CAPTURE_FILE", "capture-file.so")
 
 
 def v4(transport):
@@ -38,31 +30,53 @@ PACKETS = [
 ]
 
 
-class PluginGuide(unittest.TestCase):
-    maxDiff = None
-
-    def setUp(self):
-        scratch = tempfile.TemporaryDirectory()
-        self.addCleanup(scratch.cleanup)
-        self.folder = Path(scratch.name)
-
+class PluginGuide(ExamplePluginsCase):
     def flows(self, plugins, *options):
-        """Builds the examples, runs the probe over the packets; the lines that csv wrote."""
-        shutil.copytree(EXAMPLES, self.folder, dirs_exist_ok=True)
-        flags = f"PLUGIN_CFLAGS=-std=c11 -Wall -Wextra -Werror -fPIC -I{ROOT}/include"
-        subprocess.run(["make", "-s", "-C", self.folder, flags], check=True, capture_output=True)
-        (self.folder / "packets.pcap").write_bytes(pcap(PACKETS))
-        objects = ",".join([CAPTURE_FILE, *(str(self.folder / f"{p}.so") for p in plugins)])
-        done = subprocess.run(
-            [PROGRAM, "-q", "12", "-X", objects, "-I",
-             f"capture-file:file={self.folder}/packets.pcap", *options],
-            stdin=subprocess.DEVNULL, capture_output=True, text=True, check=True)
-        head, *lines = done.stdout.splitlines()
-        return head, sorted(lines)
+        return self.replay(PACKETS, plugins, *options)
 
-    def test_the_first_plugin_of_the_guide_is_the_example(self):
+    def flows_of_text(self, plugin, text):
+        """Runs the probe over a text file until the input has read it; the lines of csv."""
+        (self.folder / "input.txt").write_text(text)
+        with open(self.folder / "output.csv", "w", encoding="ascii") as output:
+            with WatchedProcess(
+                    [PROGRAM, "-v", "0", "-q", "10", "-X", f"./{plugin}.so,./csv.so", "-I",
+                     f"{plugin}:file=input.txt", "-E", "csv:"],
+                    cwd=self.folder, stdout=output) as probe:
+                probe.wait_for_line(f"{plugin}: end of the file")
+                settle()
+                probe.signal()
+                self.assertEqual(probe.wait(), 0, probe.describe())
+        return sorted((self.folder / "output.csv").read_text().splitlines()[1:])
+
+    def test_the_listings_of_the_guide_are_those_of_the_examples(self):
         listings = re.findall(r"(?s)```c\n(.*?)```", GUIDE.read_text())
-        self.assertEqual(listings, [(EXAMPLES / "at_least.c").read_text()])
+        at_least, lines, finished = ((EXAMPLES / f"{name}.c").read_text()
+                                     for name in ("at_least", "lines", "finished"))
+        self.assertEqual(listings[:2], [at_least, lines])
+        self.assertEqual(len(listings), 3)
+        self.assertIn("\nflow_key plugin_input_get_final_flow(", listings[2])
+        self.assertTrue(finished.endswith(listings[2]))
+
+    def test_the_input_of_packets_gives_flows_with_keys_of_its_own(self):
+        # Both directions, another port, another protocol, and a line that is no packet.
+        text = "".join(f"{line}\n" for line in (
+            "192.0.2.1 198.51.100.2 17 5000 53 28", "198.51.100.2 192.0.2.1 17 53 5000 100",
+            "192.0.2.1 198.51.100.2 17 5000 53 128", "192.0.2.1 198.51.100.2 17 5001 53 40",
+            "no packet", "192.0.2.1 198.51.100.2 6 5000 53 60"))
+        # Many more flows, so that a key whose sign depended on its fields would lose some.
+        text += "".join(f"10.0.{n}.1 10.0.0.{n} 6 {1000 + n} 80 {40 + n}\n" for n in range(100))
+        self.assertEqual(self.flows_of_text("lines", text), sorted([
+            "192.0.2.1,198.51.100.2,17,5000,53,2,156", "198.51.100.2,192.0.2.1,17,53,5000,1,100",
+            "192.0.2.1,198.51.100.2,17,5001,53,1,40", "192.0.2.1,198.51.100.2,6,5000,53,1,60",
+            *(f"10.0.{n}.1,10.0.0.{n},6,{1000 + n},80,1,{40 + n}" for n in range(100))]))
+
+    def test_the_input_of_finished_flows_hands_them_on_one_by_one(self):
+        text = ("source,destination,protocol,source_port,destination_port,packets,bytes\n"
+                "192.0.2.1,198.51.100.2,17,5000,53,3,194\n"
+                "192.0.2.1,198.51.100.2,17,5000,53,2,70\n"
+                "2001:db8::1,2001:db8::2,17,5002,443,2,101\n")
+        self.assertEqual(self.flows_of_text("finished", text), [
+            "192.0.2.1,198.51.100.2,17,5000,53,2,70", "192.0.2.1,198.51.100.2,17,5000,53,3,194"])
 
     def test_the_filter_keeps_flows_of_so_many_packets(self):
         head, lines = self.flows(["at_least", "csv"], "-F", "at_least:packets=3", "-E", "csv:")
