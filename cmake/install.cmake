@@ -25,7 +25,7 @@ install(FILES ${PROJECT_SOURCE_DIR}/packaging/completions/kestrelexp.bash
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/completions/_kestrelexp
   DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions ${KESTREL_PROGRAM})
 
-# Configuration belongs to the system, not to the prefix; under another prefix (a staged tree, a
+# Configuration belongs to the system, not to the prefix. Under another prefix (a staged tree, a
 # test) nothing outside it is touched. Files that an operator may have changed are never replaced.
 file(GLOB KESTREL_ETC CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/etc/*.txt)
 install(CODE [[
@@ -96,7 +96,7 @@ foreach(page ${pages})
   kestrel_install_page(${page} ${name})
 endforeach()
 
-# What plugins are built with: headers, where they are, and a plugin to begin with.
+# What plugins are built with: headers, a pkg-config file, and plugins to begin with.
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/kestrelexp
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} ${KESTREL_DEV} FILES_MATCHING PATTERN "*.h")
 configure_file(${CMAKE_CURRENT_LIST_DIR}/kestrelexp.pc.in kestrelexp.pc @ONLY)

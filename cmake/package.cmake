@@ -1,5 +1,5 @@
-# Debian packages out of the installation: kestrelexp (component "program") and kestrelexp-dev
-# ("dev"). tools/package makes them; lintian and a whole life on a system are in tests/package.
+# Debian packages of what is installed: kestrelexp (component "program") and kestrelexp-dev ("dev").
+# tools/package makes them. tests/package runs lintian, and installs, upgrades and purges them.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_VENDOR "The kestrelexp authors")
 set(CPACK_PACKAGE_CONTACT "The kestrelexp authors <maintainers@kestrelexp.example>")

@@ -1,18 +1,18 @@
 #!/usr/bin/env python3
-"""Makes a table for the AS helper out of a routing table.
+"""Makes a table for the AS helper from a routing table.
 
-Usage: tools/as_table.py < ROUTES > TABLE
+Usage: as_table.py < ROUTES > TABLE
 
 Reads one route a line, in any of these forms:
   TABLE_DUMP2|time|B|peer|peer AS|PREFIX|AS PATH|...   a routing table dump as text (bgpdump -m)
   NETWORK <tab> LENGTH <tab> AS                        a list of prefixes with their origins
   PREFIX AS                                            the same, prefix in one word
 
-Routes lie in each other; the AS helper's search wants networks that do not. So each address gets
-the number of the longest prefix that holds it, and what comes out are the fewest networks that say
-the same. The last AS of a path is its origin; of a set of origins the first counts, and of several
-routes to one prefix the first line. IPv6 routes are left out: a prefix of theirs, in the AS
-helper's table, counts from the other end of the address.
+Routes contain each other; the networks of the AS helper's table must not. So each address gets the
+number of the longest prefix that contains it, and the table has the fewest networks with the same
+meaning. The last AS of a path is its origin; of a set of origins the first counts, and of several
+routes to one prefix the first line. IPv6 routes are left out: in the AS helper's table the bits of
+an IPv6 prefix are counted from the other end of the address.
 """
 
 import re

@@ -163,7 +163,7 @@ def zsh_spec(option):
     if option.argument:
         action = ZSH_ACTIONS.get(option.argument, " ")
         if option.letter in ZSH_KINDS:
-            # The blank keeps _arguments from putting options of its own behind the first word.
+            # The blank keeps _arguments from adding options of its own after the first word.
             action = f" _kestrelexp_named {ZSH_KINDS[option.letter]}"
         spec += f":{option.argument.replace(':', chr(92) + ':')}:{action}"
     return f"    '{spec}'"
@@ -189,7 +189,7 @@ def said_by(program, *options):
 
 
 def all_plugins(program):
-    """Those of the program, and behind them those of the extras, each with its file."""
+    """Those of the program, then those of the extras, each with its file."""
     plugins = parse_plugins(said_by(program, "-l"))
     assert plugins, "the program's texts have another form"
     names = {(plugin.kind, plugin.name) for plugin in plugins}

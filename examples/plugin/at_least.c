@@ -8,7 +8,7 @@
 #include <kestrelexp/plugin.h>
 #include <kestrelexp/service.h>
 
-/* What this object is; its entry points stand at the end of kestrelexp/plugin.h. */
+/* The kind of this object. Its entry points are declared at the end of kestrelexp/plugin.h. */
 KX_API int32_t plugin_type = PLUGIN_KIND_FILTER;
 
 struct at_least {

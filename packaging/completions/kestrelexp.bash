@@ -17,8 +17,8 @@ declare -gA _kx_keys=(
 )
 # end
 
-# Words with ':' and '=' are several words to readline; this looks at the line as the shell will
-# split it, and hands readline what it has to put behind the last of these signs.
+# Readline splits words at ':' and '='. This reads the line as the shell will split it, and returns
+# to readline the text that comes after the last of these signs.
 _kestrelexp() {
     local line=${COMP_LINE:0:COMP_POINT} word=''
     local -a words
@@ -79,11 +79,11 @@ _kestrelexp_named() {
     esac
 }
 
-# Of the words, those that begin with what is there, behind a text that stands in front.
+# PREFIX BEFORE WORDS: adds to found each of the words that begins with PREFIX, after BEFORE.
 _kestrelexp_from() {
-    local there=$1 before=$2 candidate
+    local prefix=$1 before=$2 candidate
     for candidate in $3; do
-        [[ $candidate == "$there"* ]] && found+=("$before$candidate")
+        [[ $candidate == "$prefix"* ]] && found+=("$before$candidate")
     done
 }
 

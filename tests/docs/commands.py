@@ -75,7 +75,7 @@ def first_word(command):
 
 
 def is_server(command):
-    """Probes of capture files end by themselves, as do those that only say something."""
+    """Probes of capture files end by themselves, as do those that only print something."""
     ends = r" -[hlV]\b| -I capture-file:"
     return first_word(command) in SERVERS and not re.search(ends, command)
 
@@ -128,8 +128,8 @@ class Runner:
         done = subprocess.run(self._shell(command), stdin=subprocess.DEVNULL,
                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
                               timeout=240, check=False)
-        said = f"{command}status {done.returncode}\n{done.stdout}"
-        assert done.returncode == 0, said
+        report = f"{command}status {done.returncode}\n{done.stdout}"
+        assert done.returncode == 0, report
         wanted = SHOWN.get(first_word(command))
         if wanted and ">" not in command:
-            assert re.search(wanted, done.stdout), said
+            assert re.search(wanted, done.stdout), report

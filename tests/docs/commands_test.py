@@ -27,16 +27,16 @@ PAGES = [ROOT / "README.md", *sorted((ROOT / "docs").glob("*.md")),
 LANGUAGES = {"sh", "console", "", "c", "make"}
 PROGRAMS = r"(?m)^[$#]? *(\./|apt|cmake|kestrelexp|make |nf\w+|sudo|systemctl|tools/)"
 
-# Files that the pages take for given.
-GIVEN = {
+# Files that the commands of the pages read.
+PAGE_FILES = {
     "/etc/kestrel/as.txt": "64496-192.0.2.0/24\n",
     "/etc/kestrel/web.txt": "port 80\nany\n",
     "new-table.txt": "64497-198.51.100.0/24\n",
     "routes.txt": "192.0.2.0/24 64496\n198.51.100.0/24 64497\n",
     "at_least.c": (ROOT / "examples/plugin/at_least.c").read_text(encoding="utf-8"),
 }
-# In front of the real programs. The probe says when it is ready, and stays in the foreground, where
-# it can be watched; packages are looked up but not fetched.
+# Run instead of the real programs. The probe reports when it is ready, and stays in the foreground,
+# where it can be watched. Packages are looked up but not fetched.
 WRAPPERS = {
     "kestrelexp": """
 words=()
@@ -58,9 +58,9 @@ done
 
 
 class Marks(unittest.TestCase):
-    """What can be said of the pages without running them."""
+    """What can be tested of the pages without running them."""
 
-    def test_commands_stand_only_in_blocks_that_say_so(self):
+    def test_commands_are_only_in_blocks_that_are_marked(self):
         for page in PAGES:
             for block in commands.blocks(page.read_text(encoding="utf-8")):
                 where = f"{page.name}:{block.line}"
@@ -112,7 +112,7 @@ class Commands(unittest.TestCase):
 
     def run_page(self, name, with_packages=True):
         self.enter()
-        for path, text in GIVEN.items():
+        for path, text in PAGE_FILES.items():
             Path(path).parent.mkdir(exist_ok=True)
             Path(path).write_text(text, encoding="ascii")
         trace = pcap((second * NS, frame) for second, frame in enumerate(commands.FRAMES))

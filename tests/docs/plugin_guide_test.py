@@ -1,4 +1,4 @@
-"""The plugins of the guide are those of the examples, and do what they say."""
+"""The plugins of the guide are those of the examples, and do what the guide says."""
 
 import re
 import unittest

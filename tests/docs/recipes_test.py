@@ -1,4 +1,4 @@
-"""What the pages advise about VLANs, and what they say of each bit of -C, is so."""
+"""The recipes of the pages for VLANs work, and each bit of -C does what its row says."""
 
 import re
 import unittest

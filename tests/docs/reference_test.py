@@ -1,4 +1,4 @@
-"""Manual pages and completions say what the program says, and are well formed."""
+"""Manual pages and completions agree with the program, and are well formed."""
 
 import os
 import re
@@ -24,7 +24,7 @@ def check(program):
     return run(sys.executable, ROOT / "tools/reference.py", "--check", program)
 
 
-def said(option):
+def output_of(option):
     return subprocess.run([PROGRAM, option], stdin=subprocess.DEVNULL, check=True,
                           stdout=subprocess.PIPE, text=True).stdout
 
@@ -38,7 +38,7 @@ class Reference(unittest.TestCase):
         self.addCleanup(directory.cleanup)
         program = Path(directory.name) / "other"
         for option in ("h", "l"):
-            program.with_name(option).write_text(texts.get(option) or said(f"-{option}"))
+            program.with_name(option).write_text(texts.get(option) or output_of(f"-{option}"))
         program.with_name("extras").symlink_to(Path(PROGRAM).parent / "extras")
         program.write_text('#!/bin/sh\n'
                            f'if [ "$1" = -X ]; then exec {PROGRAM} "$@"; fi\n'
@@ -51,7 +51,7 @@ class Reference(unittest.TestCase):
         self.assertEqual((done.returncode, done.stdout), (0, ""))
 
     def test_a_new_option_is_missed_everywhere_but_in_the_plugins_page(self):
-        text = said("-h").replace(" -q size ", " -z colour        a new one\n -q size ")
+        text = output_of("-h").replace(" -q size ", " -z colour        a new one\n -q size ")
         done = check(self.other_program(h=text))
         self.assertEqual(done.returncode, 1)
         self.assertEqual(done.stdout.splitlines()[:-1], [
@@ -59,7 +59,7 @@ class Reference(unittest.TestCase):
             "packaging/completions/_kestrelexp"])
 
     def test_a_new_plugin_is_missed_in_its_page_and_the_completions(self):
-        text = said("-l").replace("name: null\n", "name: paper\nPrints.\n\n\nname: null\n")
+        text = output_of("-l").replace("name: null\n", "name: paper\nPrints.\n\n\nname: null\n")
         done = check(self.other_program(l=text))
         self.assertEqual(done.returncode, 1)
         self.assertEqual(done.stdout.splitlines()[:-1], [
@@ -71,7 +71,7 @@ class Reference(unittest.TestCase):
         program.with_name("extras").unlink()
         program.with_name("extras").mkdir()
         program.with_name("extras").joinpath("paper.so").write_text("")
-        program.with_name("l").write_text(said("-l"))
+        program.with_name("l").write_text(output_of("-l"))
         program.write_text('#!/bin/sh\nif [ "$1" = -X ]; then\n'
                            '    printf "EXPORT Plugin(s)\\nname: paper\\nPrints.\\n"\n'
                            'else\n    cat "$(dirname "$0")/${1#-}"\nfi\n')
@@ -80,7 +80,7 @@ class Reference(unittest.TestCase):
         self.assertIn("docs/man/kestrelexp-plugins.7\n", done.stdout)
 
     def test_a_changed_text_is_noticed(self):
-        done = check(self.other_program(h=said("-h").replace("daemonize", "daemonise")))
+        done = check(self.other_program(h=output_of("-h").replace("daemonize", "daemonise")))
         self.assertEqual(done.returncode, 1)
         self.assertIn("docs/man/kestrelexp.8\n", done.stdout)
 
@@ -100,7 +100,7 @@ class Reference(unittest.TestCase):
     def test_every_option_heads_a_paragraph_of_the_rendered_page(self):
         text = re.sub(".\x08", "", run("mandoc", "-T", "ascii", PAGES[0]).stdout)
         heads = re.findall(r"(?m)^ {7}(-\w)(?: |$)", text)
-        self.assertEqual(heads, [line.split()[0] for line in said("-h").splitlines()
+        self.assertEqual(heads, [line.split()[0] for line in output_of("-h").splitlines()
                                  if line.startswith(" -")])
 
 
@@ -117,7 +117,7 @@ class Bash(unittest.TestCase):
 
     def test_every_option_is_offered(self):
         offered = self.completed("kestrelexp -")
-        self.assertEqual(offered, [line.split()[0] for line in said("-h").splitlines()
+        self.assertEqual(offered, [line.split()[0] for line in output_of("-h").splitlines()
                                    if line.startswith(" -")])
         self.assertEqual(self.completed("kestrelexp -I pcap:device=lo -E"), ["-E"])
 
@@ -128,7 +128,7 @@ class Bash(unittest.TestCase):
         self.assertEqual(self.completed("kestrelexp -F an"), ["anonymizer:"])
         self.assertEqual(self.completed("kestrelexp -G as"), ["as_helper:"])
 
-    def test_keys_stand_behind_what_readline_takes_for_the_word(self):
+    def test_keys_follow_what_readline_takes_for_the_word(self):
         self.assertEqual(self.completed("kestrelexp -E ipfix:pr"), ["protocol="])
         self.assertEqual(self.completed("kestrelexp -E ipfix:host=192.0.2.1,pr"),
                          ["192.0.2.1,protocol="])
@@ -172,7 +172,7 @@ class Zsh(unittest.TestCase):
 
     def test_every_option_has_a_specification(self):
         letters = [line[:3] for line in self.specs()]
-        self.assertEqual(letters, [f"*{line.split()[0]}" for line in said("-h").splitlines()
+        self.assertEqual(letters, [f"*{line.split()[0]}" for line in output_of("-h").splitlines()
                                    if line.startswith(" -")])
 
     def test_options_with_arguments_say_what_follows(self):

@@ -35,9 +35,9 @@ class Package(unittest.TestCase):
     maxDiff = None
 
     def test_lintian_has_no_complaint(self):
-        said = run("lintian", "--allow-root", "--fail-on", "error,warning", "--tag-display-limit",
-                   "0", str(package("kestrelexp")), str(package("kestrelexp-dev")))
-        self.assertEqual([line for line in said.splitlines() if not line.startswith("N:")], [])
+        output = run("lintian", "--allow-root", "--fail-on", "error,warning", "--tag-display-limit",
+                     "0", str(package("kestrelexp")), str(package("kestrelexp-dev")))
+        self.assertEqual([line for line in output.splitlines() if not line.startswith("N:")], [])
 
     def test_every_file_of_etc_is_the_operators_to_change(self):
         listed = run("dpkg-deb", "-I", str(package("kestrelexp")), "conffiles").split()
@@ -253,16 +253,17 @@ class Life(unittest.TestCase):
             self.assertNotRegex(text, r"(?m)^#.* docs/", path)  # a folder of the source tree
             named.update(PAGES.findall(text))
         for page in (("8", "kestrelexp"), ("7", "kestrelexp-plugins")):
-            named.update(PAGES.findall(run("man", "--nh", *page, env=dict(os.environ, MANWIDTH="200"))))
+            shown = run("man", "--nh", *page, env=dict(os.environ, MANWIDTH="200"))
+            named.update(PAGES.findall(shown))
         self.assertLessEqual({f"/usr/share/doc/kestrelexp/{name}.md" for name in (
             "filter-rules", "operations", "templates")}, named)
         self.assertEqual(sorted(name for name in named if not Path(name).exists()), [])
 
     def test_the_script_for_tables_of_as_numbers_runs(self):
         install(package("kestrelexp"))
-        said = run("sh", "-c", "echo 192.0.2.0/24 64496 | /usr/share/kestrelexp/as_table.py")
-        self.assertEqual(said.splitlines(), ["64496-192.0.2.0/24",
-                                             "1 routes, 1 networks, 0 lines left out"])
+        output = run("sh", "-c", "echo 192.0.2.0/24 64496 | /usr/share/kestrelexp/as_table.py")
+        self.assertEqual(output.splitlines(), ["64496-192.0.2.0/24",
+                                               "1 routes, 1 networks, 0 lines left out"])
 
     def test_links_of_the_installed_pages_lead_to_files(self):
         install(package("kestrelexp"), package("kestrelexp-dev"))

@@ -18,7 +18,7 @@ def package(name):
 
 
 def run(*command, check=True, **options):
-    """Runs to the end; returns standard output, and fails with everything that was said."""
+    """Runs to the end; returns standard output, and fails with everything that was printed."""
     done = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                           stderr=subprocess.STDOUT, text=True, check=False, **options)
     assert done.returncode == 0 or not check, f"{command}: {done.returncode}\n{done.stdout}"
