@@ -15,6 +15,7 @@
 #include "kestrelexp/builtin.h"
 #include "kestrelexp/getter.h"
 #include "kestrelexp/record.h"
+#include "record/protocols.h"
 
 namespace kestrel {
 namespace {
@@ -29,11 +30,6 @@ constexpr plugin_description description = {
     " ip=ip         Protocol to connect with collector(4,6,46 or 64 - default is 46).\n"
     " source_id=id  Exporter identification.",
     0, 0};
-
-constexpr uint8_t protocol_icmp = 1;
-constexpr uint8_t protocol_tcp = 6;
-constexpr uint8_t protocol_udp = 17;
-constexpr uint8_t protocol_sctp = 132;
 
 constexpr uint32_t not_exported = 0xFFFFFFFF;
 constexpr uint32_t packet_records = 30;
@@ -152,8 +148,7 @@ uint32_t flush(nf5_exporter& self) {
 void fill(const nf5_exporter& self, const flow_record& flow, nf5_record& slot) {
     const uint64_t startup_ns = timer_get_startup_time();
     const uint8_t protocol = flow.l4protocol;
-    const bool has_ports =
-        protocol == protocol_tcp || protocol == protocol_udp || protocol == protocol_sctp;
+    const bool with_ports = has_ports(protocol);
     const uint16_t type_code = protocol == protocol_icmp ? flow.icmptypecode : uint16_t{0};
     slot = {
         .srcaddr_be = byte_swap(flow.ipv4.srcipv4),
@@ -165,8 +160,8 @@ void fill(const nf5_exporter& self, const flow_record& flow, nf5_record& slot) {
         .octets_be = byte_swap(flow.bytes),
         .first_be = byte_swap(static_cast<uint32_t>((flow.start - startup_ns) / ns_per_ms)),
         .last_be = byte_swap(static_cast<uint32_t>((flow.end - startup_ns) / ns_per_ms)),
-        .srcport_be = has_ports ? byte_swap(flow.srcport) : uint16_t{0},
-        .dstport_be = byte_swap(has_ports ? flow.dstport : type_code),
+        .srcport_be = with_ports ? byte_swap(flow.srcport) : uint16_t{0},
+        .dstport_be = byte_swap(with_ports ? flow.dstport : type_code),
         .pad1 = 0,
         .tcp_flags = protocol == protocol_tcp ? flow.tcpflags : uint8_t{0},
         .protocol = protocol,

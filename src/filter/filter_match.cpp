@@ -10,6 +10,7 @@
 #include "kestrelexp/builtin.h"
 #include "kestrelexp/filter.h"
 #include "kestrelexp/record.h"
+#include "record/protocols.h"
 
 namespace kestrel {
 namespace {
@@ -135,12 +136,13 @@ struct flow_view {
 
 flow_view view_of(const flow_record& record) {
     flow_view view = {
-        record,
-        load_halves(record.ipv6.srcipv6),
-        load_halves(record.ipv6.dstipv6),
-        nullptr,
-        0,
-        record.l4protocol == 6 || record.l4protocol == 17 || record.l4protocol == 132};
+        .record = record,
+        .source6 = load_halves(record.ipv6.srcipv6),
+        .destination6 = load_halves(record.ipv6.dstipv6),
+        .vlans = nullptr,
+        .vlan_count = 0,
+        .has_ports = has_ports(record.l4protocol),
+    };
     if (kestrel_vlan_offset) {
         view.vlans = reinterpret_cast<const vlan_block*>(reinterpret_cast<const uint8_t*>(&record) +
                                                          kestrel_vlan_offset);

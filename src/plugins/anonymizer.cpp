@@ -12,6 +12,7 @@
 #include "kestrelexp/builtin.h"
 #include "kestrelexp/record.h"
 #include "plugins/anonymizer_config.h"
+#include "record/protocols.h"
 
 namespace kestrel {
 namespace {
@@ -35,11 +36,6 @@ constexpr size_t block_size = 16;
 
 constexpr uint32_t low_bits(uint32_t count) {
     return (uint32_t{1} << count) - 1;
-}
-
-bool has_ports(uint8_t protocol) {
-    constexpr uint8_t tcp = 6, udp = 17, sctp = 132;
-    return protocol == udp || protocol == sctp || protocol == tcp;
 }
 
 void mask_flow(const anonymizer_state& self, flow_record& flow) {

@@ -10,6 +10,7 @@
 #include "base/wire.h"
 #include "kestrelexp/getter.h"
 #include "kestrelexp/record.h"
+#include "record/protocols.h"
 
 namespace kestrel {
 namespace {
@@ -62,7 +63,7 @@ void append_network_layer(flow_line& line, const flow_record& record) {
 
 void append_transport_layer(flow_line& line, const flow_record& record) {
     switch (record.l4protocol) {
-        case 6: {
+        case protocol_tcp: {
             char flags[] = "CEUAPRSF";
             for (int bit = 0; bit < 8; ++bit) {
                 if (!(record.tcpflags & (0x80 >> bit)))
@@ -71,11 +72,11 @@ void append_transport_layer(flow_line& line, const flow_record& record) {
             line.append("TCP,%u,%u,%s", record.srcport, record.dstport, flags);
             break;
         }
-        case 17:
+        case protocol_udp:
             line.append("UDP,%u,%u", record.srcport, record.dstport);
             break;
-        case 1:
-        case 58:
+        case protocol_icmp:
+        case protocol_icmpv6:
             line.append("ICMP,%u", record.icmptypecode);
             break;
         default:
