@@ -88,6 +88,8 @@ KX_API void record_universal_get(void* destination, const void* source, int32_t 
 /* Writes the record as one line "flow: FLOW: ..." through verbose_msg at the given level. */
 KX_API void record_print(int level, const struct flow_record* record);
 
+/* The functions behind the base table, for plugins that read a field without looking its name up. A
+ * field that has none here is reached by its name. */
 KX_API getter_length_function record_length_1, record_length_2, record_length_3, record_length_4,
     record_length_6, record_length_8, record_length_16;
 

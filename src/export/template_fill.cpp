@@ -77,10 +77,10 @@ uint32_t exporter_template_add_record(struct template_collection* collection,
         record_print(5, record);
     export_template& chosen = collection->templates[index];
     template_data& data = *chosen.data;
-    const std::span<const field_row> rows = collection->plan->rows_of(index);
+    const std::span<const template_field> rows = collection->plan->rows_of(index);
     uint32_t held = data.length;
     for (size_t field = 0; field < rows.size(); ++field) {
-        const field_row& row = rows[field];
+        const template_field& row = rows[field];
         if (held + row.length <= TEMPLATE_SETS_SIZE)
             row.get(row.context, record, data.records + held, row.length, 1, row.self);
         held += row.length;

@@ -61,7 +61,7 @@ class record_validity {
 };
 
 // One field of a template: whom to ask, and for how many bytes.
-struct field_row {
+struct template_field {
     getter_get_function* get;
     void* context;
     const getter* self;
@@ -73,12 +73,12 @@ struct field_row {
 struct template_plan {
     explicit template_plan(const template_collection& collection);
 
-    std::span<const kestrel::field_row> rows_of(int32_t index) const {
+    std::span<const kestrel::template_field> rows_of(int32_t index) const {
         const auto at = static_cast<size_t>(index);
         return std::span(rows).subspan(first_row[at], first_row[at + 1] - first_row[at]);
     }
 
     kestrel::record_validity validity;
-    std::vector<kestrel::field_row> rows;  // of all templates, in their order
-    std::vector<uint32_t> first_row;       // of each template, and the end
+    std::vector<kestrel::template_field> rows;  // of all templates, in their order
+    std::vector<uint32_t> first_row;            // of each template, and the end
 };

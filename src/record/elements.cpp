@@ -1,105 +1,71 @@
-// The element tables of IPFIX and NetFlow v9: number and width on the wire of everything that a
-// template may name. Constant data, and the two functions that read such a table; any thread.
+// The element tables of IPFIX and NetFlow v9, put in order from the rows, and the two functions
+// that read such a table. Constant data; any thread.
+#include "record/elements.h"
+
 #include <cstdio>
 #include <cstring>
+#include <span>
+#include <string_view>
 
 #include "kestrelexp/template.h"
 
-// A name is found by its first row that begins it, so SRC_AS32 has to stand before SRC_AS.
-constexpr struct template_element static_field_ipfix[] = {
-    {"IN_BYTES", 1, 4},
-    {"IN_PKTS", 2, 4},
-    {"FLOWS", 3, 4},
-    {"PROTOCOL", 4, 1},
-    {"TOS", 5, 1},
-    {"TCP_FLAGS", 6, 1},
-    {"L4_SRC_PORT", 7, 2},
-    {"IPV4_SRC_ADDR", 8, 4},
-    {"L4_DST_PORT", 11, 2},
-    {"IPV4_DST_ADDR", 12, 4},
-    {"LAST_SWITCHED", 21, 4},
-    {"FIRST_SWITCHED", 22, 4},
-    {"OUT_BYTES", 23, 4},
-    {"OUT_PKTS", 24, 4},
-    {"IPV6_SRC_ADDR", 27, 16},
-    {"IPV6_DST_ADDR", 28, 16},
-    {"ICMP_TYPE_CODE", 32, 2},
-    {"SAMPLING_INTERVAL", 34, 4},
-    {"SAMPLING_ALGORITHM", 35, 1},
-    {"FLOW_ACTIVE_TIMEOUT", 36, 4},
-    {"FLOW_INACTIVE_TIMEOUT", 37, 4},
-    {"ENGINE_TYPE", 38, 4},
-    {"ENGINE_ID", 39, 4},
-    {"IP_PROTOCOL_VERSION", 60, 1},
-    {"INPUT_SNMP", 10, 2},
-    {"OUTPUT_SNMP", 14, 2},
-    {"SRC_AS32", 16, 4},
-    {"DST_AS32", 17, 4},
-    {"SRC_AS", 16, 2},
-    {"DST_AS", 17, 2},
-    {"MPLS_LABEL_1", 70, 3},
-    {"MPLS_LABEL_2", 71, 3},
-    {"MPLS_LABEL_3", 72, 3},
-    {"MPLS_LABEL_4", 73, 3},
-    {"MPLS_LABEL_5", 74, 3},
-    {"MPLS_LABEL_6", 75, 3},
-    {"MPLS_LABEL_7", 76, 3},
-    {"MPLS_LABEL_8", 77, 3},
-    {"VLAN_ID", 58, 2},
-    {"STARTUP_TIME", 160, 8},
-    {"FLOW_START_MILLISECONDS", 152, 8},
-    {"FLOW_END_MILLISECONDS", 153, 8},
-    {nullptr, 0, 0},
-};
+namespace kestrel {
+namespace {
 
-constexpr struct template_element static_field_nf9[] = {
-    {"IN_BYTES", 1, 4},
-    {"IN_PKTS", 2, 4},
-    {"FLOWS", 3, 4},
-    {"PROTOCOL", 4, 1},
-    {"TOS", 5, 1},
-    {"TCP_FLAGS", 6, 1},
-    {"L4_SRC_PORT", 7, 2},
-    {"IPV4_SRC_ADDR", 8, 4},
-    {"SRC_MASK", 9, 1},
-    {"INPUT_SNMP", 10, 2},
-    {"L4_DST_PORT", 11, 2},
-    {"IPV4_DST_ADDR", 12, 4},
-    {"DST_MASK", 13, 1},
-    {"OUTPUT_SNMP", 14, 2},
-    {"IPV4_NEXT_HOP", 18, 4},
-    {"SRC_AS32", 16, 4},
-    {"DST_AS32", 17, 4},
-    {"SRC_AS", 16, 2},
-    {"DST_AS", 17, 2},
-    {"LAST_SWITCHED", 21, 4},
-    {"FIRST_SWITCHED", 22, 4},
-    {"OUT_BYTES", 23, 4},
-    {"OUT_PKTS", 24, 4},
-    {"IPV6_SRC_ADDR", 27, 16},
-    {"IPV6_DST_ADDR", 28, 16},
-    {"IPV6_FLOW_LABEL", 31, 3},
-    {"ICMP_TYPE_CODE", 32, 2},
-    {"SAMPLING_INTERVAL", 34, 4},
-    {"SAMPLING_ALGORITHM", 35, 1},
-    {"FLOW_ACTIVE_TIMEOUT", 36, 4},
-    {"FLOW_INACTIVE_TIMEOUT", 37, 4},
-    {"ENGINE_TYPE", 38, 4},
-    {"ENGINE_ID", 39, 4},
-    {"SRC_MAC", 56, 6},
-    {"DST_MAC", 57, 6},
-    {"IP_PROTOCOL_VERSION", 60, 1},
-    {"MPLS_LABEL_1", 70, 3},
-    {"MPLS_LABEL_2", 71, 3},
-    {"MPLS_LABEL_3", 72, 3},
-    {"MPLS_LABEL_4", 73, 3},
-    {"MPLS_LABEL_5", 74, 3},
-    {"MPLS_LABEL_6", 75, 3},
-    {"MPLS_LABEL_7", 76, 3},
-    {"MPLS_LABEL_8", 77, 3},
-    {"VLAN_ID", 58, 2},
-    {nullptr, 0, 0},
-};
+// Which of the tables an element's place is in.
+using table_place = std::optional<uint16_t> element_places::*;
+
+constexpr size_t table_size(table_place table) {
+    size_t count = 0;
+    for (const auto& [element, field] : all_elements)
+        count += element.places.*table ? 1 : 0;
+    return count;
+}
+
+// The row at a place; places after the last have the row without a name that ends a table.
+constexpr template_element row_at(table_place table, size_t place) {
+    for (const auto& [element, field] : all_elements) {
+        if (element.places.*table == place)
+            return {element.name, element.number, element.length};
+    }
+    return {nullptr, 0, 0};
+}
+
+// Whether the rows fill the places up to the end of the table, and each is found by its name: a
+// name is found by the first row that begins it, so no row may begin a later one.
+constexpr bool is_in_order(std::span<const template_element> rows, table_place table) {
+    for (size_t place = 0; place < table_size(table); ++place) {
+        if (place + 1 >= rows.size() || !rows[place].name)
+            return false;
+        const std::string_view name = rows[place].name;
+        for (size_t earlier = 0; earlier < place; ++earlier) {
+            if (name.starts_with(rows[earlier].name))
+                return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+}  // namespace kestrel
+
+using namespace kestrel;
+
+// An array of C linkage has no other way to be filled from a function. What is left of the 64
+// places ends the table.
+#define ROWS_8(table, first)                                                                \
+    row_at(table, (first) + 0), row_at(table, (first) + 1), row_at(table, (first) + 2),     \
+        row_at(table, (first) + 3), row_at(table, (first) + 4), row_at(table, (first) + 5), \
+        row_at(table, (first) + 6), row_at(table, (first) + 7)
+#define ROWS_64(table)                                                                           \
+    ROWS_8(table, 0), ROWS_8(table, 8), ROWS_8(table, 16), ROWS_8(table, 24), ROWS_8(table, 32), \
+        ROWS_8(table, 40), ROWS_8(table, 48), ROWS_8(table, 56)
+
+constexpr struct template_element static_field_ipfix[] = {ROWS_64(&element_places::in_ipfix)};
+constexpr struct template_element static_field_nf9[] = {ROWS_64(&element_places::in_nf9)};
+
+static_assert(is_in_order(static_field_ipfix, &element_places::in_ipfix));
+static_assert(is_in_order(static_field_nf9, &element_places::in_nf9));
 
 const struct template_element* exporter_template_find_field(
     const char* name, const struct template_element* elements) {
