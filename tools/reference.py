@@ -1,13 +1,14 @@
 #!/usr/bin/env python3
-"""Keeps the manual pages and the shell completions in step with the program.
+"""Keeps the manual pages, the shell completions and docs/templates.md in step with the program.
 
 Usage: tools/reference.py [--check] PROGRAM
 
 Asks the program for its options (-h) and plugins (-l), the extras that were built beside it
-included, and writes what follows from them into the blocks that are marked "generated" in docs/man
-and packaging/completions; text outside these blocks is written by hand. An option or plugin without
-a block gets one at the end of its group. With --check nothing is written: status 1, and the names
-of the files that would change.
+included, and field_tables, which is built beside it with the tests, for its fields and elements.
+Writes what follows from them into the blocks that are marked "generated" in docs/man,
+docs/templates.md and packaging/completions; text outside these blocks is written by hand. An option
+or plugin without a block gets one at the end of its group. With --check nothing is written: status
+1, and the names of the files that would change.
 """
 
 import re
@@ -44,6 +45,14 @@ class Plugin:
         return [READ_AS.get((self.name, match[1]), match[1]) for match in found if match]
 
 
+@dataclass(frozen=True)
+class Program:
+    """What a program says of itself."""
+    options: list
+    plugins: list
+    tables: dict  # of fields and elements, as Markdown, by name
+
+
 def parse_help(text):
     """The options of -h, in order."""
     section, rows = "", []
@@ -73,14 +82,16 @@ def parse_plugins(text):
 
 # ---- blocks ----
 
-def replace_blocks(text, comment, wanted, group_ends=None):
+def replace_blocks(text, comment, wanted, group_ends=None, comment_end=""):
     """text with the body of each block "COMMENT generated: NAME" ... "COMMENT end" made what wanted
     says. Blocks that are missing go in front of the line group_ends[NAME]; others are dropped."""
-    pattern = re.compile(rf"(?m)^{re.escape(comment)} generated: (.+)\n(?:.*\n)*?"
-                         rf"{re.escape(comment)} end\n")
+    close = re.escape(comment_end)
+    pattern = re.compile(rf"(?m)^{re.escape(comment)} generated: (.+){close}\n(?:.*\n)*?"
+                         rf"{re.escape(comment)} end{close}\n")
 
     def block(name):
-        return f"{comment} generated: {name}\n{wanted[name]}{comment} end\n"
+        return (f"{comment} generated: {name}{comment_end}\n{wanted[name]}"
+                f"{comment} end{comment_end}\n")
 
     present = set(pattern.findall(text))
     text = pattern.sub(lambda match: block(match[1]) if match[1] in wanted else "", text)
@@ -117,18 +128,18 @@ def plugin_block(plugin):
     return "\n".join(lines) + "\n"
 
 
-def options_page(text, options, _):
+def options_page(text, program):
     return replace_blocks(
-        text, '.\\"', {f"-{option.letter}": option_block(option) for option in options},
-        {f"-{option.letter}": f"end of {option.section} options" for option in options})
+        text, '.\\"', {f"-{option.letter}": option_block(option) for option in program.options},
+        {f"-{option.letter}": f"end of {option.section} options" for option in program.options})
 
 
-def plugins_page(text, _, plugins):
+def plugins_page(text, program):
     def name(plugin):
         return f"{plugin.kind.lower()} {plugin.name}"
     return replace_blocks(
-        text, '.\\"', {name(plugin): plugin_block(plugin) for plugin in plugins},
-        {name(plugin): f"end of {plugin.kind.lower()} plugins" for plugin in plugins})
+        text, '.\\"', {name(plugin): plugin_block(plugin) for plugin in program.plugins},
+        {name(plugin): f"end of {plugin.kind.lower()} plugins" for plugin in program.plugins})
 
 
 # ---- completions ----
@@ -137,19 +148,19 @@ def names_of(plugins, kind):
     return " ".join(plugin.name for plugin in plugins if plugin.kind == kind)
 
 
-def shell_tables(options, plugins, array):
-    lines = [f"{array}_options='{' '.join('-' + option.letter for option in options)}'"]
+def shell_tables(program, array):
+    lines = [f"{array}_options='{' '.join('-' + option.letter for option in program.options)}'"]
     for kind in KINDS:
-        lines.append(f"{array}_{kind.lower()}='{names_of(plugins, kind)}'")
+        lines.append(f"{array}_{kind.lower()}='{names_of(program.plugins, kind)}'")
     lines.append(f"typeset -gA {array}_keys=(" if array.startswith("_kx_z")
                  else f"declare -gA {array}_keys=(")
     lines += [f"    [{plugin.name}]='{' '.join(plugin.keys())}'"
-              for plugin in plugins if plugin.keys()]
+              for plugin in program.plugins if plugin.keys()]
     return "\n".join(lines) + "\n)\n"
 
 
-def bash_file(text, options, plugins):
-    return replace_blocks(text, "#", {"tables": shell_tables(options, plugins, "_kx")})
+def bash_file(text, program):
+    return replace_blocks(text, "#", {"tables": shell_tables(program, "_kx")})
 
 
 ZSH_ACTIONS = {"block": "(vlan mpls mac)", "user": "_users", "dir": "_directories",
@@ -169,15 +180,22 @@ def zsh_spec(option):
     return f"    '{spec}'"
 
 
-def zsh_file(text, options, plugins):
-    specs = ["_kx_z_specs=(", *map(zsh_spec, options), ")"]
+def zsh_file(text, program):
+    specs = ["_kx_z_specs=(", *map(zsh_spec, program.options), ")"]
     return replace_blocks(text, "#", {
-        "tables": "\n".join(specs) + "\n" + shell_tables(options, plugins, "_kx_z")})
+        "tables": "\n".join(specs) + "\n" + shell_tables(program, "_kx_z")})
+
+
+# ---- fields and elements ----
+
+def templates_page(text, program):
+    return replace_blocks(text, "<!--", program.tables, comment_end=" -->")
 
 
 FILES = {
     "docs/man/kestrelexp.8": options_page,
     "docs/man/kestrelexp-plugins.7": plugins_page,
+    "docs/templates.md": templates_page,
     "packaging/completions/kestrelexp.bash": bash_file,
     "packaging/completions/_kestrelexp": zsh_file,
 }
@@ -200,20 +218,26 @@ def all_plugins(program):
     return plugins
 
 
+def look_at(program):
+    options = parse_help(said_by(program, "-h"))
+    assert options, "the program's texts have another form"
+    field_tables = Path(program).parent / "field_tables"
+    tables = {name: said_by(field_tables, name) for name in ("elements", "values")}
+    return Program(options, all_plugins(program), tables)
+
+
 def main():
     words = sys.argv[1:]
     checking = "--check" in words
     programs = [word for word in words if word != "--check"]
     if len(programs) != 1:
         sys.exit(__doc__)
-    options = parse_help(said_by(programs[0], "-h"))
-    assert options, "the program's texts have another form"
-    plugins = all_plugins(programs[0])
+    program = look_at(programs[0])
     changed = []
     for name, made_from in FILES.items():
         path = ROOT / name
         text = path.read_text(encoding="utf-8")
-        new = made_from(text, options, plugins)
+        new = made_from(text, program)
         if new != text:
             changed.append(name)
             if not checking:

@@ -39,7 +39,8 @@ class Reference(unittest.TestCase):
         program = Path(directory.name) / "other"
         for option in ("h", "l"):
             program.with_name(option).write_text(texts.get(option) or output_of(f"-{option}"))
-        program.with_name("extras").symlink_to(Path(PROGRAM).parent / "extras")
+        for name in ("extras", "field_tables"):
+            program.with_name(name).symlink_to(Path(PROGRAM).parent / name)
         program.write_text('#!/bin/sh\n'
                            f'if [ "$1" = -X ]; then exec {PROGRAM} "$@"; fi\n'
                            'cat "$(dirname "$0")/${1#-}"\n')
@@ -83,6 +84,17 @@ class Reference(unittest.TestCase):
         done = check(self.other_program(h=output_of("-h").replace("daemonize", "daemonise")))
         self.assertEqual(done.returncode, 1)
         self.assertIn("docs/man/kestrelexp.8\n", done.stdout)
+
+    def test_a_new_field_is_missed_in_the_page_on_templates(self):
+        program = self.other_program()
+        tables = program.with_name("field_tables")
+        tables.unlink()
+        tables.write_text(f'#!/bin/sh\n{Path(PROGRAM).parent}/field_tables "$@"\n'
+                          '[ "$1" = elements ] || echo "| \\`COLOUR\\` | 1 | IPv4 | paint |"\n')
+        tables.chmod(0o755)
+        done = check(program)
+        self.assertEqual(done.returncode, 1)
+        self.assertEqual(done.stdout.splitlines()[:-1], ["docs/templates.md"])
 
     def test_readers_of_manuals_find_nothing_to_complain_about(self):
         for page in PAGES:
