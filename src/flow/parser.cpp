@@ -16,6 +16,7 @@
 #include "base/wire.h"
 #include "flow/flow_key.h"
 #include "record/layout.h"
+#include "record/protocols.h"
 
 namespace kestrel {
 namespace {
@@ -73,23 +74,19 @@ enum ethertype : uint16_t {
     ethertype_mpls = 0x8847,  // RFC 5332, unicast
 };
 
-enum ip_protocol : uint8_t {
-    protocol_hop_by_hop = 0,
-    protocol_icmp = 1,
-    protocol_tcp = 6,
-    protocol_udp = 17,
-    protocol_routing = 43,
-    protocol_fragment = 44,
-    protocol_authentication = 51,
-    protocol_icmpv6 = 58,
-    protocol_destination_options = 60,
-    protocol_sctp = 132,
+// IPv6 extension headers (RFC 8200 section 4, RFC 4302).
+enum ipv6_extension : uint8_t {
+    extension_hop_by_hop = 0,
+    extension_routing = 43,
+    extension_fragment = 44,
+    extension_authentication = 51,
+    extension_destination_options = 60,
 };
 
 bool is_ipv6_extension(uint8_t protocol) {
-    return protocol == protocol_hop_by_hop || protocol == protocol_destination_options ||
-           protocol == protocol_routing || protocol == protocol_fragment ||
-           protocol == protocol_authentication;
+    return protocol == extension_hop_by_hop || protocol == extension_destination_options ||
+           protocol == extension_routing || protocol == extension_fragment ||
+           protocol == extension_authentication;
 }
 
 // What the headers read so far came to. Out-of-line functions take and return it by value: by
