@@ -27,7 +27,7 @@ def rounded_up(size):
 
 
 def computed(q, options):
-    """Bytes of the cache and of the rings in front of it and behind it."""
+    """Bytes of the cache and of the rings before and after it."""
     record = RECORD + sum(BLOCKS.get(word, 0) for word in options)
     slots = 1 << q
     return (slots * (KEY + FAST_RECORD + rounded_up(record))

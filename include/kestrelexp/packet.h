@@ -46,13 +46,13 @@ KX_API flow_key packet_to_flow_reader(void* reader, struct flow_record* record);
 /* Parses the captured_length bytes of one Ethernet frame into *record (88 bytes + data space).
  * Sets packets to 1 and clears bytes, tcpflags, l3protocol, l4protocol, inputsnmp, outputsnmp,
  * sampling, export_flag and the VLAN and MPLS counts first; start and end are the caller's.
- * Never reads past captured_length: bytes behind it count as zero. Returns the key, or 0 when the
+ * Never reads past captured_length: bytes after it count as zero. Returns the key, or 0 when the
  * frame is no flow (not IP, or a tag or label stack that runs past the captured bytes). */
 KX_API flow_key record_process_packet(const uint8_t* data, uint32_t captured_length,
                                       struct flow_record* record);
 
 /* The last frame parsed on the calling thread: returns its start, and stores its captured length
- * and the bytes up to the first one behind the last header understood (0 when it was no flow).
+ * and the bytes up to the first one after the last header understood (0 when it was no flow).
  * Returns NULL when the headers run past the captured bytes, or when this thread parsed nothing.
  * Meant for process plugins called for the packet just parsed; see "needs packets" in plugin.h. */
 KX_API const uint8_t* get_packet_data(uint32_t* captured_length, uint32_t* header_length);

@@ -18,7 +18,7 @@ extern "C" {
 struct rawnetcap_record {
     uint32_t seconds; /* since the Unix epoch */
     uint32_t nanoseconds;
-    uint16_t captured_length; /* bytes of frame data behind this header */
+    uint16_t captured_length; /* bytes of frame data after this header */
     uint16_t wire_length;
     uint16_t input_interface;
     uint16_t reserved_14; /* not read */
@@ -34,7 +34,7 @@ KX_API struct rawnetcap_context* rawnetcap_init(const char* devices, uint32_t sa
                                                 uint32_t snap_length, uint32_t cache_size);
 
 /* The next record, in the ring itself, or NULL when none came within the time-out. Valid until the
- * next call; its frame lies right behind it and wholly within the ring. A record that would run
+ * next call; its frame lies right after it and wholly within the ring. A record that would run
  * past the ring ends the capture: it is reported, the device is given back, and from then on every
  * call waits for the time-out and returns NULL. */
 KX_API const struct rawnetcap_record* rawnetcap_get_next(struct rawnetcap_context* context,

@@ -2,7 +2,7 @@
  *
  * Definitions (from a template file or built in) are turned into a collection once, at start-up.
  * Then, for each flow: a template is found, the record is appended to that template's buffer in
- * wire form, and at a flush all buffers are copied into a packet as data sets, behind a template
+ * wire form, and at a flush all buffers are copied into a packet as data sets, after a template
  * set when one is due. Message headers, sequence numbers and sending are the exporters' own.
  *
  * A collection belongs to one exporter and is used by one thread. It lives as long as the program.
@@ -104,7 +104,7 @@ KX_API uint32_t exporter_template_find(const struct template_collection* collect
 
 /* Appends the record to the buffer of the template at index, or of the one that it finds when
  * index is negative. Returns 0, or 0xFFFFFFFF when there is no such template. Values that would
- * lie behind the buffer are counted and reported, not written. */
+ * lie after the buffer are counted and reported, not written. */
 KX_API uint32_t exporter_template_add_record(struct template_collection* collection,
                                              const struct flow_record* record, int32_t index);
 

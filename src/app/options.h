@@ -34,7 +34,7 @@ struct option_row {
     const char* argument;  // its name in the help text; null: the option takes none
     option_group group;
     help_section section;
-    const char* help;  // further lines follow behind '\n'
+    const char* help;  // further lines follow after '\n'
     void (*apply)(settings& to, char* argument);
 };
 

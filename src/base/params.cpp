@@ -87,7 +87,7 @@ char** char_split(char* text, int separator, int copy) {
         piece = *end ? end + 1 : nullptr;
         *end = '\0';
     }
-    return pieces;  // closed by the zeros behind the last piece
+    return pieces;  // closed by the zeros after the last piece
 }
 
 int config_set_values(char* params, const struct config_setting* table) {
@@ -99,6 +99,7 @@ int config_set_values(char* params, const struct config_setting* table) {
         borrowed |= last == outcome::borrowed;
     }
     if (!borrowed)
-        std::free(items[0]);  // the one copy behind all items; a string target keeps it for ever
+        std::free(
+            items[0]);  // the one copy that holds all items; a string target keeps it for ever
     return last == outcome::failed ? -1 : 0;
 }

@@ -25,7 +25,7 @@ class split {
 
     size_t size() const { return size_; }
     const char* operator[](size_t i) const { return pieces_[i]; }
-    // The i-th piece, null behind the last one.
+    // The i-th piece, null after the last one.
     const char* at(size_t i) const { return i < size_ ? pieces_[i] : nullptr; }
     const char* const* begin() const { return pieces_; }
     const char* const* end() const { return pieces_ + size_; }

@@ -40,7 +40,7 @@ inline uint32_t load_be32(const uint8_t* from) {
     return byte_swap(load_native<uint32_t>(from));
 }
 
-// Writes big-endian values one behind the other into a fixed buffer. A value that does not fit is
+// Writes big-endian values one after the other into a fixed buffer. A value that does not fit is
 // not written and marks the writer as overrun; nothing is ever written outside the buffer.
 class wire_writer {
   public:

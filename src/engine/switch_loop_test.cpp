@@ -153,7 +153,7 @@ TEST(SwitchLoop, ExchangeRingHasAnEighthOfTheQueueAndRoomForTheKey) {
                                            "(mem: 0 KiB) parser-xchange\n"));
 }
 
-// An input of one-packet records that can show the frame behind each, and a plugin that looks.
+// An input of one-packet records that can show the frame of each, and a plugin that looks.
 // Every second call gives none.
 const uint8_t shown_frames[5][4] = {{1, 0, 0, 0}, {}, {2, 0, 0, 0}, {}, {3, 0, 0, 0}};
 

@@ -171,7 +171,7 @@ TEST_F(ExportIpfix, MessageLeavesBeforeItIsTooLong) {
     EXPECT_EQ(16u + 1428, receive().size());
 }
 
-// Records of one byte behind a template set of 12: the 1417th fits (1420 + 12 + 16 + 1), and rounds
+// Records of one byte after a template set of 12: the 1417th fits (1420 + 12 + 16 + 1), and rounds
 // the estimate up to 1424, which is too much for a record of no bytes.
 TEST_F(ExportIpfix, FlowThatFitsNoTemplateMayStillSendAFullMessage) {
     connect("", "BEGIN-TEMPLATE\nPROTOCOL=L3_IPV6_ADDR_SRC\n");

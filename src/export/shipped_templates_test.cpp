@@ -260,7 +260,7 @@ TEST_F(ShippedTemplates, BytesOnThePageAreThoseOnTheWire) {
         std::snprintf(digits, sizeof digits, "%02x", byte);
         shown += digits;
     }
-    // Two blocks of hexadecimal digits, remarks behind a wide gap.
+    // Two blocks of hexadecimal digits, remarks after a wide gap.
     std::string on_page;
     const std::string text = page();
     for (const char* start : {"0002 0018 ", "0100 0014 "}) {

@@ -136,7 +136,7 @@ char** exporter_template_convert_config(char** lines) {
         else
             open = *lines;
     }
-    // One block: the pointers, then the texts. A caller could not free texts behind a null.
+    // One block: the pointers, then the texts. A caller could not free texts after a null.
     size_t size = (definitions.size() + 1) * sizeof(char*);
     for (const auto& definition : definitions)
         size += definition ? definition->size() + 1 : 0;

@@ -1,7 +1,7 @@
 // The common part of the template exporters. Runs on the thread of the record loop; never touches a
 // message header and never sends.
 //
-// Nothing is ever written behind the 1450 bytes of sets in a packet, and no buffer ever holds more.
+// Nothing is ever written after the 1450 bytes of sets in a packet, and no buffer ever holds more.
 // With S = data_size, O = the cursor's offset (the template sets in the packet), n = the number of
 // templates, T = bytes of a template set, L = bytes of a record:
 //  - S is at least what the data sets take (D). It is that plus 4 for each empty template when it
@@ -11,7 +11,7 @@
 //  - is_full said no: S + O + L <= 1450 - 16, so O + D <= 1450 - 16 + 7 with the record.
 //  - is_full (or a change of sampling, or the clock) made a flush: D is 0, the record makes it at
 //    most 4 + round_up_to_4(L), and it is added without another look. templates_fit_at has seen to
-//    the room for it behind every template set: at the start for one, later for each further one.
+//    the room for it after every template set: at the start for one, later for each further one.
 #include "export/template_exporter.h"
 
 #include <unistd.h>
@@ -140,7 +140,7 @@ void start_packet(template_exporter& self) {
 
 uint32_t write_templates(template_exporter& self, uint64_t now_s) {
     self.last_templates_s = now_s;
-    // A set behind another one tells the collector nothing new: records go first.
+    // A set after another one tells the collector nothing new: records go first.
     if (self.cursor.offset > 0 && !templates_fit_at(self, self.cursor.offset))
         return 0;
     return exporter_template_fill_packet_templates(self.templates, &self.cursor);
@@ -150,7 +150,7 @@ uint32_t refresh_templates(template_exporter& self, uint64_t now_s) {
     uint32_t count = 0;
     if (self.templates->packets_built % static_cast<uint32_t>(self.refresh_packets) == 0)
         count += write_templates(self, now_s);
-    // A negative time is always over, even right behind the set above: unsigned on purpose.
+    // A negative time is always over, even right after the set above: unsigned on purpose.
     if (now_s > self.last_templates_s + static_cast<uint64_t>(int64_t{self.refresh_time_s}))
         count += write_templates(self, now_s);
     return count;

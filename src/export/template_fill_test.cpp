@@ -32,7 +32,7 @@ class TemplateFill : public kestrel_test::export_fixture {
             EXPECT_EQ(0u, add());
     }
     uint16_t size() { return exporter_template_current_data_size(collection_); }
-    // What a fill wrote at the cursor; the bytes behind it are untouched.
+    // What a fill wrote at the cursor; the bytes after it are untouched.
     template <typename Fill>
     bytes written(Fill fill) {
         std::vector<uint8_t> buffer(4096, 0xEE);

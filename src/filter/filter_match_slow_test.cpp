@@ -12,7 +12,7 @@ namespace {
 
 using namespace kestrel_test;
 
-// A flow with the VLAN block behind its record.
+// A flow with the VLAN block after its record.
 class tagged_flow {
   public:
     explicit tagged_flow(const std::vector<uint16_t>& ids, uint16_t count)

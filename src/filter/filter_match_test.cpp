@@ -129,7 +129,7 @@ TEST(FastIpv4, DestinationsOfOneSourceAreAllFound) {
 
 TEST(FastIpv4, OverlappingEntriesHideOneAnother) {
     // Entries: any source, 10.0.0.0-10.0.0.255. The search begins at the second one and, for a
-    // source behind it, never comes back to the first.
+    // source after it, never comes back to the first.
     const auto rules = compile("fast dst addr 192.0.2.1\nfast src addr 10.0.0.0/24\n");
     EXPECT_TRUE(keeps(rules, "9.0.0.1", "192.0.2.1"));
     EXPECT_TRUE(keeps(rules, "10.0.0.1", "192.0.2.9"));
@@ -170,7 +170,7 @@ TEST(FastIpv6, HostsOfOneNetworkAreFound) {
 
 TEST(FastIpv6, HostsOfSeveralNetworksHideOneAnother) {
     // Sorted by their low halves: 3001::1, 2001:db8::2. The search begins at the second one and
-    // looks in front of it for smaller networks, behind it for larger ones.
+    // looks in front of it for smaller networks, after it for larger ones.
     const auto rules = compile("fast src addr 2001:db8::2\nfast src addr 3001::1\n");
     EXPECT_TRUE(keeps(rules, "2001:db8::2", "::1"));
     EXPECT_FALSE(keeps(rules, "3001::1", "::1"));

@@ -1,4 +1,4 @@
-// Tests of the parser: its entry points, and the packet behind a record. Expected keys were worked
+// Tests of the parser: its entry points, and the packet of a record. Expected keys were worked
 // out apart from the program, from the polynomial up.
 #include <gtest/gtest.h>
 

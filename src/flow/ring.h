@@ -1,4 +1,4 @@
-// The ring behind kestrelexp/storage.h, with its per-record operations inline for the program's own
+// The ring of kestrelexp/storage.h, with its per-record operations inline for the program's own
 // loops. Exactly one producer thread and one consumer thread (the "final-records" ring has two
 // producers that take turns under the queue's lock).
 //

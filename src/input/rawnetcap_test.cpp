@@ -275,7 +275,7 @@ class RawnetcapRing : public Rawnetcap {
     void SetUp() override {
         context_ = static_cast<rawnetcap_context*>(calloc(1, sizeof *context_));
         new (context_) rawnetcap_context;
-        // Nobody may touch the page behind the ring.
+        // Nobody may touch the page after the ring.
         ring_ = static_cast<uint8_t*>(
             mmap(nullptr, 2 * size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
         ASSERT_EQ(0, mprotect(ring_ + size, size, PROT_NONE));

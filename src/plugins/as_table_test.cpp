@@ -124,7 +124,7 @@ TEST(AsTable, WhatElseIsInTheTableDecidesWhichOfTwoCounts) {
     EXPECT_EQ(16u, find_as4(above.table4, 0x0A010203));
 }
 
-// 10.2.3.4 lies behind 10.1.0.0/16, so the search goes up, away from 10.0.0.0/8.
+// 10.2.3.4 lies after 10.1.0.0/16, so the search goes up, away from 10.0.0.0/8.
 TEST(AsTable, ANetworkInsideAnotherMayHideItFromItsOtherAddresses) {
     const as_tables tables =
         table4({{16, 0x0A010000, 16}, {8, 0x0A000000, 8}, {20, 0x14000000, 8}});

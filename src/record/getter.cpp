@@ -19,7 +19,7 @@ size_t entry_count(const getter* table) {
     return count;
 }
 
-// Puts count entries behind those of *table. The entries may lie in the table itself: the old array
+// Puts count entries after those of *table. The entries may lie in the table itself: the old array
 // goes last.
 void append(getter** table, const getter* entries, size_t count) {
     const size_t before = entry_count(*table);

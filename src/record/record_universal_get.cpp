@@ -1,4 +1,4 @@
-// The one routine behind every accessor, for plugins: a value out of a record into a field of a
+// The one routine of every accessor, for plugins: a value out of a record into a field of a
 // given width and byte order. Touches only its arguments, any thread.
 #include "kestrelexp/getter.h"
 #include "record/copy_value.h"

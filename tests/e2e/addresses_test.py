@@ -127,11 +127,11 @@ class Addresses(E2eCase):
         self.check_hidden(self.ipfix)
 
     def test_a_flow_changed_for_one_protocol_stays_changed_for_those_behind_it(self):
-        before, own, behind, last = (self.collecting() for _ in range(4))
+        before, own, after, last = (self.collecting() for _ in range(4))
         self.run_frames(*self.ipfix(before.port), "-F", MASK, *self.netflow_v9(own.port),
-                        *netflow_v5(behind.port), *self.ipfix(last.port))
+                        *netflow_v5(after.port), *self.ipfix(last.port))
         masked = changed(FLOWS, MASKED)
         self.check(before, FLOWS, COLUMNS)
         self.check(own, masked, COLUMNS)
-        self.check(behind, only_ipv4(masked), COLUMNS)
+        self.check(after, only_ipv4(masked), COLUMNS)
         self.check(last, masked, COLUMNS)

@@ -55,7 +55,7 @@ class BadFrames(E2eCase):
         frames = [whole[:length] for length in range(14, len(whole), 3)]
         endless = bytearray(whole)
         for position in range(54, len(endless), 8):
-            endless[position:position + 2] = b"\x00\x01"  # hop-by-hop behind hop-by-hop
+            endless[position:position + 2] = b"\x00\x01"  # hop-by-hop after hop-by-hop
         frames += [bytes(endless), bytes(endless[:60]), bytes(endless[:55])]
         self.assert_flows(self.run_frames(frames, *EVERYTHING),
                           {Flow(A, B, 17, 1000, 53, 0, 0, 2, 56): 1})

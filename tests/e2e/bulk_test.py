@@ -11,7 +11,7 @@ from testbed.probe import netflow_v5
 
 FLOWS = 400_000
 FRAMES_PER_SECOND = 40_000
-# Payloads of 18 to 24 bytes in turn behind 28 bytes of headers.
+# Payloads of 18 to 24 bytes in turn after 28 bytes of headers.
 OCTETS = sum(28 + 18 + number % 7 for number in range(FLOWS))
 
 

@@ -50,7 +50,7 @@ class Timeouts(E2eCase):
             time.sleep(max(0, began + due - time.monotonic()))
             self.sender.send(ethernet(ipv4(udp(1, 2), A, B)))
         self.stop_in_order(probe, collector)
-        # The first packet 4 s or more behind the start of the flow begins the next one.
+        # The first packet 4 s or more after the start of the flow begins the next one.
         self.assert_flows(collector.flows, {Flow(A, B, 17, 1, 2, 0, 0, 4, 112): 1,
                                             Flow(A, B, 17, 1, 2, 0, 0, 2, 56): 1})
         first, second = collector.records

@@ -308,7 +308,7 @@ int filter_model::parse_address(const std::string& value, char side, model_bound
         written.low[i] = written.high[i] = found->value[i];
     if (prefix < 1)
         return found->family;
-    // Bit by bit: every bit behind the prefix is 0 in the lower bound and 1 in the upper one.
+    // Bit by bit: every bit after the prefix is 0 in the lower bound and 1 in the upper one.
     for (unsigned bit = 0; bit < 32 * count - static_cast<unsigned>(prefix); ++bit) {
         written.low[bit / 32] &= ~(1u << bit % 32);
         written.high[bit / 32] |= 1u << bit % 32;

@@ -15,7 +15,7 @@ namespace kestrel_model {
 namespace {
 
 constexpr size_t record_room = 88 + 10 + 44 + 12;
-constexpr size_t guard = 32;  // bytes behind the record that nobody may touch
+constexpr size_t guard = 32;  // bytes after the record that nobody may touch
 
 // What the driver says of a frame on the reader's road.
 constexpr uint64_t given_time = 1'700'000'000'123'456'789;

@@ -23,7 +23,7 @@ struct ipv6_view {
 // What a parse says of a frame. A field without a value is one that the parser leaves alone.
 struct parsed_frame {
     int64_t key = 0;             // 0: the frame is no flow
-    uint32_t header_length = 0;  // bytes up to the first one behind the last header understood
+    uint32_t header_length = 0;  // bytes up to the first one after the last header understood
 
     std::array<uint8_t, 6> mac_source{};
     std::array<uint8_t, 6> mac_destination{};

@@ -1,6 +1,6 @@
 """Real captures: packets and bytes of the flows are those that tshark counts in the frames.
 
-Counted are frames in which tshark meets IP behind nothing but Ethernet, VLAN tags and MPLS labels,
+Counted are frames in which tshark meets IP after nothing but Ethernet, VLAN tags and MPLS labels,
 with the lengths of that first IP header as they stand.
 """
 

@@ -1,8 +1,8 @@
 """The time of the packets is the time of the program: header times, time-outs, silences.
 
 Where nothing else is said the time-outs are 180 s and 10 s. Passes are then 2.51 s apart (251
-ticks). Without packets every third one looks at all flows: 7.53 s, 15.06 s, ... behind the first
-packet. Exports are looked after every 6 s, and flushed at the second look behind the last flow.
+ticks). Without packets every third one looks at all flows: 7.53 s, 15.06 s, ... after the first
+packet. Exports are looked after every 6 s, and flushed at the second look after the last flow.
 """
 
 import struct
@@ -23,7 +23,7 @@ def frame(port):
 
 
 def packets(*times_and_ports, origin=T):
-    """(seconds behind the origin, source port)"""
+    """(seconds after the origin, source port)"""
     return [(round((origin + seconds) * 1000) * MS, frame(port))
             for seconds, port in times_and_ports]
 
@@ -82,7 +82,7 @@ class Times(ReplayCase):
 
     def test_templates_are_sent_again_by_the_packets_clock(self):
         # Flows leave at 15.06, 112.95 and 215.86 s; the third message is the first that is sent
-        # later than 150 s, so templates are put behind it and leave with the next flush.
+        # later than 150 s, so templates are put after it and leave with the next flush.
         made = self.file(pcap(packets((0, 1), (100, 2), (200, 3), (300, 4))))
         messages = self.export(made, "ipfix", *TIMEOUTS,
                                export_options=",template-refresh-time=150")

@@ -1,4 +1,4 @@
-// Builds Ethernet frames byte by byte for tests: appends headers one behind the other, nothing is
+// Builds Ethernet frames byte by byte for tests: appends headers one after the other, nothing is
 // computed behind the caller's back. Multi-byte values are written in network order.
 #pragma once
 

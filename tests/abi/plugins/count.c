@@ -1,5 +1,5 @@
 /* A process plugin. Its 8 bytes of each record: packets seen (4), reason of the flow's end (1), and
- * of the frame behind the last packet the captured length, the header length and the first byte (1
+ * of the frame of the last packet the captured length, the header length and the first byte (1
  * each; 0 when it does not ask for frames). export_at=N has a flow exported at its N-th packet. */
 #include <string.h>
 

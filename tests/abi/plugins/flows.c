@@ -1,6 +1,6 @@
 /* An input that delivers packets as records with keys: five packets of two flows, A B A A B, one
  * millisecond apart, with calls in between that deliver nothing. Built with and without the frame
- * behind each record. Times lie in the year 2100, so no flow grows idle while a test runs. */
+ * of each record. Times lie in the year 2100, so no flow grows idle while a test runs. */
 #define _POSIX_C_SOURCE 200809L
 #include <string.h>
 #include <time.h>

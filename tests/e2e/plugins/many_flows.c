@@ -5,7 +5,7 @@
  *
  * A collector loses what does not fit into its socket: before every burst of flows (burst=N, 0 for
  * no waiting) the input waits until no UDP socket of its network namespace holds unread data. Says
- * "many_flows: delivered" behind the last flow. Runs on the input's reader thread.
+ * "many_flows: delivered" after the last flow. Runs on the input's reader thread.
  */
 #include <inttypes.h>
 #include <stdbool.h>

@@ -1,4 +1,4 @@
-/* An emulated capture module behind /dev/rawnetcap: the other side of the protocol, written from
+/* An emulated capture module of /dev/rawnetcap: the other side of the protocol, written from
  * its description alone. calls.c lets a program meet it. One opener at a time; no locks, since the
  * program under test uses the device from one thread at a time.
  *

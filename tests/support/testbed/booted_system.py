@@ -1,6 +1,6 @@
 """systemd as it would run on a machine, in the process name space of a copy of this one.
 
-To be used behind enter_machine_copy(). Nothing but the units that a test starts runs in it. The
+To be used after enter_machine_copy(). Nothing but the units that a test starts runs in it. The
 network is the caller's, so the caller's sockets and interfaces meet those of the services.
 """
 

@@ -1,7 +1,7 @@
 """A second, slow model of what the probe does with frames: which flows leave, with which sums.
 
 Written for clarity: one pass per frame over its bytes, a dictionary of flows, no timeouts, no
-bucket limits. Bytes behind the end of a frame read as zero, like the probe's own view of them.
+bucket limits. Bytes after the end of a frame read as zero, like the probe's own view of them.
 """
 
 import ipaddress

@@ -35,7 +35,7 @@ class Network:
 
 
 def ethernet(network, tags=(), labels=(), source=MAC_SOURCE, destination=MAC_DESTINATION):
-    """tags: (TPID, VID) outermost first. labels: MPLS labels outermost first, behind the tags."""
+    """tags: (TPID, VID) outermost first. labels: MPLS labels outermost first, after the tags."""
     ethertype, data = network.ethertype, network.data
     if labels:
         ethertype, data = MPLS, mpls_stack(labels) + data
