@@ -21,16 +21,29 @@ namespace kestrel {
 
 namespace {
 
-// Descriptors 0, 1 and 2 stay taken: were they left closed, a ring's pipe or a collector's socket
-// would become standard error, and whatever a library prints there would end up in it.
-void close_standard_descriptors() {
-    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+constexpr int standard_descriptors[] = {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO};
+
+// Opens /dev/null onto those that are closed; returns whether all of them are open then.
+bool open_closed_descriptors() {
+    for (const int descriptor : standard_descriptors)
+        if (fcntl(descriptor, F_GETFD) < 0 &&
+            open("/dev/null", O_RDWR) != descriptor)  // it gets the lowest number that is free
+            return false;
+    return true;
+}
+
+void replace_standard_descriptors() {
+    for (const int descriptor : standard_descriptors)
         close(descriptor);
-        std::ignore = open("/dev/null", O_RDWR);  // gets the number just freed, the lowest one
-    }
+    std::ignore = open_closed_descriptors();  // nowhere to say it, and no reason to end
 }
 
 }  // namespace
+
+void keep_standard_descriptors() {
+    if (!open_closed_descriptors())
+        die(exit_config, "Unable to open /dev/null");
+}
 
 void daemonize() {
     for (const int terminal_signal : {SIGTTOU, SIGTTIN, SIGTSTP})
@@ -46,7 +59,7 @@ void daemonize() {
 
     verbose_msg(-1, "Backgrounding: %i", getpid());
     std::ignore = setpgid(0, 0);  // a session leader cannot leave its group, which is as good
-    close_standard_descriptors();
+    replace_standard_descriptors();
     if (chdir("/") != 0)
         verbose_msg(-1, "Unable to chdir to /");
     umask(0);

@@ -6,7 +6,13 @@
 
 namespace kestrel {
 
-// Goes on in a child process detached from the terminal, with messages in syslog; the parent ends.
+// Opens /dev/null onto descriptors 0, 1 and 2 where they are closed. Otherwise the next pipe of a
+// ring, or a collector's socket, would become standard error, and each message would end up in it.
+// Ends the program with status 255 when there is no /dev/null to open.
+void keep_standard_descriptors();
+
+// Goes on in a child process detached from the terminal, with messages in syslog and /dev/null
+// as descriptors 0, 1 and 2; the parent ends.
 void daemonize();
 
 // Binds the process to CPUs 0 to 31 by the bits of mask. A mask of 0 or one that the system

@@ -46,6 +46,7 @@ void start_flow_thread(const engine& engine, flow_switch* flow_switch);
 
 int main(int argc, char** argv) {
     using namespace kestrel;
+    keep_standard_descriptors();
     set_names(argv[0]);
     install_memory_handler();
     // Other threads use it until the very end of the process, so it is never taken down.

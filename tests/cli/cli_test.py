@@ -8,6 +8,7 @@ import ctypes
 import os
 import re
 import signal
+import subprocess
 import sys
 import tempfile
 import time
@@ -266,6 +267,25 @@ class Runs(unittest.TestCase):
         status, _, lines = probe.run(PROGRAM, ["-H", "/nonexistent"])
         self.assertEqual(lines, ["hugetlb open failed: No such file or directory"])
         self.assertEqual(status, 214)
+
+    def test_closed_standard_descriptors_become_the_null_device(self):
+        # Left closed, they would be the next pipes: messages would be read as room in a ring.
+        for closed in ((0,), (1,), (2,), (0, 1, 2)):
+            with self.subTest(closed=closed):
+                process = subprocess.Popen(
+                    ["kestrelexp", *f"-v 0 {LO} -E null".split()], executable=PROGRAM,
+                    stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                    preexec_fn=lambda: [os.close(descriptor) for descriptor in closed])
+                try:
+                    probe.wait_for_threads(process.pid, 4)
+                    for descriptor in (0, 1, 2):
+                        self.assertEqual(os.readlink(f"/proc/{process.pid}/fd/{descriptor}"),
+                                         "/dev/null")
+                    process.send_signal(signal.SIGINT)
+                    self.assertEqual(process.wait(timeout=probe.SECONDS_TO_WAIT), 0)
+                finally:
+                    process.kill()
+                    process.wait()
 
     def test_a_daemon(self):
         libc = ctypes.CDLL(None)
