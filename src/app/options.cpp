@@ -104,8 +104,10 @@ void add_block(settings& to, char* argument) {
             *block.offset = reserve_record_space(to.run.registry, block.size);
 }
 
+// A mask of all 32 bits is none: the process keeps the CPUs that it has.
 void set_cpu_mask(settings& to, char* argument) {
-    to.cpu_mask = static_cast<uint32_t>(std::strtoull(argument, nullptr, 10));
+    const auto mask = static_cast<uint32_t>(std::strtoull(argument, nullptr, 10));
+    to.cpu_mask = mask == ~uint32_t{0} ? std::nullopt : std::optional(mask);
 }
 
 void set_user(settings& to, char* argument) {

@@ -290,6 +290,13 @@ TEST_F(Options, TheCpuMaskReachesBitThirtyOne) {
     EXPECT_EQ(given.cpu_mask, 0x80000001u);
 }
 
+TEST_F(Options, ACpuMaskOfAllBitsIsNone) {
+    parse("-m 1 -m 4294967295");
+    EXPECT_FALSE(given.cpu_mask.has_value());
+    parse("-m 4294967294");
+    EXPECT_EQ(given.cpu_mask, 0xFFFFFFFEu);
+}
+
 TEST_F(Options, AMissingTimeoutKeepsItsValue) {
     parse("-t 60");
     EXPECT_EQ(given.run.active_timeout, 60);
