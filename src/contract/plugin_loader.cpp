@@ -165,7 +165,9 @@ void load_plugin_directory(const char* prefix, const char* directory, plugin_reg
 void add_plugin(const char* path, plugin_registry* registry) {
     void* const object = dlopen(path, RTLD_NOW);
     if (object == nullptr) {
+        const char* const reason = dlerror();
         verbose_msg(-1, "Unable to open plugin: %s", path);
+        verbose_msg(0, "%s", reason);
         return;
     }
     verbose_msg(2, "Plugin: %s opened", path);

@@ -141,9 +141,12 @@ ROWS = [
      ["Unable to open plugin: /nonexistent/a.so", NO_INPUT]),
     ("a plugin that is no shared object", "-X /etc/passwd", 255,
      ["Unable to open plugin: /etc/passwd", NO_INPUT]),
-    ("several plugins", "-v 0 -X /nonexistent/a.so,,/nonexistent/b.so -h", 0,
+    ("several plugins, and why none can be opened",
+     "-v 0 -X /nonexistent/a.so,,/etc/passwd -h", 0,
      ["VERBOSE: 0:Plugin to load: /nonexistent/a.so", "Unable to open plugin: /nonexistent/a.so",
-      "VERBOSE: 0:Plugin to load: /nonexistent/b.so", "Unable to open plugin: /nonexistent/b.so"]),
+      "VERBOSE: 0:/nonexistent/a.so: cannot open shared object file: No such file or directory",
+      "VERBOSE: 0:Plugin to load: /etc/passwd", "Unable to open plugin: /etc/passwd",
+      "VERBOSE: 0:/etc/passwd: invalid ELF header"]),
 
     # --- with a device: what is wrong with the exports
     ("no export", LO, 255, ["No export set. Exiting."]),
