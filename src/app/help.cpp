@@ -9,6 +9,7 @@
 
 #include "app/options.h"
 #include "base/log.h"
+#include "flow/flow_cache.h"
 #include "kestrelexp/program.h"
 
 namespace kestrel {
@@ -16,7 +17,6 @@ namespace kestrel {
 namespace {
 
 constexpr int text_column = 18;
-constexpr size_t fast_record_size = 24;  // the flow cache's summary of one slot, bytes
 
 struct section_row {
     help_section section;
@@ -67,7 +67,7 @@ void print_help(const plugin_registry* registry) {
         std::fflush(stdout);  // the sizes come last where both streams go to one place
         verbose_msg(1, "Record size: %lu",
                     size_t{FLOW_RECORD_BASE_SIZE} + registry->extension_length);
-        verbose_msg(1, "Fast record size: %lu", kestrel::fast_record_size);
+        verbose_msg(1, "Fast record size: %lu", sizeof(kestrel::fast_record));
     }
     std::exit(kestrel::exit_ok);
 }

@@ -13,6 +13,7 @@
 #include "base/log.h"
 #include "contract/plugin_loader.h"
 #include "contract/plugin_registry.h"
+#include "flow/flow_cache.h"
 #include "kestrelexp/service.h"
 
 namespace kestrel {
@@ -163,7 +164,10 @@ void set_input(settings& to, char* argument) {
 }
 
 void set_queue_size(settings& to, char* argument) {
-    constexpr uint64_t bytes_per_slot = 112;  // fast record and record line
+    // What the message has always counted: the record without blocks, and the fast record. A slot
+    // takes more: see "How much memory" in docs/operations.md.
+    constexpr uint64_t bytes_per_slot = FLOW_RECORD_BASE_SIZE + sizeof(fast_record);
+    static_assert(bytes_per_slot == 112);
     const int32_t size = decimal(argument);
     if (size < 5 || size > 30)
         die(exit_config, "%i is not valid queue size", size);
