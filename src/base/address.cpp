@@ -37,9 +37,8 @@ ip_address from_socket_address(const sockaddr& address) {
     }
 }
 
-}  // namespace
-
-std::optional<ip_address> resolve_address(const char* text, int flags) {
+// No hints are the system's defaults, which differ from hints without a flag.
+std::optional<ip_address> find_address(const char* text, const addrinfo* hints) {
     // Plain numbers, which are most of what comes, need nothing of the resolver's machinery.
     in_addr ipv4;
     if (inet_pton(AF_INET, text, &ipv4) == 1)
@@ -48,13 +47,23 @@ std::optional<ip_address> resolve_address(const char* text, int flags) {
     if (inet_pton(AF_INET6, text, &ipv6) == 1)
         return from_ipv6(ipv6);
 
-    addrinfo hints = {};
-    hints.ai_flags = flags;
     addrinfo* found = nullptr;
-    if (getaddrinfo(text, nullptr, &hints, &found) != 0)
+    if (getaddrinfo(text, nullptr, hints, &found) != 0)
         return std::nullopt;
     const std::unique_ptr<addrinfo, free_addresses> list(found);
     return from_socket_address(*list->ai_addr);
+}
+
+}  // namespace
+
+std::optional<ip_address> resolve_address(const char* text) {
+    return find_address(text, nullptr);
+}
+
+std::optional<ip_address> numeric_address(const char* text) {
+    addrinfo hints = {};
+    hints.ai_flags = AI_NUMERICHOST;
+    return find_address(text, &hints);
 }
 
 }  // namespace kestrel

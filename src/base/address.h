@@ -12,7 +12,11 @@ struct ip_address {
     uint32_t words[4];  // host order, least significant first; IPv4 is word 0 alone
 };
 
-// The first address that getaddrinfo finds for the text; flags are its AI_* flags.
-std::optional<ip_address> resolve_address(const char* text, int flags);
+// The first address that the system finds for a name or a number, by its own defaults: a name gets
+// addresses of the families that this host has.
+std::optional<ip_address> resolve_address(const char* text);
+
+// The address that the text is as a number, however it is written; no name is looked up.
+std::optional<ip_address> numeric_address(const char* text);
 
 }  // namespace kestrel

@@ -34,9 +34,6 @@ int64_t decimal(const char* text) {
 
 // ---- Addresses ----
 
-// What a look-up without wishes does: a name gets addresses of the families that this host has.
-constexpr int usual_lookup = AI_V4MAPPED | AI_ADDRCONFIG;
-
 size_t count_words(const ip_address& address) {
     return address.family == AF_INET ? 1 : FILTER_ADDRESS_WORDS;
 }
@@ -47,7 +44,7 @@ int version_of(const ip_address& address) {
 }
 
 std::optional<ip_address> resolve(const char* host) {
-    auto found = resolve_address(host, usual_lookup);
+    auto found = resolve_address(host);
     if (!found)
         verbose_msg(-1, "Unable to resolve host: %s", host);
     return found;

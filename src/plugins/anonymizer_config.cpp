@@ -2,12 +2,15 @@
 // block: prefixes may be given as host names. Reports every fault itself.
 #include "plugins/anonymizer_config.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <sys/random.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "base/address.h"
 #include "base/clock.h"
@@ -18,10 +21,36 @@
 namespace kestrel {
 namespace {
 
-// What stands behind the first piece of "piece:rest" and its ':'.
-const char* behind_first(const char* text) {
-    const char* const piece = text + std::strspn(text, ":");
-    return std::strchr(piece, ':') + 1;
+// Where the list of "MASK:list" begins. Empty pieces in front of it are dropped, but for the two
+// colons that an IPv6 address begins with.
+const char* find_mask_list(const char* text) {
+    const char* const mode = text + std::strspn(text, ":");
+    const char* const rest = std::strchr(mode, ':') + 1;
+    const char* const list = rest + std::strspn(rest, ":");
+    if (list - rest < 2)
+        return list;
+    const std::string address(list, std::strcspn(list, "/,"));
+    in_addr ipv4;
+    in6_addr ipv6;
+    const bool is_ipv6 = inet_pton(AF_INET, address.c_str(), &ipv4) != 1 &&
+                         inet_pton(AF_INET6, ("::" + address).c_str(), &ipv6) == 1;
+    return is_ipv6 ? list - 2 : list;
+}
+
+// The list ends where the next piece begins, at a ':' that is no part of an address: after the '/'
+// of an item, or in front of an item on its own.
+std::string mask_list(const char* text) {
+    const char* const list = find_mask_list(text);
+    bool is_address = true;
+    const char* end = list;
+    for (; *end != '\0'; ++end) {
+        const bool is_address_start = end > list && end[-1] == ',';
+        if (*end == ':' && (!is_address || (is_address_start && end[1] != ':')))
+            break;
+        if (*end == '/' || *end == ',')
+            is_address = *end == ',';
+    }
+    return {list, end};
 }
 
 // A prefix length below the address's own; nothing is left of an address otherwise.
@@ -59,7 +88,7 @@ bool add_prefix(anonymizer_state& to, const char* item) {
         verbose_msg(-1, "Bad address format");
         return false;
     }
-    const auto address = resolve_address(parts[0], 0);
+    const auto address = resolve_address(parts[0]);
     if (!address) {
         verbose_msg(-1, "bad address: %s", parts[0]);
         return false;
@@ -75,9 +104,8 @@ bool add_prefix(anonymizer_state& to, const char* item) {
     }
 }
 
-// There is no key, so the list is all the rest: IPv6 addresses keep their colons.
 bool read_mask(anonymizer_state& to, const char* text) {
-    const split list(behind_first(text), ',');
+    const split list(mask_list(text).c_str(), ',');
     if (list.size() == 0) {
         verbose_msg(-1, "Bad formated address list");
         return false;

@@ -129,6 +129,29 @@ TEST_F(AnonymizerParams, Ipv6AddressesKeepTheirColons) {
 
 TEST_F(AnonymizerParams, AnIpv6AddressMayBeginWithColons) {
     EXPECT_EQ(1u, accepted("MASK:::1/64").prefixes6.at(0).words[0]);
+    EXPECT_EQ(0x0A000000u, accepted("MASK:::ffff:10.0.0.0/104").prefixes6.at(0).words[0]);
+    EXPECT_EQ(1u, accepted("MASK:10.0.0.0/8,::1/64").prefixes6.at(0).words[0]);
+}
+
+TEST_F(AnonymizerParams, EmptyPiecesInFrontOfAListAreDropped) {
+    for (const char* text :
+         {"MASK::10.0.0.0/8", "MASK:::10.0.0.0/8", "::MASK::::10.0.0.0/8", "MASK:::localhost/8"}) {
+        const anonymizer_state state = accepted(text);
+        ASSERT_EQ(1u, state.prefixes4.size()) << text;
+        EXPECT_TRUE(state.prefixes4[0].has_value()) << text;
+    }
+    EXPECT_EQ(0x20010DB8u, accepted("MASK::2001:db8::/32").prefixes6.at(0).words[3]);
+}
+
+TEST_F(AnonymizerParams, AListEndsWhereTheNextPieceBegins) {
+    for (const char* text : {"MASK:10.0.0.0/8:junk", "MASK:10.0.0.0/8:junk,11.0.0.0/8",
+                             "MASK:10.0.0.0/8:", "MASK:10.0.0.0/8,:junk", "MASK:10.0.0.0/8,:"}) {
+        const anonymizer_state state = accepted(text);
+        ASSERT_EQ(1u, state.prefixes4.size()) << text;
+        EXPECT_EQ(0x0A000000u, state.prefixes4[0]->address) << text;
+        EXPECT_EQ(24u, state.prefixes4[0]->keep) << text;
+    }
+    EXPECT_EQ(2u, accepted("MASK:2001:db8::/32,10.0.0.0/8:11.0.0.0/8,x").prefixes4.size());
 }
 
 // ---- AES

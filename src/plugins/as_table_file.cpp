@@ -2,7 +2,6 @@
 // sort); holds nothing of it afterwards.
 #include "plugins/as_table_file.h"
 
-#include <netdb.h>
 #include <sys/socket.h>
 
 #include <cstdlib>
@@ -44,7 +43,7 @@ uint16_t prefix_length(const char* text, uint16_t most) {
 }
 
 bool add_line(const as_line& line, as_tables& to) {
-    const auto address = resolve_address(line.address, AI_NUMERICHOST);
+    const auto address = numeric_address(line.address);
     if (!address) {
         verbose_msg(-1, "Unable to get addr: %s", line.address);
         return false;

@@ -1,5 +1,6 @@
 // The anonymizer's parameters: any text. Input: the text up to its first NUL. Texts with host names
 // are left out: they would be looked up.
+#include <arpa/inet.h>
 #include <netdb.h>
 
 #include <cstring>
@@ -50,10 +51,35 @@ struct verdict {
     uint32_t fields = 0;
 };
 
+// The items of a MASK text, as users write them: colons belong to an address, so to what stands in
+// front of a '/'; any other colon ends the list, or is an empty piece in front of it.
+pieces mask_items(const std::string& text) {
+    std::string rest = text.substr(text.find("MASK:") + 5);
+    const size_t colons = rest.find_first_not_of(':');
+    rest.erase(0, colons);
+    const std::string first = rest.substr(0, rest.find_first_of("/,"));
+    const bool is_ipv4 =
+        first.find('.') != std::string::npos && first.find(':') == std::string::npos;
+    in6_addr ipv6;
+    if (colons >= 2 && !is_ipv4 && inet_pton(AF_INET6, ("::" + first).c_str(), &ipv6) == 1)
+        rest.insert(0, "::");
+
+    pieces items;
+    for (const std::string& item : split_plainly(rest, ',')) {
+        if (!items.empty() && item.front() == ':' && !item.starts_with("::"))
+            break;
+        const size_t slash = item.find('/');
+        const size_t colon = slash == std::string::npos ? slash : item.find(':', slash);
+        items.push_back(item.substr(0, colon));
+        if (colon != std::string::npos)
+            break;
+    }
+    return items;
+}
+
 verdict judge_mask(const std::string& text) {
     verdict v;
-    const size_t mode = text.find_first_not_of(':');
-    const pieces items = split_plainly(text.substr(text.find(':', mode) + 1), ',');
+    const pieces items = mask_items(text);
     for (const std::string& item : items) {
         const pieces parts = split_plainly(item, '/');
         if (parts.size() < 2)
