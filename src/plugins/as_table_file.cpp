@@ -22,11 +22,12 @@ struct as_line {
     const char* prefix;
 };
 
-// Cuts the line at its first '-' and its first '/', between which the address stands.
+// Cuts the line at its first '-' and its first '/': the address stands after the one, the prefix
+// length after the other, whichever comes first.
 bool cut(char* line, as_line& to) {
     char* const dash = std::strchr(line, '-');
     char* const slash = std::strchr(line, '/');
-    if (dash == nullptr || slash == nullptr || slash < dash)
+    if (dash == nullptr || slash == nullptr)
         return false;
     *dash = '\0';
     *slash = '\0';
@@ -34,10 +35,11 @@ bool cut(char* line, as_line& to) {
     return true;
 }
 
+// The number is cut to the 16 bits that an entry has for it before it is looked at.
 uint16_t prefix_length(const char* text, uint16_t most) {
-    const long length = std::strtol(text, nullptr, 10);
-    if (length >= 0 && length <= most)
-        return static_cast<uint16_t>(length);
+    const auto length = static_cast<uint16_t>(std::strtol(text, nullptr, 10));
+    if (length <= most)
+        return length;
     verbose_msg(-1, "Network mask out of range: %s", text);
     return most;
 }

@@ -70,9 +70,20 @@ TEST_F(AsTableFile, ALineWithoutItsSeparatorsIsNamedByItsIndex) {
     EXPECT_EQ("AS Helper found invalid config line: 1\n", said_);
 }
 
-TEST_F(AsTableFile, AnAddressStandsBetweenItsSeparators) {
-    EXPECT_EQ(as_file::faulty, read("10.0.0.0/8-65001\n"));
-    EXPECT_EQ("AS Helper found invalid config line: 0\n", said_);
+// The number is what the line begins with, the address stands after the '-', the prefix length
+// after the '/', whichever comes first: 65001 is the address 0.0.253.233.
+TEST_F(AsTableFile, SeparatorsMayComeInEitherOrder) {
+    EXPECT_EQ(as_file::loaded, read("10.0.0.0/8-65001\n7/24-192.0.2.9\n"));
+    EXPECT_EQ("", said_);
+    ASSERT_EQ(2u, tables_.table4.size());
+    EXPECT_EQ(7u, tables_.table4[0].asn);
+    EXPECT_EQ(0xC0000200u, tables_.table4[0].network);
+    EXPECT_EQ(24u, tables_.table4[0].prefix_len);
+    EXPECT_EQ(10u, tables_.table4[1].asn);
+    EXPECT_EQ(0u, tables_.table4[1].network);
+    EXPECT_EQ(8u, tables_.table4[1].prefix_len);
+    EXPECT_EQ(as_file::faulty, read("65001/24-\n"));
+    EXPECT_EQ("Unable to get addr: \n", said_);
 }
 
 TEST_F(AsTableFile, TheFirstSeparatorsCount) {
@@ -105,14 +116,28 @@ TEST_F(AsTableFile, APrefixThatIsTooLongIsCutWithAWarning) {
 }
 
 TEST_F(AsTableFile, APrefixThatNoNumberOfBitsCanBeIsOutOfRange) {
-    EXPECT_EQ(as_file::loaded,
-              read("1-192.0.2.0/-1\n2-192.0.3.0/65544\n3-192.0.4.0/99999999999999999999\n"));
+    EXPECT_EQ(as_file::loaded, read("1-192.0.2.0/-1\n3-192.0.4.0/99999999999999999999\n"
+                                    "4-192.0.5.0/65569\n5-2001:db8::/65665\n"));
     EXPECT_EQ(
-        "Network mask out of range: -1\nNetwork mask out of range: 65544\n"
-        "Network mask out of range: 99999999999999999999\n",
+        "Network mask out of range: -1\nNetwork mask out of range: 99999999999999999999\n"
+        "Network mask out of range: 65569\nNetwork mask out of range: 65665\n",
         said_);
+    ASSERT_EQ(3u, tables_.table4.size());
     for (const as4_entry& entry : tables_.table4)
         EXPECT_EQ(32u, entry.prefix_len);
+    EXPECT_EQ(128u, tables_.table6.at(0).prefix_len);
+}
+
+TEST_F(AsTableFile, APrefixIsCutToSixteenBitsBeforeItIsCompared) {
+    EXPECT_EQ(as_file::loaded, read("1-192.0.2.9/65560\n2-2001:db8::1/65664\n3-10.0.0.1/65536\n"
+                                    "4-10.0.0.1/-65504\n"));
+    EXPECT_EQ("", said_);
+    ASSERT_EQ(3u, tables_.table4.size());
+    EXPECT_EQ(24u, tables_.table4[0].prefix_len);
+    EXPECT_EQ(0xC0000200u, tables_.table4[0].network);
+    EXPECT_EQ(32u, tables_.table4[1].prefix_len);  // 65,536 above -65,504
+    EXPECT_EQ(0u, tables_.table4[2].prefix_len);
+    EXPECT_EQ(128u, tables_.table6.at(0).prefix_len);
 }
 
 TEST_F(AsTableFile, ThePrefixLimitsThemselvesAreFine) {

@@ -4,6 +4,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <optional>
 #include <string>
@@ -63,18 +64,20 @@ std::optional<address_words> address_of(const std::string& text) {
 std::optional<as_network> network_of(const std::string& line) {
     const size_t dash = line.find('-');
     const size_t slash = line.find('/');
-    if (dash == std::string::npos || slash == std::string::npos || slash < dash)
+    if (dash == std::string::npos || slash == std::string::npos)
         return std::nullopt;
-    const std::optional<address_words> address =
-        address_of(line.substr(dash + 1, slash - dash - 1));
+    // What begins after a separator ends at the other one, or with the line.
+    const auto after = [&line](size_t separator, size_t other) {
+        return other > separator ? line.substr(separator + 1, other - separator - 1)
+                                 : line.substr(separator + 1);
+    };
+    const std::optional<address_words> address = address_of(after(dash, slash));
     if (!address)
         return std::nullopt;
-    const std::string number = line.substr(0, dash);
-    const std::string prefix = line.substr(slash + 1);
+    const std::string number = line.substr(0, std::min(dash, slash));
+    const std::string prefix = after(slash, dash);
     const long most = static_cast<long>(32 * address->size());
-    long length = std::strtol(prefix.c_str(), nullptr, 10);
-    if (length < 0 || length > most)
-        length = most;
+    const long length = std::min(std::strtol(prefix.c_str(), nullptr, 10) & 0xFFFF, most);
     return as_network{static_cast<uint32_t>(std::strtol(number.c_str(), nullptr, 10)), *address,
                       static_cast<unsigned>(length)};
 }
