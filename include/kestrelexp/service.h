@@ -96,8 +96,10 @@ struct config_setting {
 KX_API int config_set_values(char* params, const struct config_setting* table);
 
 /* The lines of a file, without line ends, lines with a '#' anywhere and lines of fewer than 3
- * characters dropped. Returns a heap array of heap strings closed by NULL, all the caller's; NULL
- * when the file cannot be opened. */
+ * characters dropped. A line of more than 16,383 characters arrives in pieces, each like a line.
+ * Returns a heap array of heap strings closed by NULL, all the caller's; NULL when the file cannot
+ * be opened (nothing is said then), or not be read to its end (said at level -1): a directory, a
+ * line of more than 1 MiB, more than 128 MiB in all. */
 KX_API char** read_config(const char* path);
 
 #ifdef __cplusplus

@@ -84,10 +84,10 @@ as_helper_state* load(const char* path, std::optional<int64_t> mtime, as_file ou
 }
 
 // A table that is faulty or empty never replaces one that works, and is not read again before it
-// changes. A file that cannot be read at all leaves everything as it is.
+// changes. A file that cannot be opened leaves everything as it is.
 void reload(as_helper_state& self, std::optional<int64_t> mtime, as_file outcome,
             as_tables tables) {
-    if (outcome == as_file::unreadable)
+    if (outcome == as_file::not_opened)
         return;
     note_time(self, mtime);
     if (outcome == as_file::faulty || tables.empty()) {

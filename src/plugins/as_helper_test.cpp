@@ -300,6 +300,19 @@ TEST_F(AsHelper, AFileWithAFaultyLineKeepsTheTables) {
     EXPECT_EQ("", look_up(uptime + 2'000'000));
 }
 
+// The table keeps its time, so that it is not read, and not reported, with every flow.
+TEST_F(AsHelper, ADirectoryInPlaceOfTheFileKeepsTheTables) {
+    load("65001-192.0.2.0/24\n");
+    const std::string path = file_.path();
+    file_.remove();
+    ASSERT_EQ(0, mkdir(file_.path(), 0700));
+    EXPECT_EQ("Unable to read " + path + ": Is a directory\n" + leaving(file_),
+              look_up(uptime + 300'001));
+    EXPECT_EQ(65001u, source_as());
+    EXPECT_EQ("", look_up(uptime + 2'000'000));
+    ASSERT_EQ(0, rmdir(file_.path()));
+}
+
 TEST_F(AsHelper, AFileWithANameKeepsTheTables) {
     load("65001-192.0.2.0/24\n");
     file_.replace("65009-host.example/24\n", 1'600'000'001);

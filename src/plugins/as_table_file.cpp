@@ -9,7 +9,7 @@
 #include <limits>
 
 #include "base/address.h"
-#include "base/heap.h"
+#include "base/config_file.h"
 #include "base/log.h"
 #include "kestrelexp/service.h"
 
@@ -63,9 +63,9 @@ bool add_line(const as_line& line, as_tables& to) {
 }  // namespace
 
 as_file read_as_tables(const char* path, as_tables& tables) {
-    const config_lines lines(read_config(path));
-    if (!lines)
-        return as_file::unreadable;
+    const auto [outcome, lines] = read_config_file(path);
+    if (outcome != config_outcome::read)
+        return outcome == config_outcome::not_opened ? as_file::not_opened : as_file::faulty;
     for (int i = 0; lines[i] != nullptr; ++i) {
         as_line line;
         if (!cut(lines[i], line)) {

@@ -5,10 +5,11 @@
 
 namespace kestrel {
 
-enum class as_file { unreadable, faulty, loaded };
+enum class as_file { not_opened, faulty, loaded };
 
-// Reads lines "ASN-ADDRESS/PREFIX" into sorted tables. Reports a faulty line, and says nothing of a
-// file that cannot be read; tables hold nothing of use then.
+// Reads lines "ASN-ADDRESS/PREFIX" into sorted tables. Reports a faulty line and a file that cannot
+// be read to its end, and says nothing of one that cannot be opened; tables hold nothing of use
+// then.
 as_file read_as_tables(const char* path, as_tables& tables);
 
 }  // namespace kestrel

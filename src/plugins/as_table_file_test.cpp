@@ -56,9 +56,9 @@ TEST_F(AsTableFile, AFileOfCommentsIsAnEmptyTable) {
     EXPECT_TRUE(tables_.empty());
 }
 
-TEST_F(AsTableFile, AFileThatCannotBeReadIsNotSpokenOf) {
+TEST_F(AsTableFile, AFileThatCannotBeOpenedIsNotSpokenOf) {
     testing::internal::CaptureStderr();
-    EXPECT_EQ(as_file::unreadable, read_as_tables("/nonexistent/file", tables_));
+    EXPECT_EQ(as_file::not_opened, read_as_tables("/nonexistent/file", tables_));
     EXPECT_EQ("", testing::internal::GetCapturedStderr());
 }
 
