@@ -28,7 +28,7 @@ void* aligned_block(size_t size) {
     const bool big = size >= huge_page_threshold;
     void* block = nullptr;
     if (posix_memalign(&block, big ? huge_page : cache_alignment, size) != 0)
-        die(exit_memory, "Posix memalign problem (malloc)");
+        out_of_memory("Posix memalign problem (malloc)", size);
     if (big && block) {
         // Before the first touch, or the small pages are there already. Only a wish: a kernel
         // without them serves small pages.
@@ -37,23 +37,30 @@ void* aligned_block(size_t size) {
     return block;
 }
 
-[[noreturn]] void huge_failure(const char* what) {
-    std::perror(what);
-    std::exit(exit_huge_memory);
+[[noreturn]] void huge_failure(size_t size) {
+    std::perror("hugetlb mmap failed");
+    die(exit_huge_memory, "Unable to get %zu bytes of memory", size);
 }
 
 int open_huge_file(const char* directory, const char* name) {
     const std::string path =
         std::string(directory) + "/" + std::to_string(getpid()) + "." + std::string(name);
     const int file = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0755);
-    if (file < 0)
-        huge_failure("hugetlb open failed");
+    if (file < 0) {
+        std::perror("hugetlb open failed");
+        std::exit(exit_huge_memory);
+    }
     // At once, so that the memory goes with the process. Left behind, the file would only be ugly.
     (void)unlink(path.c_str());
     return file;
 }
 
 }  // namespace
+
+void out_of_memory(const char* message, size_t size) {
+    verbose_msg(-1, "%s", message);
+    die(exit_memory, "Unable to get %zu bytes of memory", size);
+}
 
 void* big_array(size_t bytes, const char* directory, const char* name) {
     return directory ? malloc_huge(bytes, directory, name) : malloc_wrapper(bytes, 1);
@@ -72,7 +79,7 @@ void* malloc_wrapper(size_t size, int aligned) {
         size = 1;  // so that a null pointer always means a fault
     void* block = aligned ? aligned_block(size) : std::malloc(size);
     if (!block)
-        die(exit_memory, "Malloc problem");
+        out_of_memory("Malloc problem", size);
     return std::memset(block, 0, size);
 }
 
@@ -80,17 +87,17 @@ void* malloc_huge(size_t size, const char* directory, const char* name) {
     const int file = open_huge_file(directory, name);
     if (size > PTRDIFF_MAX - huge_page) {
         errno = ENOMEM;
-        huge_failure("hugetlb mmap failed");
+        huge_failure(size);
     }
     const size_t rounded = (size + huge_page - 1) / huge_page * huge_page;
     // hugetlbfs grows a file by mapping it; the size makes any other file system serve as well.
     if (ftruncate(file, static_cast<off_t>(rounded)) != 0)
-        huge_failure("hugetlb mmap failed");
+        huge_failure(size);
     void* block = mmap(nullptr, rounded, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
     if (block == MAP_FAILED)
-        huge_failure("hugetlb mmap failed");
+        huge_failure(size);
     // Takes the pages now: on a full file system the first touch would be a SIGBUS.
     if (fallocate(file, 0, 0, static_cast<off_t>(rounded)) != 0 && errno != EOPNOTSUPP)
-        huge_failure("hugetlb mmap failed");
+        huge_failure(size);
     return std::memset(block, 0, rounded);
 }

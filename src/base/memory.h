@@ -20,7 +20,11 @@ T* make_lifelong(Args&&... args) {
 // directory is null, for which transparent huge pages are asked.
 void* big_array(size_t bytes, const char* directory, const char* name);
 
-// Makes a failing operator new end the process as malloc_wrapper does.
+// Ends the process after memory of so many bytes could not be had: the message, then the size.
+[[noreturn]] void out_of_memory(const char* message, size_t size);
+
+// Makes a failing operator new end the process as malloc_wrapper does, without the size, which is
+// not told to its handler.
 void install_memory_handler();
 
 }  // namespace kestrel

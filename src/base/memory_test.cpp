@@ -98,14 +98,16 @@ TEST(Memory, LifelongObjectsAreInitialised) {
 // The sanitizers' allocators end the process in their own way.
 TEST(Memory, ExhaustedMemoryEndsTheProcess) {
     EXPECT_EXIT(malloc_wrapper(SIZE_MAX / 2, 0), testing::ExitedWithCode(102),
-                "^Malloc problem\n$");
+                "^Malloc problem\nUnable to get 9223372036854775807 bytes of memory\n$");
 }
 
 TEST(Memory, ExhaustedAlignedMemoryEndsTheProcess) {
-    EXPECT_EXIT(malloc_wrapper(SIZE_MAX / 2, 1), testing::ExitedWithCode(102),
-                "^Posix memalign problem \\(malloc\\)\n$");
+    EXPECT_EXIT(malloc_wrapper(SIZE_MAX / 2 - 1, 1), testing::ExitedWithCode(102),
+                "^Posix memalign problem \\(malloc\\)\n"
+                "Unable to get 9223372036854775806 bytes of memory\n$");
 }
 
+// What the language asks for is asked for without its size.
 TEST(Memory, FailingNewEndsTheProcess) {
     const auto exhaust = [] {
         install_memory_handler();
@@ -144,9 +146,11 @@ TEST_F(HugeMemory, MissingDirectoryEndsTheProcess) {
 
 TEST_F(HugeMemory, ImpossibleSizesEndTheProcess) {
     EXPECT_EXIT(malloc_huge(SIZE_MAX, directory_.c_str(), "x"), testing::ExitedWithCode(214),
-                "^hugetlb mmap failed: ");
+                "^hugetlb mmap failed: Cannot allocate memory\n"
+                "Unable to get 18446744073709551615 bytes of memory\n$");
     EXPECT_EXIT(malloc_huge(PTRDIFF_MAX / 2, directory_.c_str(), "x"), testing::ExitedWithCode(214),
-                "^hugetlb mmap failed: ");
+                "^hugetlb mmap failed: [^\n]*\n"
+                "Unable to get 4611686018427387903 bytes of memory\n$");
 }
 
 TEST_F(HugeMemory, NothingToMapEndsTheProcess) {

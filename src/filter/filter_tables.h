@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <memory>
 
-#include "base/log.h"
+#include "base/memory.h"
 #include "kestrelexp/filter.h"
 
 namespace kestrel {
@@ -26,7 +26,7 @@ template <typename T>
 void resize_array(T*& array, uint64_t capacity) {
     array = static_cast<T*>(std::realloc(array, capacity * sizeof(T)));
     if (!array)
-        die(exit_memory, "Malloc problem");
+        out_of_memory("Malloc problem", capacity * sizeof(T));
 }
 
 // A new zeroed row at the end of an array that only grows by this function. Capacities are powers

@@ -104,4 +104,13 @@ TEST(FilterTables, ANewFilterIsEmpty) {
     EXPECT_EQ(nullptr, rules->fast4);
 }
 
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// The sanitizers' allocators end the process in their own way.
+TEST(FilterTables, ExhaustedMemoryEndsTheProcess) {
+    uint16_t* array = nullptr;
+    EXPECT_EXIT(resize_array(array, uint64_t{1} << 60), testing::ExitedWithCode(102),
+                "^Malloc problem\nUnable to get 2305843009213693952 bytes of memory\n$");
+}
+#endif
+
 }  // namespace
