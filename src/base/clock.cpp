@@ -1,12 +1,14 @@
 // The clocks: wall clock, monotonic clock, and the start-up time that ties them together. Any
-// thread reads them; only sleep_ns blocks.
+// thread reads them; only sleep_unless_stopped blocks.
 #include "base/clock.h"
 
 #include <sys/time.h>
 #include <time.h>
 
+#include <algorithm>
 #include <atomic>
-#include <cerrno>
+
+#include "base/stop.h"
 
 namespace kestrel {
 namespace {
@@ -25,11 +27,17 @@ uint64_t system_uptime_ns() {
 }
 
 void system_sleep_ns(uint64_t ns) {
-    const uint64_t end_ns = system_uptime_ns() + ns;
-    const timespec end = {static_cast<time_t>(end_ns / ns_per_second),
-                          static_cast<long>(end_ns % ns_per_second)};
-    // Up to a moment, not for a while: the alarm every five seconds would restart a while.
-    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) == EINTR) {
+    // A signal that brings the request ends a wait; one that comes right before it is seen a little
+    // later. Up to a moment, not for a while: the alarm every five seconds would restart a while.
+    constexpr uint64_t longest_wait_ns = 100 * ns_per_ms;
+    uint64_t now_ns = system_uptime_ns();
+    for (const uint64_t end_ns = now_ns + ns; now_ns < end_ns && !stop_requested();
+         now_ns = system_uptime_ns()) {
+        const uint64_t until_ns = std::min(end_ns, now_ns + longest_wait_ns);
+        const timespec until = {static_cast<time_t>(until_ns / ns_per_second),
+                                static_cast<long>(until_ns % ns_per_second)};
+        // Whatever ends it, the loop looks at the clock and the request again.
+        (void)clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr);
     }
 }
 
@@ -53,7 +61,7 @@ void set_clock_source(const clock_source* source) {
     current_clocks.store(source ? source : &system_clocks, std::memory_order_release);
 }
 
-void sleep_ns(uint64_t ns) {
+void sleep_unless_stopped(uint64_t ns) {
     const auto sleep = clocks().sleep_ns;
     (sleep ? sleep : system_sleep_ns)(ns);
 }

@@ -16,7 +16,7 @@ inline constexpr uint64_t ns_per_us = 1'000;
 struct clock_source {
     uint64_t (*wall_ns)();    // ns since the Unix epoch, in whole microseconds
     uint64_t (*uptime_ns)();  // ns, never running backwards
-    // Returns when so many ns of its time have passed; null: the system's.
+    // Returns when so many ns of its time have passed or a stop is requested; null: the system's.
     void (*sleep_ns)(uint64_t ns) = nullptr;
 };
 
@@ -25,7 +25,8 @@ struct clock_source {
 // until it is replaced. The start-up time is kept: see timer_startup_time_update.
 void set_clock_source(const clock_source* source);
 
-// Blocks the calling thread. Signals are handled meanwhile and do not shorten the sleep.
-void sleep_ns(uint64_t ns);
+// Blocks the calling thread for so many ns, or until the program is asked to stop (base/stop.h).
+// Signals as such are handled meanwhile and do not shorten the sleep.
+void sleep_unless_stopped(uint64_t ns);
 
 }  // namespace kestrel

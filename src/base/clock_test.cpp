@@ -8,6 +8,8 @@
 #include <chrono>
 #include <thread>
 
+#include "base/stop.h"
+
 namespace {
 
 using namespace kestrel;
@@ -84,14 +86,14 @@ TEST_F(Clock, DriverSleepsInItsOwnTime) {
     constexpr clock_source sleeping = {[] { return fake_wall; }, [] { return fake_uptime; },
                                        [](uint64_t ns) { slept_ns += ns; }};
     set_clock_source(&sleeping);
-    sleep_ns(60'000'000'000);
+    sleep_unless_stopped(60'000'000'000);
     EXPECT_EQ(60'000'000'000u, slept_ns);
 }
 
 TEST_F(Clock, DriverWithoutSleepLeavesItToTheSystem) {
     drive(0, 0);
     const uint64_t before = now_ns(CLOCK_MONOTONIC);
-    sleep_ns(2'000'000);
+    sleep_unless_stopped(2'000'000);
     EXPECT_LE(before + 2'000'000, now_ns(CLOCK_MONOTONIC));
 }
 
@@ -100,7 +102,7 @@ TEST_F(Clock, SignalsDoNotShortenASleep) {
     ignoring.sa_handler = [](int) {};
     sigaction(SIGUSR1, &ignoring, &saved);
     const uint64_t before = now_ns(CLOCK_MONOTONIC);
-    std::thread sleeper([] { sleep_ns(100'000'000); });
+    std::thread sleeper([] { sleep_unless_stopped(100'000'000); });
     for (int i = 0; i < 5; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
         pthread_kill(sleeper.native_handle(), SIGUSR1);
@@ -108,6 +110,18 @@ TEST_F(Clock, SignalsDoNotShortenASleep) {
     sleeper.join();
     EXPECT_LE(before + 100'000'000, now_ns(CLOCK_MONOTONIC));
     sigaction(SIGUSR1, &saved, nullptr);
+}
+
+TEST_F(Clock, AStopRequestEndsASleep) {
+    const uint64_t before = now_ns(CLOCK_MONOTONIC);
+    std::thread sleeper([] { sleep_unless_stopped(60'000'000'000); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    request_stop();
+    sleeper.join();
+    EXPECT_GT(before + 10'000'000'000, now_ns(CLOCK_MONOTONIC));
+    sleep_unless_stopped(60'000'000'000);  // nor does another one begin
+    EXPECT_GT(before + 10'000'000'000, now_ns(CLOCK_MONOTONIC));
+    stop_request = false;
 }
 
 TEST_F(Clock, ThreadsMayAskForTheStartupTimeTogether) {

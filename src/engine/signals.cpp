@@ -12,6 +12,7 @@
 #include "base/clock.h"
 #include "base/handled_signals.h"
 #include "base/log.h"
+#include "base/stop.h"
 #include "flow/flush_request.h"
 #include "kestrelexp/program.h"
 
@@ -53,6 +54,7 @@ void on_interrupt() {
     // In this order: whoever sees the exit flag with no flush pending takes the flush as done.
     stop_engine();
     exit_requested.store(1, std::memory_order_relaxed);
+    request_stop();
 }
 
 void on_clock_jump() {

@@ -75,6 +75,7 @@ constexpr transport transports[] = {{"udp", 3, 17}, {"tcp", 3, 6}, {"sctp", 4, 1
 struct ipfix_exporter : template_exporter {
     char* transport_name = nullptr;
     uint32_t sequence = 0;  // of the next message
+    uint64_t unsent = 0;    // records lost since the collector was given up, not yet reported
 };
 
 constexpr uint64_t messages_per_report = 1000;
@@ -104,6 +105,26 @@ void write_header(ipfix_exporter& self, uint64_t now_s, uint32_t length) {
     store_native(self.packet, header);
 }
 
+bool is_connected(const ipfix_exporter& self) {
+    return self.socket > 0;
+}
+
+// After a message that could not be sent. Once the program was asked to stop and the collector is
+// not there, it is given up: that message and all later ones are lost.
+void reconnect(ipfix_exporter& self) {
+    if (is_connected(self))
+        self.socket = net_reconnect(self.to, self.socket);
+    if (!is_connected(self))
+        self.unsent += self.templates->records_added - self.sequence;
+}
+
+void report_unsent(ipfix_exporter& self) {
+    if (self.unsent == 0)
+        return;
+    verbose_msg(-1, "Reconnect to collector interrupted, %lu records lost", self.unsent);
+    self.unsent = 0;
+}
+
 // What is pending are records and templates: a template set waits for the next record or flush,
 // whichever comes first. Only the first one waits for a record.
 uint32_t flush(ipfix_exporter& self) {
@@ -114,11 +135,12 @@ uint32_t flush(ipfix_exporter& self) {
     }
     const uint32_t length = close_packet(self);
     write_header(self, now_s, length);
-    const bool sent = net_send(self.socket, self.packet, length, MSG_NOSIGNAL) >= 0;
+    const bool sent =
+        is_connected(self) && net_send(self.socket, self.packet, length, MSG_NOSIGNAL) >= 0;
     start_packet(self);
     if (!sent) {
-        // The collector behind the new connection may know no template yet.
-        self.socket = net_reconnect(self.to, self.socket);
+        reconnect(self);
+        // The collector of the new connection may know no template yet.
         self.pending += write_templates(self, now_s);
     }
     self.pending += refresh_templates(self, now_s);
@@ -169,5 +191,8 @@ uint32_t exporter_ipfix_export(void* instance, struct flow_record* record) {
 }
 
 uint32_t exporter_ipfix_flush(void* instance) {
-    return flush(*static_cast<ipfix_exporter*>(instance));
+    auto& self = *static_cast<ipfix_exporter*>(instance);
+    const uint32_t result = flush(self);
+    report_unsent(self);  // here and not with each message: the last flush of a run comes here
+    return result;
 }

@@ -156,6 +156,76 @@ TEST_F(IpfixConnection, EighthFailureEndsTheProgramAMinuteLater) {
                 expected + "Reconnect to collector failed, exiting\n$");
 }
 
+// ---- The program is to end ----
+
+const auto lost = [](int records) {
+    return "Reconnect to collector interrupted, " + std::to_string(records) + " records lost\n";
+};
+
+TEST_F(IpfixConnection, AStopRequestEndsThePauseAndLeavesOneMoreAttempt) {
+    connect_tcp().reset();
+    tcp_.reset();
+    during_sleep = kestrel::request_stop;
+    EXPECT_EQ(cannot_reconnect + cannot_reconnect + lost(1), messages_of([&] { export_one(); }));
+    EXPECT_EQ(std::vector<uint64_t>{60 * second}, sleeps_ns);
+}
+
+TEST_F(IpfixConnection, WhatFollowsIsLostWithoutAnotherAttempt) {
+    port_to_be = tcp_->port();
+    connect_tcp().reset();
+    tcp_.reset();
+    during_sleep = kestrel::request_stop;
+    messages_of([&] { export_one(); });
+    tcp_.emplace(AF_INET, port_to_be);
+    // 1450 - 16 bytes of sets hold 358 records of four bytes in a set of their own.
+    EXPECT_EQ(lost(1000), messages_of([&] {
+                  for (int i = 0; i < 1000; ++i)
+                      EXPECT_EQ(0u, exporter_ipfix_export(exporter_, &flow_));
+                  flush();
+              }));
+    EXPECT_EQ("", messages_of([&] { flush(); }));
+    EXPECT_FALSE(tcp_->accept(0));
+    EXPECT_EQ(std::vector<uint64_t>{60 * second}, sleeps_ns);
+}
+
+TEST_F(IpfixConnection, ACollectorThatIsBackAfterTheStopRequestGetsTheRest) {
+    port_to_be = tcp_->port();
+    collector_to_be = &tcp_;
+    connect_tcp().reset();
+    tcp_.reset();
+    during_sleep = [] {
+        collector_to_be->emplace(AF_INET, port_to_be);
+        kestrel::request_stop();
+    };
+    EXPECT_EQ(cannot_reconnect, messages_of([&] { export_one(); }));
+    const tcp_connection again = tcp_->accept();
+    EXPECT_EQ("", messages_of([&] { export_one(); }));
+    EXPECT_EQ(message(1, join({template_set, one_record})), again.receive());
+}
+
+TEST_F(IpfixConnection, AfterAStopRequestThereIsOneAttemptAndNoPause) {
+    connect_tcp().reset();
+    tcp_.reset();
+    kestrel::request_stop();
+    EXPECT_EQ(cannot_reconnect + lost(1), messages_of([&] { export_one(); }));
+    EXPECT_EQ(std::vector<uint64_t>{}, sleeps_ns);
+}
+
+TEST_F(IpfixConnection, AStopRequestInTheEighthPauseEndsInOrder) {
+    connect_tcp().reset();
+    tcp_.reset();
+    during_sleep = [] {
+        if (sleeps_ns.size() == 8)
+            kestrel::request_stop();
+    };
+    std::string expected;
+    for (int attempt = 0; attempt < 8; ++attempt)
+        expected += cannot_reconnect;
+    EXPECT_EQ(expected + lost(1), messages_of([&] { export_one(); }));
+}
+
+// ---- Datagrams ----
+
 // A datagram socket tells of a missing collector with the send after; connecting it again works
 // always, so the exporter goes on at once.
 TEST_F(IpfixConnection, MissingUdpCollectorCostsMessagesOnly) {

@@ -1,5 +1,6 @@
 // The connection of an exporter to its collector. Runs on the thread that calls the exporter, and
-// may block as long as the system does. Nothing is ever resent.
+// may block as long as the system does, or until the program is asked to stop. Nothing is ever
+// resent.
 #include "export/net.h"
 
 #include <fcntl.h>
@@ -16,6 +17,7 @@
 
 #include "base/clock.h"
 #include "base/log.h"
+#include "base/stop.h"
 #include "base/wire.h"
 #include "kestrelexp/builtin.h"
 
@@ -53,10 +55,10 @@ bool resolve(const char* host, uint16_t port, int family, socket_address* addres
     return true;
 }
 
-// A socket above descriptor 0: a daemon has closed its standard input, and 0 means failure here.
+// A socket above descriptor 0, which whoever calls this may have closed: 0 means failure here.
 int open_socket(int family, uint8_t protocol) {
     const int type = protocol == IPPROTO_UDP ? SOCK_DGRAM : SOCK_STREAM;
-    int descriptor = socket(family, type | SOCK_CLOEXEC, protocol);
+    int descriptor = socket(family, type | SOCK_CLOEXEC | SOCK_NONBLOCK, protocol);
     if (descriptor == 0) {
         descriptor = fcntl(0, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
         (void)close(0);
@@ -68,17 +70,31 @@ int open_socket(int family, uint8_t protocol) {
     return descriptor;
 }
 
-// A signal does not stop a connect, it only stops the wait for it.
+// Waits for a connect under way as long as the system tries. When the program is to stop, a
+// collector that is there has answered within a second.
 bool wait_for_connect(int descriptor) {
+    constexpr int look_ms = 100;
+    constexpr int last_look = 10;
     pollfd wait = {descriptor, POLLOUT, 0};
-    int result;
-    do
-        result = poll(&wait, 1, -1);
-    while (result < 0 && errno == EINTR);
+    int result = 0;
+    for (int look = 0; result == 0 && !(stop_requested() && look >= last_look); ++look) {
+        result = poll(&wait, 1, look_ms);
+        if (result < 0 && errno == EINTR)
+            result = 0;  // a signal does not stop a connect, it only stops the wait for it
+    }
     int error = 0;
     socklen_t size = sizeof error;
     return result == 1 && getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &error, &size) == 0 &&
            error == 0;
+}
+
+// Connects a socket that does not block, and makes it one that does.
+bool connect_socket(int descriptor, const sockaddr& address, socklen_t size) {
+    if (connect(descriptor, &address, size) != 0 &&
+        !((errno == EINPROGRESS || errno == EINTR) && wait_for_connect(descriptor)))
+        return false;
+    const int flags = fcntl(descriptor, F_GETFL);
+    return flags >= 0 && fcntl(descriptor, F_SETFL, flags & ~O_NONBLOCK) == 0;
 }
 
 int connect_family(const char* host, uint16_t port, uint8_t protocol, int family) {
@@ -89,8 +105,7 @@ int connect_family(const char* host, uint16_t port, uint8_t protocol, int family
     if (descriptor < 0)
         return descriptor;
     const socklen_t size = family == AF_INET ? sizeof address.ipv4 : sizeof address.ipv6;
-    if (connect(descriptor, &address.any, size) == 0 ||
-        (errno == EINTR && wait_for_connect(descriptor)))
+    if (connect_socket(descriptor, address.any, size))
         return descriptor;
     (void)close(descriptor);  // nothing was sent that could be lost
     return 0;
@@ -109,12 +124,17 @@ int net_connect(const collector& to) {
 int net_reconnect(const collector& to, int lost) {
     (void)close(lost);  // its send failed: what is lost is lost
     for (int attempt = 0; attempt < reconnect_attempts; ++attempt) {
+        const bool is_last = stop_requested();
         const int descriptor = net_connect(to);
         if (descriptor > 0)
             return descriptor;
         verbose_msg(-1, "Can't reconnect to collector");
-        sleep_ns(reconnect_pause_ns);
+        if (is_last)
+            return 0;
+        sleep_unless_stopped(reconnect_pause_ns);
     }
+    if (stop_requested())
+        return 0;
     die(exit_config, "Reconnect to collector failed, exiting");
 }
 

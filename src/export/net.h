@@ -12,10 +12,12 @@ struct collector {
     uint8_t protocol = 17;  // IP protocol number; UDP
 };
 
+// See net_connect in builtin.h.
 int net_connect(const collector& to);
 
-// Replaces a connection that broke: up to eight attempts with a minute behind each failed one,
-// then the end of the program (status 255). Returns the new descriptor; lost is closed.
+// Replaces a connection that broke: up to eight attempts with a minute after each failed one, then
+// the end of the program (status 255). A stop request ends a pause; one more attempt follows, or
+// none after the eighth. Returns the new descriptor, 0 when the stop left none; lost is closed.
 int net_reconnect(const collector& to, int lost);
 
 }  // namespace kestrel

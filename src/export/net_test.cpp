@@ -1,4 +1,5 @@
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -14,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/stop.h"
 #include "kestrelexp/builtin.h"
 
 namespace {
@@ -229,6 +231,33 @@ TEST(NetConnect, SignalDoesNotEndAWaitingConnect) {
     EXPECT_GT(connection, 0);
     for (const int descriptor : {filler, accepted, connection})
         close(descriptor);
+}
+
+// The wait goes on for a second: a collector that is far away may still answer.
+TEST(NetConnect, AStopRequestEndsAWaitingConnect) {
+    const local_socket collector(AF_INET, SOCK_STREAM, 0);
+    const int filler = net_connect("127.0.0.1", collector.port(), tcp, 4);
+    ASSERT_GT(filler, 0);
+    const auto start = std::chrono::steady_clock::now();
+    int connection = -1;
+    std::thread connecting(
+        [&] { connection = net_connect("127.0.0.1", collector.port(), tcp, 4); });
+    pause_ms(50);
+    kestrel::request_stop();
+    connecting.join();
+    kestrel::stop_request = false;
+    EXPECT_EQ(0, connection);
+    const auto passed = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(passed, std::chrono::milliseconds(900));
+    EXPECT_LE(passed, std::chrono::seconds(10));
+    close(filler);
+}
+
+TEST(NetConnect, AConnectedSocketBlocks) {
+    const local_socket collector(AF_INET, SOCK_STREAM);
+    const int connection = net_connect("127.0.0.1", collector.port(), tcp, 4);
+    EXPECT_EQ(0, fcntl(connection, F_GETFL) & O_NONBLOCK);
+    close(connection);
 }
 
 class NetSend : public testing::Test {

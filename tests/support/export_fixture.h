@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "base/clock.h"
+#include "base/stop.h"
 #include "kestrelexp/builtin.h"
 #include "kestrelexp/getter.h"
 #include "tests/support/lifelong.h"
@@ -61,6 +62,7 @@ class export_fixture : public testing::Test {
         sleeps_ns.clear();
         during_sleep = nullptr;
         kestrel::set_clock_source(&clocks);
+        kestrel::stop_request = false;
         timer_startup_time_update();
         advance(10 * second);
         flow_.start = startup + 1500 * ms;
@@ -83,6 +85,7 @@ class export_fixture : public testing::Test {
         keep(table_);  // exporters borrow it
         verbose_level = -1;
         kestrel::set_clock_source(nullptr);
+        kestrel::stop_request = false;
         timer_startup_time_update();
         for (const std::string& path : files_)
             (void)unlink(path.c_str());
