@@ -11,6 +11,7 @@
 #include "base/log.h"
 #include "base/memory.h"
 #include "base/wire.h"
+#include "export/header_clock.h"
 #include "export/net.h"
 #include "kestrelexp/builtin.h"
 #include "kestrelexp/getter.h"
@@ -85,13 +86,6 @@ struct nf5_packet {
 };
 static_assert(sizeof(nf5_packet) == 1464);
 
-// The time that goes into a packet's header: that of the last export call.
-struct header_time {
-    uint32_t uptime_ms;
-    uint32_t secs;
-    uint32_t nsecs;
-};
-
 struct nf5_exporter {
     // Parameters
     collector to = {};
@@ -102,15 +96,12 @@ struct nf5_exporter {
     getter dst_as = {};
     uint32_t flows = 0;          // written into packets since the start
     uint16_t last_sampling = 0;  // of the last flow written
-    uint64_t last_clock_report_ns = 0;
-    uint32_t clock_faults = 0;  // since then
+    clock_fault_report clock_faults{clock_report_margin_ns};
 
     uint32_t count = 0;  // records in the packet
     header_time time = {};
     nf5_packet packet = {};
 };
-
-enum class clock_fault { none, backwards, future_flow };
 
 constexpr getter no_as_number = {
     0, "ZERO", 8, nullptr, record_valid_ok, record_length_8, record_get_zero};
@@ -176,50 +167,27 @@ void fill(const nf5_exporter& self, const flow_record& flow, nf5_record& slot) {
     self.dst_as.get(self.dst_as.context, &flow, &slot.dst_as_be, 2, 1, &self.dst_as);
 }
 
-// A packet under way leaves when the clock went back or when the flow ends in the future: such
-// records never share a header with those before them.
-clock_fault check_clock(nf5_exporter& self, const header_time& now, uint64_t now_ns,
-                        uint64_t flow_end_ns) {
-    clock_fault fault = clock_fault::none;
+// Whether the clock has gone back since the header's time.
+bool went_back(const header_time& before, const header_time& now, uint64_t now_ns) {
     // 32-bit arithmetic that wraps: in practice the uptime alone tells. A wider product would tear
     // packets apart at every small step of the wall clock.
-    const uint32_t wrapped_ns =
-        self.time.secs * static_cast<uint32_t>(ns_per_second) + self.time.nsecs;
-    if (self.time.uptime_ms > now.uptime_ms || now_ns < wrapped_ns) {
-        flush(self);
-        fault = clock_fault::backwards;
-    }
-    if (flow_end_ns > now_ns) {
-        flush(self);
-        fault = clock_fault::future_flow;
-    }
-    return fault;
-}
-
-void report_clock_fault(nf5_exporter& self, uint64_t now_ns) {
-    ++self.clock_faults;
-    if (now_ns <= self.last_clock_report_ns + clock_report_margin_ns)
-        return;
-    verbose_msg(-1, "Machine time mangled :-( (%i)", static_cast<int>(self.clock_faults));
-    self.last_clock_report_ns = now_ns;
-    self.clock_faults = 0;
+    const uint32_t wrapped_ns = before.secs * static_cast<uint32_t>(ns_per_second) + before.nsecs;
+    return before.uptime_ms > now.uptime_ms || now_ns < wrapped_ns;
 }
 
 uint32_t export_flow(nf5_exporter& self, const flow_record& flow) {
     if (flow.l3protocol != 4)
         return not_exported;
     const uint64_t now_ns = timer_get_nsec();
-    const header_time now = {static_cast<uint32_t>(timer_get_uptime() / ns_per_ms),
-                             static_cast<uint32_t>(now_ns / ns_per_second),
-                             static_cast<uint32_t>(now_ns % ns_per_second)};
+    const header_time now = header_time_at(now_ns);
     clock_fault fault = clock_fault::none;
     if (self.count == packet_records)
         flush(self);
     else if (self.count > 0)
-        fault = check_clock(self, now, now_ns, flow.end);
+        fault = part_at_fault(went_back(self.time, now, now_ns), flow.end > now_ns,
+                              [&self] { flush(self); });
     self.time = now;
-    if (fault != clock_fault::none)
-        report_clock_fault(self, now_ns);
+    self.clock_faults.count(fault, now_ns);
 
     fill(self, flow, self.packet.records[self.count]);
     self.last_sampling = flow.sampling;

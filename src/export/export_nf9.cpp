@@ -10,6 +10,7 @@
 #include "base/log.h"
 #include "base/memory.h"
 #include "base/wire.h"
+#include "export/header_clock.h"
 #include "export/template_exporter.h"
 #include "kestrelexp/builtin.h"
 
@@ -63,25 +64,16 @@ constexpr plugin_description description = {
     " template-refresh-packets=num Send templates to collector each 'num' packets.",
     0, 0};
 
-// The time that goes into a packet's header: that of the last export call.
-struct header_time {
-    uint32_t uptime_ms;
-    uint32_t secs;
-};
+// Far beyond any uptime: the message is meant for nobody but a reader of the counter.
+constexpr uint64_t clock_report_margin_s = 5'000'000'000;
+constexpr uint32_t report_pause_bit = 0x400;  // of the sequence number
 
 struct nf9_exporter : template_exporter {
     header_time time = {};
     uint16_t last_count = 0;  // in the header of the packet before; 0 = there was none
     uint32_t sequence = 0;
-    uint64_t last_clock_report_s = 0;
-    uint32_t clock_faults = 0;  // since then
+    clock_fault_report clock_faults{clock_report_margin_s};
 };
-
-enum class clock_fault { none, backwards, future_flow };
-
-// Far beyond any uptime: the message is meant for nobody but a reader of the counter.
-constexpr uint64_t clock_report_margin_s = 5'000'000'000;
-constexpr uint32_t report_pause_bit = 0x400;  // of the sequence number
 
 // Only records are pending here: a template set waits for the next record.
 uint32_t flush(nf9_exporter& self) {
@@ -111,38 +103,18 @@ uint32_t flush(nf9_exporter& self) {
     return sent ? 0 : not_exported;
 }
 
-// Records never share a header with those before a clock that went back, nor with a flow that ends
-// in the future, whether or not records are pending.
-clock_fault check_clock(nf9_exporter& self, const header_time& now, uint64_t now_ns,
-                        uint64_t flow_end_ns) {
-    clock_fault fault = clock_fault::none;
-    const bool went_back =
-        now_ns / ns_per_second < self.time.secs || now.uptime_ms < self.time.uptime_ms;
-    if (self.pending > 0 && went_back) {
-        flush(self);
-        fault = clock_fault::backwards;
-    }
-    if (flow_end_ns > now_ns) {
-        flush(self);
-        fault = clock_fault::future_flow;
-    }
-    return fault;
-}
-
-void report_clock_fault(nf9_exporter& self, uint64_t now_s) {
-    ++self.clock_faults;
-    if (now_s <= self.last_clock_report_s + clock_report_margin_s)
-        return;
-    verbose_msg(-1, "Machine time mangled :-( (%i)", static_cast<int>(self.clock_faults));
-    self.last_clock_report_s = now_s;
-    self.clock_faults = 0;
+// Whether the clock has gone back since the header's time.
+bool went_back(const header_time& before, const header_time& now, uint64_t now_s) {
+    return now_s < before.secs || now.uptime_ms < before.uptime_ms;
 }
 
 uint32_t export_flow(nf9_exporter& self, const flow_record* record) {
     const uint64_t now_ns = timer_get_nsec();
-    const header_time now = {static_cast<uint32_t>(timer_get_uptime() / ns_per_ms),
-                             static_cast<uint32_t>(now_ns / ns_per_second)};
-    const clock_fault fault = check_clock(self, now, now_ns, record->end);
+    const uint64_t now_s = now_ns / ns_per_second;
+    const header_time now = header_time_at(now_ns);
+    // A flow that ends later leaves in a packet of its own whether or not records are pending.
+    const clock_fault fault = part_at_fault(self.pending > 0 && went_back(self.time, now, now_s),
+                                            record->end > now_ns, [&self] { flush(self); });
     int32_t index;
     const uint32_t length = exporter_template_find(self.templates, record, &index);
     if (is_full(self, length))
@@ -152,8 +124,7 @@ uint32_t export_flow(nf9_exporter& self, const flow_record* record) {
         self.last_sampling = record->sampling;
     }
     self.time = now;
-    if (fault != clock_fault::none)
-        report_clock_fault(self, now_ns / ns_per_second);
+    self.clock_faults.count(fault, now_s);
     if (index < 0)
         return not_exported;
     add_record(self, record, index);
