@@ -1,78 +1,24 @@
-#include <gtest/gtest.h>
-
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "base/clock.h"
-#include "kestrelexp/builtin.h"
-#include "kestrelexp/getter.h"
-#include "tests/support/udp_collector.h"
+#include "tests/support/export_fixture.h"
 
 namespace {
 
-using namespace kestrel;
-using bytes = std::vector<uint8_t>;
-using kestrel_test::udp_collector;
+using namespace kestrel_test;
 
-constexpr uint64_t second = 1'000'000'000;
-constexpr uint64_t ms = 1'000'000;
-// The start-up time of these tests: 1,600,000,000 s. Ten seconds later they begin.
-constexpr uint64_t startup = 1'600'000'000 * second;
-
-uint64_t wall_ns;
-uint64_t uptime_ns;
-constexpr clock_source clocks = {[] { return wall_ns; }, [] { return uptime_ns; }};
-
-uint32_t be(const bytes& packet, size_t offset, size_t width) {
-    uint32_t value = 0;
-    for (size_t i = 0; i < width; ++i)
-        value = value << 8 | packet.at(offset + i);
-    return value;
-}
-
-class ExportNf5 : public testing::Test {
+class ExportNf5 : public export_fixture {
   protected:
     void SetUp() override {
-        wall_ns = startup;
-        uptime_ns = 0;
-        set_clock_source(&clocks);
-        timer_startup_time_update();
-        advance(10 * second);
-        flow_.start = startup + 1500 * ms;
-        flow_.end = startup + 9999 * ms + 999'999;
-        flow_.packets = 0x01020304;
-        flow_.bytes = 0x05060708;
-        flow_.inputsnmp = 0x1112;
-        flow_.outputsnmp = 0x1314;
-        flow_.l3protocol = 4;
-        flow_.ipv4 = {0xC0000201, 0x0A0B0C0D, 0xB8};
-        flow_.l4protocol = 6;
-        flow_.srcport = 0x2122;
-        flow_.dstport = 0x2324;
-        flow_.tcpflags = 0x1B;
-        flow_.icmptypecode = 0x2526;
-    }
-
-    void TearDown() override {
-        std::free(table_);
-        set_clock_source(nullptr);
-        timer_startup_time_update();
-    }
-
-    static void advance(uint64_t ns) {
-        wall_ns += ns;
-        uptime_ns += ns;
+        export_fixture::SetUp();
+        flow_.end += 999'999;  // less than a millisecond more
     }
 
     void connect(const std::string& more = "") {
         std::string params = collector_->params(more);
-        exporter_ = exporter_nf5_init(params.data(), table_);
-        // Instances live as long as the program; the leak checker wants to see who holds them.
-        static auto* instances = new std::vector<void*>;
-        instances->push_back(exporter_);
+        exporter_ = keep(exporter_nf5_init(params.data(), table_));
     }
 
     uint32_t export_flow() { return exporter_nf5_export(exporter_, &flow_); }
@@ -81,12 +27,8 @@ class ExportNf5 : public testing::Test {
             EXPECT_EQ(0u, export_flow());
     }
     uint32_t flush() { return exporter_nf5_flush(exporter_); }
-    bytes receive() { return collector_->receive(); }
 
-    std::unique_ptr<udp_collector> collector_ = std::make_unique<udp_collector>();
-    getter* table_ = nullptr;
     void* exporter_ = nullptr;
-    flow_record flow_ = {};
 };
 
 TEST_F(ExportNf5, DescribesItself) {
@@ -144,9 +86,9 @@ TEST_F(ExportNf5, HeaderHasTheTimeOfTheLastExport) {
     advance(3 * second);
     flush();
     const bytes packet = receive();
-    EXPECT_EQ(12'000u, be(packet, 4, 4));
-    EXPECT_EQ(1'600'000'012u, be(packet, 8, 4));
-    EXPECT_EQ(0u, be(packet, 12, 4));
+    EXPECT_EQ(12'000u, big_endian(packet, 4, 4));
+    EXPECT_EQ(1'600'000'012u, big_endian(packet, 8, 4));
+    EXPECT_EQ(0u, big_endian(packet, 12, 4));
 }
 
 TEST_F(ExportNf5, ThirtyFirstFlowSendsThePacketOfTheFirstThirty) {
@@ -157,15 +99,15 @@ TEST_F(ExportNf5, ThirtyFirstFlowSendsThePacketOfTheFirstThirty) {
     export_flows(1);
     const bytes first = receive();
     ASSERT_EQ(24u + 30 * 48, first.size());
-    EXPECT_EQ(30u, be(first, 2, 2));
-    EXPECT_EQ(0u, be(first, 16, 4));
-    EXPECT_EQ(0x2122u, be(first, 24 + 29 * 48 + 32, 2));
+    EXPECT_EQ(30u, big_endian(first, 2, 2));
+    EXPECT_EQ(0u, big_endian(first, 16, 4));
+    EXPECT_EQ(0x2122u, big_endian(first, 24 + 29 * 48 + 32, 2));
     EXPECT_EQ(72u, flush());
     const bytes second_packet = receive();
     ASSERT_EQ(72u, second_packet.size());
-    EXPECT_EQ(1u, be(second_packet, 2, 2));
-    EXPECT_EQ(30u, be(second_packet, 16, 4));
-    EXPECT_EQ(31u, be(second_packet, 24 + 32, 2));
+    EXPECT_EQ(1u, big_endian(second_packet, 2, 2));
+    EXPECT_EQ(30u, big_endian(second_packet, 16, 4));
+    EXPECT_EQ(31u, big_endian(second_packet, 24 + 32, 2));
 }
 
 TEST_F(ExportNf5, SequenceCountsFlowsOfFailedSendsToo) {
@@ -180,7 +122,7 @@ TEST_F(ExportNf5, SequenceCountsFlowsOfFailedSendsToo) {
     EXPECT_EQ(72u, flush());
     const bytes packet = receive();
     ASSERT_EQ(72u, packet.size());
-    EXPECT_EQ(31u, be(packet, 16, 4));
+    EXPECT_EQ(31u, big_endian(packet, 16, 4));
     EXPECT_TRUE(receive().empty());
 }
 
@@ -202,11 +144,11 @@ TEST_F(ExportNf5, OtherThanIpv4IsNotExported) {
     flow_.l3protocol = 0;
     EXPECT_EQ(0xFFFFFFFFu, export_flow());
     EXPECT_EQ(72u, flush());
-    EXPECT_EQ(1u, be(receive(), 2, 2));
+    EXPECT_EQ(1u, big_endian(receive(), 2, 2));
     flow_.l3protocol = 4;
     export_flow();
     flush();
-    EXPECT_EQ(1u, be(receive(), 16, 4));
+    EXPECT_EQ(1u, big_endian(receive(), 16, 4));
 }
 
 TEST_F(ExportNf5, TransportFieldsFollowTheProtocol) {
@@ -223,10 +165,10 @@ TEST_F(ExportNf5, TransportFieldsFollowTheProtocol) {
         export_flow();
         flush();
         const bytes packet = receive();
-        EXPECT_EQ(srcport, be(packet, 24 + 32, 2)) << int{protocol};
-        EXPECT_EQ(dstport, be(packet, 24 + 34, 2)) << int{protocol};
-        EXPECT_EQ(flags, be(packet, 24 + 37, 1)) << int{protocol};
-        EXPECT_EQ(protocol, be(packet, 24 + 38, 1));
+        EXPECT_EQ(srcport, big_endian(packet, 24 + 32, 2)) << int{protocol};
+        EXPECT_EQ(dstport, big_endian(packet, 24 + 34, 2)) << int{protocol};
+        EXPECT_EQ(flags, big_endian(packet, 24 + 37, 1)) << int{protocol};
+        EXPECT_EQ(protocol, big_endian(packet, 24 + 38, 1));
     }
 }
 
@@ -239,7 +181,7 @@ TEST_F(ExportNf5, SamplingIntervalIsThatOfTheLastFlow) {
         flow_.sampling = rate;
         export_flow();
         flush();
-        EXPECT_EQ(interval, be(receive(), 22, 2)) << rate;
+        EXPECT_EQ(interval, big_endian(receive(), 22, 2)) << rate;
     }
 }
 
@@ -249,7 +191,7 @@ TEST_F(ExportNf5, SamplingRatesThatDoNotFitAreTheHighestThatDoes) {
         flow_.sampling = rate;
         export_flow();
         flush();
-        EXPECT_EQ(0x7FFFu, be(receive(), 22, 2)) << rate;
+        EXPECT_EQ(0x7FFFu, big_endian(receive(), 22, 2)) << rate;
     }
 }
 
@@ -259,17 +201,16 @@ TEST_F(ExportNf5, FlowsOlderThanTheStartUpWrap) {
     export_flow();
     flush();
     // (2^64 - 2,000,000) / 1,000,000 = 0x10C6F7A0B5EB, of which 32 bits are kept
-    EXPECT_EQ(0xF7A0B5EBu, be(receive(), 24 + 24, 4));
+    EXPECT_EQ(0xF7A0B5EBu, big_endian(receive(), 24 + 24, 4));
 }
 
 // ---- AS numbers ----
 
 TEST_F(ExportNf5, WithoutAsGettersTheNumbersAreZero) {
-    table_ = getter_base_init();
     connect();
     export_flow();
     flush();
-    EXPECT_EQ(0u, be(receive(), 24 + 40, 4));
+    EXPECT_EQ(0u, big_endian(receive(), 24 + 40, 4));
 }
 
 struct as_call {
@@ -288,7 +229,6 @@ void get_as(void* context, const flow_record* record, void* destination, uint32_
 
 TEST_F(ExportNf5, AsNumbersComeFromTheirGetters) {
     uint16_t source = 0x3132, destination = 0x3334;
-    table_ = getter_base_init();
     getter_add(&table_, "SRC_AS", 2, &source, record_valid_ok, record_length_2, get_as);
     getter_add(&table_, "DST_AS", 2, &destination, record_valid_ok, record_length_2, get_as);
     as_calls.clear();
@@ -296,8 +236,8 @@ TEST_F(ExportNf5, AsNumbersComeFromTheirGetters) {
     export_flow();
     flush();
     const bytes packet = receive();
-    EXPECT_EQ(0x3132u, be(packet, 24 + 40, 2));
-    EXPECT_EQ(0x3334u, be(packet, 24 + 42, 2));
+    EXPECT_EQ(0x3132u, big_endian(packet, 24 + 40, 2));
+    EXPECT_EQ(0x3334u, big_endian(packet, 24 + 42, 2));
     ASSERT_EQ(2u, as_calls.size());
     EXPECT_EQ(&source, as_calls[0].context);
     EXPECT_EQ(&flow_, as_calls[0].record);
@@ -309,12 +249,11 @@ TEST_F(ExportNf5, AsNumbersComeFromTheirGetters) {
 
 TEST_F(ExportNf5, OneAsGetterMayBeMissing) {
     uint16_t destination = 0x3334;
-    table_ = getter_base_init();
     getter_add(&table_, "DST_AS", 2, &destination, record_valid_ok, record_length_2, get_as);
     connect();
     export_flow();
     flush();
-    EXPECT_EQ(0x00003334u, be(receive(), 24 + 40, 4));
+    EXPECT_EQ(0x00003334u, big_endian(receive(), 24 + 40, 4));
 }
 
 // ---- Clock faults ----
@@ -334,11 +273,11 @@ TEST_F(ExportNf5Clock, UptimeThatFallsBackSendsThePacketBefore) {
     uptime_ns -= 1 * ms;
     EXPECT_EQ("Machine time mangled :-( (1)\n", messages_of_export());
     const bytes before = receive();
-    EXPECT_EQ(2u, be(before, 2, 2));
-    EXPECT_EQ(10'000u, be(before, 4, 4));
+    EXPECT_EQ(2u, big_endian(before, 2, 2));
+    EXPECT_EQ(10'000u, big_endian(before, 4, 4));
     EXPECT_TRUE(receive().empty());
     EXPECT_EQ(72u, flush());
-    EXPECT_EQ(9'999u, be(receive(), 4, 4));
+    EXPECT_EQ(9'999u, big_endian(receive(), 4, 4));
 }
 
 TEST_F(ExportNf5Clock, WallClockThatFallsBackIsNoFault) {
@@ -363,7 +302,7 @@ TEST_F(ExportNf5Clock, WallClockIsComparedWithAWrappedNumber) {
     testing::internal::CaptureStderr();
     export_flow();
     testing::internal::GetCapturedStderr();
-    EXPECT_EQ(2u, be(receive(), 2, 2));
+    EXPECT_EQ(2u, big_endian(receive(), 2, 2));
 }
 
 TEST_F(ExportNf5Clock, FlowThatEndsInTheFutureLeavesAlone) {
@@ -371,10 +310,10 @@ TEST_F(ExportNf5Clock, FlowThatEndsInTheFutureLeavesAlone) {
     export_flows(2);
     flow_.end = wall_ns + 1;
     EXPECT_EQ("Machine time mangled :-( (1)\n", messages_of_export());
-    EXPECT_EQ(2u, be(receive(), 2, 2));
+    EXPECT_EQ(2u, big_endian(receive(), 2, 2));
     const bytes alone = receive();
-    EXPECT_EQ(1u, be(alone, 2, 2));
-    EXPECT_EQ(2u, be(alone, 16, 4));
+    EXPECT_EQ(1u, big_endian(alone, 2, 2));
+    EXPECT_EQ(2u, big_endian(alone, 16, 4));
     EXPECT_EQ(0u, flush());
 }
 
@@ -399,7 +338,7 @@ TEST_F(ExportNf5Clock, FutureFlowIsNoFaultBehindAFullPacket) {
     export_flows(30);
     flow_.end = wall_ns + 1;
     EXPECT_EQ("", messages_of_export());
-    EXPECT_EQ(30u, be(receive(), 2, 2));
+    EXPECT_EQ(30u, big_endian(receive(), 2, 2));
     EXPECT_TRUE(receive().empty());
     EXPECT_EQ(72u, flush());
 }
@@ -429,8 +368,8 @@ TEST_F(ExportNf5Clock, BothFaultsAtOnceCountAsOne) {
     uptime_ns -= 1 * ms;
     flow_.end = wall_ns + 1;
     EXPECT_EQ("Machine time mangled :-( (1)\n", messages_of_export());
-    EXPECT_EQ(1u, be(receive(), 2, 2));
-    EXPECT_EQ(1u, be(receive(), 2, 2));
+    EXPECT_EQ(1u, big_endian(receive(), 2, 2));
+    EXPECT_EQ(1u, big_endian(receive(), 2, 2));
     EXPECT_EQ(0u, flush());
 }
 
