@@ -8,6 +8,7 @@
 
 #include "base/clock.h"
 #include "base/log.h"
+#include "input/sampling.h"
 #include "kestrelexp/builtin.h"
 
 namespace kestrel {
@@ -26,13 +27,11 @@ constexpr int snap_length_headers = 96;     // enough for every header that the 
 constexpr int snap_length_packets = 10000;  // when process plugins look at whole frames
 constexpr int promiscuous = 1;
 constexpr int timeout_ms = 10;
-constexpr uint32_t sampling_believable = 1000;
 constexpr useconds_t pause_after_error_us = 10'000;
 
 struct pcap_input {
     pcap_t* handle;
     char* device;
-    int selectable_descriptor;
     uint32_t sampling;          // deliver every N-th frame, 0 = all
     uint32_t sampling_counter;  // frames up to the next one delivered, from 1
     bool failing;               // the last attempt to read met an error, which has been reported
@@ -49,9 +48,7 @@ void read_parameters(char* params, pcap_input& input) {
         die(exit_config, "Parameters decoding problem");
     if (!input.device)
         die(exit_config, "Device parameter is mandatory for pcap input.");
-    input.sampling = static_cast<uint32_t>(sampling);
-    if (input.sampling > sampling_believable)
-        verbose_msg(-1, "Sampling set to unbelievable value: %i", sampling);
+    input.sampling = sampling_rate(sampling);
 }
 
 // libpcap's own words about a device that cannot be opened are not shown; the switch reports that
@@ -108,7 +105,6 @@ void* input_pcap_init(char* params, int needs_packets, uint16_t) {
         return nullptr;
     }
     input->sampling_counter = 1;
-    input->selectable_descriptor = pcap_get_selectable_fd(input->handle);
     return input;
 }
 

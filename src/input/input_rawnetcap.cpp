@@ -8,6 +8,7 @@
 
 #include "base/clock.h"
 #include "base/log.h"
+#include "input/sampling.h"
 #include "kestrelexp/builtin.h"
 #include "kestrelexp/rawnetcap.h"
 
@@ -26,7 +27,6 @@ constexpr plugin_description description{
 
 constexpr uint32_t snap_length_headers = 128;    // enough for every header that the parser reads
 constexpr uint32_t snap_length_packets = 10000;  // when process plugins look at whole frames
-constexpr uint32_t sampling_believable = 1000;
 constexpr int timeout_ms = 10;
 
 struct rawnetcap_input {
@@ -49,10 +49,8 @@ void read_parameters(char* params, rawnetcap_input& input) {
         die(exit_config, "Parameters decoding problem");
     if (!input.device)
         die(exit_config, "Device parameter is mandatory for rawnetcap input.");
-    input.sampling = static_cast<uint32_t>(sampling);
+    input.sampling = sampling_rate(sampling);
     input.cache_size = static_cast<uint32_t>(cache_size);
-    if (input.sampling > sampling_believable)
-        verbose_msg(-1, "Sampling set to unbelievable value: %i", sampling);
     // ',' parts parameters, so the command line parts devices by '#'.
     std::replace(input.device, input.device + std::strlen(input.device), '#', ',');
 }

@@ -173,7 +173,6 @@ rawnetcap_context* rawnetcap_init(const char* devices, uint32_t sampling, uint32
     }
     if (is_started) {
         set(device, rawnetcap_request::set_sampling, sampling, "sampling");
-        device.sampling = sampling;
         touch_ring(device);
         is_started = start_capture(device);
     }

@@ -35,7 +35,6 @@ struct rawnetcap_context {
     uint64_t ring_size = 0;       // bytes
     uint64_t read_offset = 0;     // of the next record, bytes
     uint64_t records_left = 0;    // of the batch that the module has announced
-    uint32_t sampling = 0;
-    uint8_t touched = 0;   // sum of all bytes of the ring, for the sake of reading them
+    uint8_t touched = 0;          // sum of all bytes of the ring, for the sake of reading them
     bool failing = false;  // the last attempt to get records met an error, which has been reported
 };
