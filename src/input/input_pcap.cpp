@@ -1,5 +1,6 @@
-// The "pcap" input: Ethernet frames from one network device through libpcap, one by one, with
-// deterministic 1-in-N sampling. Runs on the reader thread after start-up; never parses a frame.
+// The "pcap" input: frames from one network device through libpcap, one by one, with deterministic
+// 1-in-N sampling. Frames of devices that are not Ethernet are given an Ethernet header. Runs on
+// the reader thread after start-up; never parses a frame.
 
 #include <pcap/pcap.h>
 #include <unistd.h>
@@ -10,6 +11,7 @@
 #include "base/log.h"
 #include "input/sampling.h"
 #include "kestrelexp/builtin.h"
+#include "kestrelexp/link.h"
 
 namespace kestrel {
 namespace {
@@ -32,6 +34,9 @@ constexpr useconds_t pause_after_error_us = 10'000;
 struct pcap_input {
     pcap_t* handle;
     char* device;
+    const link_format* format;  // null: Ethernet frames, handed on where libpcap has them
+    uint8_t* ethernet_frame;    // room for one that was translated; null for Ethernet
+    uint32_t ethernet_room;     // bytes
     uint32_t sampling;          // deliver every N-th frame, 0 = all
     uint32_t sampling_counter;  // frames up to the next one delivered, from 1
     bool failing;               // the last attempt to read met an error, which has been reported
@@ -51,6 +56,25 @@ void read_parameters(char* params, pcap_input& input) {
     input.sampling = sampling_rate(sampling);
 }
 
+// Says whether frames of the device can be handed on, and gets ready to translate them.
+bool set_link_type(pcap_input& input) {
+    const int link_type = pcap_datalink(input.handle);
+    if (link_type == DLT_EN10MB)
+        return true;
+    input.format = link_format_find(link_type);
+    if (!input.format) {
+        const char* name = pcap_datalink_val_to_name(link_type);
+        verbose_msg(-1,
+                    "Device %s does not deliver Ethernet frames but %s, which cannot be "
+                    "translated. Use an Ethernet, tunnel or PPP device, or \"any\"",
+                    input.device, name ? name : "an unknown link type");
+        return false;
+    }
+    input.ethernet_room = LINK_ETHERNET_HEADER + static_cast<uint32_t>(pcap_snapshot(input.handle));
+    input.ethernet_frame = static_cast<uint8_t*>(malloc_wrapper(input.ethernet_room, 1));
+    return true;
+}
+
 // libpcap's own words about a device that cannot be opened are not shown; the switch reports that
 // the plugin failed.
 bool open_device(pcap_input& input, int snap_length) {
@@ -58,12 +82,10 @@ bool open_device(pcap_input& input, int snap_length) {
     input.handle = pcap_open_live(input.device, snap_length, promiscuous, timeout_ms, error);
     if (!input.handle)
         return false;
-    if (pcap_datalink(input.handle) != DLT_EN10MB) {
-        verbose_msg(-1, "Device %s does not deliver Ethernet frames", input.device);
-        pcap_close(input.handle);
-        return false;
-    }
-    return true;
+    if (set_link_type(input))
+        return true;
+    pcap_close(input.handle);
+    return false;
 }
 
 // pcap_next tells neither a time-out from an error nor one error from the next. An error (the
@@ -129,5 +151,8 @@ const uint8_t* input_pcap_packet(void* instance, packet_header* header) {
     header->wire_length = captured.len;
     header->input_interface = 0;
     header->output_interface = 0;
+    if (input.format) [[unlikely]]
+        return link_to_ethernet(input.format, frame, header, input.ethernet_frame,
+                                input.ethernet_room);
     return frame;
 }

@@ -9,6 +9,7 @@
 #include "everything.h"
 #include "kestrelexp/builtin.h"
 #include "kestrelexp/flow.h"
+#include "kestrelexp/link.h"
 #include "kestrelexp/program.h"
 #include "kestrelexp/rawnetcap.h"
 #include "kestrelexp/service.h"
@@ -39,6 +40,18 @@ static const uint8_t* next_frame(void* context, struct packet_header* header) {
     return frame;
 }
 
+/* A bare packet becomes the frame that it was taken from, but for the addresses. */
+static void check_links(void) {
+    uint8_t buffer[128];
+    struct packet_header header = {0, 46, 46, 0, 0};
+    const struct link_format* bare = link_format_find(12);
+    CHECK(bare != NULL && link_format_find(1) == NULL);
+    CHECK(link_to_ethernet(bare, frame + LINK_ETHERNET_HEADER, &header, buffer, sizeof buffer) ==
+          buffer);
+    CHECK(header.captured_length == 60 && header.wire_length == 60);
+    CHECK(memcmp(buffer + 12, frame + 12, 48) == 0);
+}
+
 void check_packets(void) {
     static union any_record one;
     CHECK(crc64_table[0][0] == 0);
@@ -57,6 +70,7 @@ void check_packets(void) {
     CHECK(get_packet_data(&captured, &headers) == frame);
     CHECK(captured == 60 && headers == 42);
     CHECK(record_process_packet(frame, 10, &one.record) == 0);
+    check_links();
 
     int left = 1;
     struct packet_reader reader = {100, &left, next_frame};
