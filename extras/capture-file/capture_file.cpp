@@ -24,7 +24,7 @@ constexpr plugin_description description{
     " file=path (mandatory, - is standard input)\n"
     " filter-file=path (a file with a pcap-filter(7) expression)\n"
     " sampling=value",
-    0, 0};
+    0, PLUGIN_WHOLE_PARAMS};  // names of files hold ':'
 
 constexpr uint64_t ns_per_second = 1'000'000'000;
 // Times of the packets have 63 bits for their nanoseconds.

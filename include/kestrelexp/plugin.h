@@ -38,16 +38,21 @@ struct plugin_description {
     const char* description; /* help text of -l, may have several lines */
     uint16_t data_size;      /* bytes wanted in every record's data space; input and process only */
     int32_t flags;           /* process plugins: non-zero = needs the packet behind each record;
-                                filter plugins: a sum of FILTER_* bits; else 0 */
+                                the others: a sum of PLUGIN_* flags */
 };
 
-/* What a filter plugin may ask for in its description's flags. Bit 0 has no meaning for filters:
- * an object that is process plugin and filter with one description may have set it. */
-enum filter_flag {
-    /* params is all that stands behind the name and its ':', further ':' included; NULL when that
-     * is nothing. Without this bit params ends at the next ':', as for every other plugin. */
-    FILTER_WHOLE_PARAMS = 0x100
+/* What an input, export or filter plugin may ask for in its description's flags. Bit 0 has no
+ * meaning for them: an object that is process plugin too, with one description, may have set it.
+ * Process plugins cannot ask: any flag of theirs says that they need packets, and an object with
+ * one description for a process plugin and another kind gets both meanings. */
+enum plugin_flag {
+    /* params is all that stands after the name and its ':', further ':' included; NULL when that
+     * is nothing. Without this bit params ends at the next ':'. */
+    PLUGIN_WHOLE_PARAMS = 0x100
 };
+
+/* The name of the same flag from when filters alone could ask. */
+enum filter_flag { FILTER_WHOLE_PARAMS = PLUGIN_WHOLE_PARAMS };
 
 typedef const struct plugin_description* plugin_desc_function(void);
 

@@ -35,13 +35,6 @@ argument_pair split_pair(char* argument) {
     return {first, second};
 }
 
-// The params of "name:params" once the name has served; they live as long as the program.
-char* kept_params(argument_pair given) {
-    if (given.second == nullptr)
-        std::free(given.first);
-    return given.second;
-}
-
 // A decimal number as far as it goes (0 when it does not), held within 32 bits.
 int32_t decimal(const char* text) {
     constexpr long low = std::numeric_limits<int32_t>::min();
@@ -53,11 +46,24 @@ const char* or_empty(const char* text) {
     return text != nullptr ? text : "";
 }
 
-// All that stands behind the name in "name:params", where it was given; null when that is nothing.
+// All that stands after the name in "name:params", where it was given; null when that is nothing.
 char* whole_params(char* argument) {
     char* const name = argument + std::strspn(argument, ":");
     char* const end = name + std::strcspn(name, ":");
     return end[0] != '\0' && end[1] != '\0' ? end + 1 : nullptr;
+}
+
+// The params of "name:params" as the plugin wants them.
+char* wanted_params(const plugin_description& plugin, argument_pair pieces, char* argument) {
+    return (plugin.flags & PLUGIN_WHOLE_PARAMS) != 0 ? whole_params(argument) : pieces.second;
+}
+
+// The params once the name has served; they live as long as the program, and with them the copy
+// that holds the pieces, if that is where they are.
+char* kept_params(argument_pair pieces, char* params) {
+    if (params == nullptr || params != pieces.second)
+        std::free(pieces.first);
+    return params;
 }
 
 template <typename Plugin>
@@ -71,12 +77,7 @@ Plugin& choose(const settings& from, const char* name, const char* not_found) {
 filter_plugin chosen_filter(const settings& from, char* argument) {
     const argument_pair given = split_pair(argument);
     filter_plugin filter = choose<filter_plugin>(from, given.first, "Filter");
-    if ((filter.desc()->flags & FILTER_WHOLE_PARAMS) != 0) {
-        std::free(given.first);
-        filter.params = whole_params(argument);
-    } else {
-        filter.params = kept_params(given);
-    }
+    filter.params = kept_params(given, wanted_params(*filter.desc(), given, argument));
     return filter;
 }
 
@@ -140,7 +141,7 @@ void add_global_filter(settings& to, char* argument) {
 void add_process(settings& to, char* argument) {
     const argument_pair given = split_pair(argument);
     process_plugin process = choose<process_plugin>(to, given.first, "Plugin");
-    process.params = kept_params(given);
+    process.params = kept_params(given, given.second);
     process.data_offset = reserve_record_space(to.run.registry, process.desc()->data_size);
     if (process.desc()->flags != 0)
         to.run.registry.process_flag = 1;
@@ -158,7 +159,7 @@ void set_input(settings& to, char* argument) {
         die(exit_config, "Input driver allready defined");
     const argument_pair given = split_pair(argument);
     input_plugin& input = choose<input_plugin>(to, given.first, "Plugin");
-    input.params = kept_params(given);
+    input.params = kept_params(given, wanted_params(*input.desc(), given, argument));
     input.data_offset = reserve_record_space(to.run.registry, input.desc()->data_size);
     to.run.input_index = static_cast<int32_t>(&input - to.run.registry.inputs);
 }
@@ -195,12 +196,14 @@ void set_timeouts(settings& to, char* argument) {
         die(exit_config, "Active timeout less or equal inactive timeout");
 }
 
-// Names the entry that the export options so far belong to. The name is looked up when the export
-// is initialised.
+// Names the entry that the export options so far belong to. A name that is not known is refused
+// when the export is initialised.
 void name_export(settings& to, char* argument) {
     const argument_pair given = split_pair(argument);
+    const export_plugin* const plugin = find_by_name<export_plugin>(to.run.registry, given.first);
     open_export(to).name = given.first;
-    open_export(to).params = given.second;
+    open_export(to).params =
+        plugin != nullptr ? wanted_params(*plugin->desc(), given, argument) : given.second;
 }
 
 void set_output_interface(settings& to, char* argument) {

@@ -32,7 +32,7 @@ const plugin_description* desc_packets() {
 }
 
 const plugin_description* desc_whole() {
-    static const plugin_description description{"whole", "", 0, FILTER_WHOLE_PARAMS};
+    static const plugin_description description{"whole", "", 0, PLUGIN_WHOLE_PARAMS};
     return &description;
 }
 
@@ -53,13 +53,15 @@ struct Options : testing::Test {
         kestrel_vlan_offset = kestrel_mpls_offset = kestrel_mac_offset = 0;
         verbose_level = -1;
         plugin_registry* registry = &given.run.registry;
-        for (plugin_desc_function* desc : {desc_first, desc_second})
+        for (plugin_desc_function* desc : {desc_first, desc_second, desc_whole})
             add_input_plugin(registry, desc, nullptr, nullptr, nullptr, no_flow, nullptr, nullptr,
                              nullptr);
         for (plugin_desc_function* desc : {desc_plain, desc_packets}) {
             add_process_plugin(registry, desc, nullptr, nullptr, nullptr, nullptr, nullptr);
             add_filter_plugin(registry, desc, nullptr, nullptr);
+            add_export_plugin(registry, desc, nullptr, nullptr, nullptr);
         }
+        add_export_plugin(registry, desc_whole, nullptr, nullptr, nullptr);
         add_filter_plugin(registry, desc_whole, nullptr, nullptr);
         add_process_plugin(registry, desc_whole, nullptr, nullptr, nullptr, nullptr, nullptr);
     }
@@ -148,6 +150,34 @@ TEST_F(Options, AFilterMayAskForItsParamsWhole) {
     ASSERT_EQ(exports()[0].filters.size(), 2u);
     EXPECT_STREQ(exports()[0].filters[0].params, "2001:db8::/32:");
     EXPECT_STREQ(exports()[0].filters[1].params, "a");
+}
+
+TEST_F(Options, AnInputMayWantItsParamsWhole) {
+    parse("-I whole:file=a:b.pcap,x=1::");
+    EXPECT_EQ(given.run.input_index, 2);
+    EXPECT_STREQ(given.run.registry.inputs[2].params, "file=a:b.pcap,x=1::");
+}
+
+TEST_F(Options, AnInputWithoutTheFlagHasItsParamsCut) {
+    parse("-I second:a:b");
+    EXPECT_STREQ(given.run.registry.inputs[1].params, "a");
+}
+
+TEST_F(Options, AnInputThatWantsWholeParamsMayHaveNone) {
+    parse("-I whole:");
+    EXPECT_EQ(given.run.registry.inputs[2].params, nullptr);
+}
+
+TEST_F(Options, AnExportMayWantItsParamsWhole) {
+    parse("-E whole:a:b::c -E packets:a:b -E plain:a:b -E whole -E who:a:b -E whole:a");
+    ASSERT_EQ(exports().size(), 6u);
+    EXPECT_STREQ(exports()[0].name, "whole");
+    EXPECT_STREQ(exports()[0].params, "a:b::c");
+    EXPECT_STREQ(exports()[1].params, "a");
+    EXPECT_STREQ(exports()[2].params, "a");
+    EXPECT_EQ(exports()[3].params, nullptr);
+    EXPECT_STREQ(exports()[4].params, "a");  // exports are not found by the beginning of a name
+    EXPECT_STREQ(exports()[5].params, "a");
 }
 
 TEST_F(Options, WholeParamsBeginBehindTheFirstColonOfTheName) {

@@ -56,6 +56,15 @@ class Ends(ReplayCase):
                         self.assertEqual(ports, [1000, 1001, 1002, 1003, 1004])
                         self.assertEqual(self.totals(probe), (5, 5, 5, 0))
 
+    def test_names_of_files_may_hold_colons(self):
+        path = self.file(pcap(numbered(2)), "12:30:00 :.pcap")
+        out = self.directory / "flows:1.txt"
+        chosen = self.file("udp src port 1001", "chosen:by:port")
+        probe = self.replay(path, "-E", f"flow_lines:file={out}",
+                            options=f",filter-file={chosen}")
+        self.assertEqual(self.totals(probe), (1, 1, 1, 0))
+        self.assertEqual(len(out.read_text().splitlines()), 1)
+
     def test_standard_input_is_read_to_its_end(self):
         path = self.file(pcap(numbered(100)))
         with open(path, "rb") as content:

@@ -8,7 +8,8 @@
 int32_t plugin_type = PLUGIN_KIND_EXPORT;
 
 const struct plugin_description* plugin_export_desc(void) {
-    static const struct plugin_description description = {"flow_lines", "Flows as text", 0, 0};
+    static const struct plugin_description description = {"flow_lines", "Flows as text", 0,
+                                                          PLUGIN_WHOLE_PARAMS};
     return &description;
 }
 
