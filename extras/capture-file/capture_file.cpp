@@ -1,7 +1,9 @@
-// The "capture-file" input: Ethernet frames from a pcap or pcapng file through libpcap, with the
-// packets' own clock, so that the file gives the flows that a live capture of it would have given.
-// Initialised on the main thread, then used by the thread that reads; never parses a frame.
+// The "capture-file" input: frames from a pcap or pcapng file through libpcap, with the packets'
+// own clock, so that the file gives the flows that a live capture of it would have given. Frames
+// that are not Ethernet are given an Ethernet header. Initialised on the main thread, then used by
+// the thread that reads; never parses a frame.
 
+#include <kestrelexp/link.h>
 #include <kestrelexp/plugin.h>
 #include <kestrelexp/service.h>
 #include <pcap/pcap.h>
@@ -30,6 +32,7 @@ constexpr uint64_t ns_per_second = 1'000'000'000;
 // Times of the packets have 63 bits for their nanoseconds.
 constexpr int64_t last_second = INT64_MAX / 1'000'000'000 - 1;
 constexpr int32_t sampling_believable = 1000;
+constexpr int longest_frame = 256 * 1024;  // bytes; libpcap reads no longer ones of our link types
 
 struct input {
     char* path;
@@ -37,7 +40,10 @@ struct input {
     int32_t sampling;        // deliver every N-th frame, 0 = all
     int32_t frames_to_skip;  // up to the next one delivered
     pcap_t* handle;
-    pcap_pkthdr* captured;  // the frame read last
+    const link_format* format;  // null: Ethernet frames, handed on where libpcap has them
+    uint8_t* ethernet_frame;    // room for one that was translated; null for Ethernet
+    uint32_t ethernet_room;     // bytes
+    pcap_pkthdr* captured;      // the frame read last
     const uint8_t* frame;
     bool is_ahead;   // it was read by init and has not been delivered
     bool has_ended;  // no frame follows
@@ -67,6 +73,26 @@ bool read_parameters(char* params, input& self) {
     return true;
 }
 
+// Says whether frames of the file can be handed on, and gets ready to translate them.
+bool set_link_type(input& self) {
+    const int link_type = pcap_datalink(self.handle);
+    if (link_type == DLT_EN10MB)
+        return true;
+    self.format = link_format_find(link_type);
+    if (!self.format) {
+        const char* name = pcap_datalink_val_to_name(link_type);
+        verbose_msg(-1,
+                    "Capture file %s: its frames are not Ethernet but %s, which cannot be "
+                    "translated. Capture on an Ethernet, tunnel or PPP device, or on \"any\"",
+                    shown_path(self), name ? name : "of an unknown link type");
+        return false;
+    }
+    const int longest = std::min(pcap_snapshot(self.handle), longest_frame);
+    self.ethernet_room = LINK_ETHERNET_HEADER + static_cast<uint32_t>(longest);
+    self.ethernet_frame = static_cast<uint8_t*>(malloc_wrapper(self.ethernet_room, 1));
+    return true;
+}
+
 bool open_file(input& self) {
     std::FILE* stream = open_stream(self.path);
     if (!stream) {
@@ -82,13 +108,7 @@ bool open_file(input& self) {
         std::fclose(stream);
         return false;
     }
-    const int link = pcap_datalink(self.handle);
-    if (link == DLT_EN10MB)
-        return true;
-    const char* name = pcap_datalink_val_to_name(link);
-    verbose_msg(-1, "Capture file %s: its frames are not Ethernet but %s", shown_path(self),
-                name ? name : "of an unknown link type");
-    return false;
+    return set_link_type(self);
 }
 
 bool read_text(const char* path, std::string& text) {
@@ -212,6 +232,9 @@ const uint8_t* plugin_input_get_packet(void* instance, packet_header* header) {
     header->wire_length = self.captured->len;
     header->input_interface = 0;
     header->output_interface = 0;
+    if (self.format) [[unlikely]]
+        return link_to_ethernet(self.format, self.frame, header, self.ethernet_frame,
+                                self.ethernet_room);
     return self.frame;
 }
 

@@ -2,7 +2,7 @@
 
 import socket
 
-from testbed.capture import NS, RAW_IP, pcap, pcapng
+from testbed.capture import NS, pcap, pcapng
 from testbed.frames import arp_request, ethernet, ipv4, udp
 from testbed.netflow_v5 import decode
 from testbed.probe import FLUSHED
@@ -136,14 +136,6 @@ class Refusals(ReplayCase):
         for size in (25, 39, 41, len(whole) - 1):
             path = self.file(whole[:size])
             self.assert_refused(path, f"Capture file {path} breaks off: truncated dump file;")
-
-    def test_another_link_type(self):
-        for content in (pcap([], link=RAW_IP), pcapng([], link=RAW_IP)):
-            path = self.file(content)
-            self.assert_refused(path, f"Capture file {path}: its frames are not Ethernet but RAW")
-        path = self.file(pcap([], link=0xFFF0))
-        self.assert_refused(
-            path, f"Capture file {path}: its frames are not Ethernet but of an unknown link type")
 
     def test_no_file_at_all(self):
         lines = self.refused_words("-I", "capture-file:sampling=2", "-E", "null")

@@ -2,7 +2,7 @@
 
 import struct
 
-ETHERNET, RAW_IP = 1, 101
+ETHERNET = 1
 NS = 1_000_000_000
 
 
