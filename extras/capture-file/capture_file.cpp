@@ -32,6 +32,7 @@ constexpr uint64_t ns_per_second = 1'000'000'000;
 // Times of the packets have 63 bits for their nanoseconds.
 constexpr int64_t last_second = INT64_MAX / 1'000'000'000 - 1;
 constexpr int32_t sampling_believable = 1000;
+constexpr size_t longest_filter = 1024 * 1024;  // bytes; a file without end is no filter
 constexpr int longest_frame = 256 * 1024;  // bytes; libpcap reads no longer ones of our link types
 
 struct input {
@@ -50,8 +51,12 @@ struct input {
     uint64_t clock;  // ns, the latest time seen
 };
 
+bool is_standard_input(const input& self) {
+    return std::strcmp(self.path, "-") == 0;
+}
+
 const char* shown_path(const input& self) {
-    return std::strcmp(self.path, "-") == 0 ? "(standard input)" : self.path;
+    return is_standard_input(self) ? "(standard input)" : self.path;
 }
 
 bool read_parameters(char* params, input& self) {
@@ -94,7 +99,7 @@ bool set_link_type(input& self) {
 }
 
 bool open_file(input& self) {
-    std::FILE* stream = open_stream(self.path);
+    std::FILE* stream = is_standard_input(self) ? open_standard_input() : open_stream(self.path);
     if (!stream) {
         verbose_msg(-1, "Capture file %s: %s", shown_path(self), std::strerror(errno));
         return false;
@@ -111,24 +116,35 @@ bool open_file(input& self) {
     return set_link_type(self);
 }
 
-bool read_text(const char* path, std::string& text) {
-    std::FILE* file = std::fopen(path, "re");
+enum class reading { whole, failed, too_long };
+
+// The bytes of a file. Who was interrupted has read a part of them.
+reading read_text(const char* path, std::string& text) {
+    std::FILE* file = open_stream(path);
     if (!file)
-        return false;
+        return reading::failed;
     char piece[4096];
-    while (const size_t size = std::fread(piece, 1, sizeof piece, file))
+    size_t size;
+    while (text.size() <= longest_filter && (size = std::fread(piece, 1, sizeof piece, file)) > 0)
         text.append(piece, size);
-    const bool is_whole = std::ferror(file) == 0;
+    const int fault = std::ferror(file) != 0 ? errno : 0;
     std::fclose(file);
-    return is_whole;
+    errno = fault;
+    if (fault != 0)
+        return reading::failed;
+    return text.size() <= longest_filter ? reading::whole : reading::too_long;
 }
 
 bool set_filter(input& self) {
     if (!self.filter_path)
         return true;
     std::string expression;
-    if (!read_text(self.filter_path, expression)) {
-        verbose_msg(-1, "Filter file %s: %s", self.filter_path, std::strerror(errno));
+    const reading result = read_text(self.filter_path, expression);
+    if (was_interrupted())
+        return false;
+    if (result != reading::whole) {
+        verbose_msg(-1, "Filter file %s: %s", self.filter_path,
+                    result == reading::failed ? std::strerror(errno) : "longer than 1 MiB");
         return false;
     }
     bpf_program program;
@@ -206,7 +222,7 @@ void* plugin_input_init(char* params, int, uint16_t) {
     if (is_ready)
         return self;
     if (was_interrupted()) {
-        // While it waited for the first bytes of a pipe: an input without frames.
+        // While it waited for a writer or for the first bytes of a pipe: an input without frames.
         self->has_ended = true;
         return self;
     }

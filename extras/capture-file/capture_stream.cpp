@@ -2,13 +2,13 @@
 
 #include <fcntl.h>
 #include <kestrelexp/flow.h>
+#include <kestrelexp/service.h>
 #include <poll.h>
 #include <stdio_ext.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdint>
-#include <cstring>
+#include <cstdlib>
 
 namespace capture_file {
 namespace {
@@ -16,13 +16,11 @@ namespace {
 constexpr int wait_ms = 10;
 constexpr size_t buffer_bytes = 256 * 1024;
 
-// The cookie of a stream is its descriptor, plus one so that none is null.
-void* cookie_of(int descriptor) {
-    return reinterpret_cast<void*>(intptr_t{descriptor} + 1);
-}
-int descriptor_of(void* cookie) {
-    return static_cast<int>(reinterpret_cast<intptr_t>(cookie) - 1);
-}
+// What is under a stream.
+struct source {
+    int descriptor;
+    off64_t position;  // bytes read
+};
 
 bool is_interrupted = false;
 
@@ -48,33 +46,61 @@ bool wait_for(int descriptor) {
 }
 
 ssize_t read_some(void* cookie, char* to, size_t size) {
-    const int descriptor = descriptor_of(cookie);
-    return wait_for(descriptor) ? read(descriptor, to, size) : 0;
+    auto& self = *static_cast<source*>(cookie);
+    if (!wait_for(self.descriptor))
+        return 0;
+    const ssize_t result = read(self.descriptor, to, size);
+    self.position += result > 0 ? result : 0;
+    return result;
+}
+
+// Tells the position and goes nowhere: libpcap reads on and on.
+int tell_position(void* cookie, off64_t* offset, int whence) {
+    if (whence != SEEK_CUR || *offset != 0) {
+        errno = ESPIPE;
+        return -1;
+    }
+    *offset = static_cast<source*>(cookie)->position;
+    return 0;
 }
 
 int close_stream(void* cookie) {
-    return close(descriptor_of(cookie));
+    const int result = close(static_cast<source*>(cookie)->descriptor);
+    std::free(cookie);
+    return result;
 }
 
-}  // namespace
-
-std::FILE* open_stream(const char* path) {
-    const bool is_standard_input = std::strcmp(path, "-") == 0;
-    const int descriptor =
-        is_standard_input ? dup(STDIN_FILENO) : open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY);
+std::FILE* stream_of(int descriptor) {
     if (descriptor < 0)
         return nullptr;
-    std::FILE* stream =
-        fopencookie(cookie_of(descriptor), "r",
-                    {.read = read_some, .write = nullptr, .seek = nullptr, .close = close_stream});
+    auto* self = static_cast<source*>(malloc_wrapper(sizeof(source), 0));
+    self->descriptor = descriptor;
+    std::FILE* stream = fopencookie(
+        self, "r",
+        {.read = read_some, .write = nullptr, .seek = tell_position, .close = close_stream});
     if (!stream) {
-        close(descriptor);
+        (void)close_stream(self);  // the caller hears of the stream
         return nullptr;
     }
     // Packets are small: a large buffer saves system calls, and one thread alone reads.
     (void)std::setvbuf(stream, nullptr, _IOFBF, buffer_bytes);
     (void)__fsetlocking(stream, FSETLOCKING_BYCALLER);
     return stream;
+}
+
+}  // namespace
+
+std::FILE* open_stream(const char* path) {
+    // Without O_NONBLOCK a FIFO is not open before it has a writer, and no interrupt would end
+    // that. With it, wait_for() waits for the writer as for any bytes.
+    const int descriptor = open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+    if (descriptor >= 0)
+        (void)fcntl(descriptor, F_SETFL, O_RDONLY);  // reads come after a wait, as they always did
+    return stream_of(descriptor);
+}
+
+std::FILE* open_standard_input() {
+    return stream_of(dup(STDIN_FILENO));
 }
 
 bool was_interrupted() {

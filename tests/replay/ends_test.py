@@ -151,6 +151,13 @@ class Refusals(ReplayCase):
         self.assert_refused(capture, "Filter file /nowhere/filter: No such file or directory",
                             options=",filter-file=/nowhere/filter")
 
+    def test_a_filter_file_without_end_and_one_that_cannot_be_read(self):
+        capture = CAPTURES / "zeek-wikipedia.pcap"
+        self.assert_refused(capture, "Filter file /dev/zero: longer than 1 MiB",
+                            options=",filter-file=/dev/zero")
+        self.assert_refused(capture, f"Filter file {self.directory}: Is a directory",
+                            options=f",filter-file={self.directory}")
+
     def test_a_filter_that_is_no_expression(self):
         rules = self.file("udp port port", "filter.txt")
         self.assert_refused(CAPTURES / "zeek-wikipedia.pcap", f"Filter file {rules}: ",

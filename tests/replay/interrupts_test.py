@@ -61,8 +61,8 @@ class Interrupts(ReplayCase):
         pipe.let_go()
         return probe, pipe
 
-    def stop(self, probe):
-        probe.signal(signal.SIGINT)
+    def stop(self, probe, number=signal.SIGINT):
+        probe.signal(number)
         self.assertEqual(probe.wait(20), 0, probe.describe())
         self.assertEqual(probe.lines[-1], FLUSHED, probe.describe())
         self.assertIn(CAUGHT, probe.lines)
@@ -93,6 +93,54 @@ class Interrupts(ReplayCase):
         time.sleep(6)  # the alarm of every fifth second comes in between
         self.stop(probe)
         self.assertEqual(self.totals(probe), (0, 0, 0, 0))
+
+    def fifo(self, name):
+        path = self.directory / name
+        os.mkfifo(path)
+        return path
+
+    def test_a_fifo_without_a_writer_is_an_input_without_frames(self):
+        probe = self.start(self.fifo("silent"), "-E", "null")
+        probe.wait_for_line("Plugin to load")
+        time.sleep(6)  # the alarm of every fifth second comes in between
+        self.stop(probe)
+        self.assertEqual(self.totals(probe), (0, 0, 0, 0))
+
+    def test_a_termination_ends_the_wait_for_a_writer_too(self):
+        probe = self.start(self.fifo("silent"), "-E", "null")
+        probe.wait_for_line("Plugin to load")
+        settle(0.3)
+        self.stop(probe, signal.SIGTERM)
+        self.assertEqual(self.totals(probe), (0, 0, 0, 0))
+
+    def test_a_fifo_waits_for_its_writer_and_is_read_to_its_end(self):
+        path = self.fifo("late")
+        probe = self.start(path, "-E", "null")
+        probe.wait_for_line("Plugin to load")
+        settle(0.3)
+        with open(path, "wb") as writer:
+            settle(0.3)
+            writer.write(pcap([(T * NS, frame(1)), (T * NS, frame(2))]))
+        self.assertEqual(probe.wait(20), 0, probe.describe())
+        self.assertEqual(self.totals(probe), (2, 2, 2, 0))
+
+    def test_a_fifo_whose_writer_writes_nothing_is_no_capture(self):
+        path = self.fifo("empty")
+        probe = self.start(path, "-E", "null")
+        with open(path, "wb"):
+            pass
+        self.assertEqual(probe.wait(20), 255, probe.describe())
+        self.assertIn(f"Capture file {path}: truncated dump file;", probe.log)
+
+    def test_a_filter_that_does_not_come_is_not_waited_for(self):
+        capture = self.file(pcap([(T * NS, frame(1))]))
+        probe = self.start(capture, "-E", "null",
+                           options=f",filter-file={self.fifo('filter')}")
+        probe.wait_for_line("Plugin to load")
+        settle(0.3)
+        self.stop(probe)
+        self.assertEqual(self.totals(probe), (0, 0, 0, 0))
+        self.assertNotIn("Filter file", probe.log)
 
     def test_in_the_middle_of_a_stream_nothing_that_was_read_is_lost(self):
         # Each round of 200 flows lies a minute behind the one before.
