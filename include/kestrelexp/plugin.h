@@ -77,14 +77,23 @@ typedef const uint8_t* input_flow_packet_function(void* instance, uint32_t* capt
 /* Fills a prepared record with a finished flow: returns 0 when it did, non-zero when not. */
 typedef flow_key input_final_flow_function(void* instance, struct flow_record* record);
 
+/* What an input says of itself with its clock. */
+enum input_clock_state {
+    INPUT_CLOCK_RUNS = 0,  /* more packets may come */
+    INPUT_CLOCK_ENDED = 1, /* the last packet has been delivered */
+    INPUT_CLOCK_FAILED = 2 /* as before, but the input broke off: packets are missing */
+};
+
 /* Optional, beside get_packet: the input brings its own clock (a replay), and the times of its
  * packets, not the system's clocks, drive all time of the program: ageing, the times that exports
  * write, the start-up time, the flush of idle exports. Stores in *now how far the input has come,
  * in ns since the Unix epoch: no packet to come is older, save for packets that are out of order.
- * Returns 0 while more may come, 1 once the last packet has been delivered; the program then
- * exports every flow and ends with status 0. Called once or more after init, when *now is the time
- * of the first packet to come, and whenever get_packet returned NULL. An input that waits for
- * packets returns NULL from get_packet now and then (every 10 ms, say). */
+ * Returns an enum input_clock_state. After INPUT_CLOCK_ENDED the program exports every flow and
+ * ends with status 0; after INPUT_CLOCK_FAILED it does the same and ends with status 1, and the
+ * input has said why. (Any other number but 0 is taken as INPUT_CLOCK_ENDED.) Called once or more
+ * after init, when *now is the time of the first packet to come, and whenever get_packet returned
+ * NULL. An input that waits for packets returns NULL from get_packet now and then (every 10 ms,
+ * say). */
 typedef int input_clock_function(void* instance, uint64_t* now);
 
 struct input_plugin {

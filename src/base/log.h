@@ -9,6 +9,7 @@ namespace kestrel {
 // Exit statuses that have a meaning; exit() keeps their low 8 bits.
 enum exit_status : int {
     exit_ok = 0,
+    exit_input_failed = 1,     // the end in order of an input with a clock that broke off
     exit_config = -1,          // 255: configuration and initialisation errors
     exit_unknown_export = -3,  // 253
     exit_cipher = -11,         // 245: the anonymizer's cipher failed

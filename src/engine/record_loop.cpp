@@ -135,9 +135,9 @@ bool is_stop_due(const temporal_storage& storage) {
     return is_exit_wanted;
 }
 
-[[noreturn]] void say_farewell() {
+[[noreturn]] void say_farewell(int status) {
     verbose_msg(-1, "QUIT signal processed. All data flushed. Exiting ...");
-    std::exit(exit_ok);
+    std::exit(status);
 }
 
 // Lets the packet clock go on to the time given. The silence up to then is a live one in short: the
@@ -183,7 +183,7 @@ int replay_record_loop(temporal_storage* storage, unsigned record_size,
         if (stamp.ended != nullptr) {
             flush_exports(self);
             say_totals(*stamp.ended, out);
-            say_farewell();
+            say_farewell(stamp.ended->has_failed ? exit_input_failed : exit_ok);
         }
         flow_record& record = flow.in(slot);
         out.flows += 1;
@@ -210,5 +210,5 @@ int main_record_loop(temporal_storage* storage, unsigned record_size,
     } while (!is_stop_due(*storage));
 
     flush_exports(self);
-    say_farewell();
+    say_farewell(exit_ok);
 }

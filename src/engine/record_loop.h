@@ -39,8 +39,8 @@ class idle_watch {
 
 // The record loop of a replay (see replay.h): main_record_loop on packet time. Every slot of the
 // storage has a stamp after its record_size bytes; after the last flow it tells what was read,
-// flushes the exports and ends the program with status 0. An interrupted replay ends like one whose
-// input has ended, totals and all.
+// flushes the exports and ends the program with status 0, or 1 when the input broke off. An
+// interrupted replay ends like one whose input has ended, totals and all.
 int replay_record_loop(temporal_storage* storage, unsigned record_size,
                        run_configuration* configuration);
 

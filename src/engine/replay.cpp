@@ -63,7 +63,9 @@ flow_record& record_of(const replay& r, unsigned n) {
 
 // The input has no packet just now, or never again.
 void note_pause(replay& r) {
-    r.has_ended = r.sw.clock(r.reader.context, &r.reached) != 0;
+    const int state = r.sw.clock(r.reader.context, &r.reached);
+    r.has_ended = state != INPUT_CLOCK_RUNS;
+    r.totals->has_failed = state == INPUT_CLOCK_FAILED;
 }
 
 void read_batch(replay& r) {

@@ -53,6 +53,7 @@ struct ReplayRecordLoop : testing::Test {
     run_configuration configuration;
     std::vector<slot> slots;
     uint64_t end_ms = 0;
+    bool has_failed = false;
     int verbosity = -1;
 
     ReplayRecordLoop() {
@@ -63,7 +64,8 @@ struct ReplayRecordLoop : testing::Test {
     }
 
     temporal_storage* fill() const {
-        static const replay_totals totals{.frames = 12, .no_flow = 2};
+        static replay_totals totals{.frames = 12, .no_flow = 2, .has_failed = false};
+        totals.has_failed = has_failed;
         temporal_storage* storage =
             temporal_storage_init(64, record_size + sizeof(replay_stamp), nullptr, "test records");
         const auto put = [storage](uint32_t packets, replay_stamp stamp) {
@@ -142,6 +144,13 @@ TEST_F(ReplayRecordLoop, TheEndTellsWhatWasRead) {
     expect(
         "3 at 0\n7 at 0\nflush at 0\n"
         "VERBOSE: 0:Input ended: 12 packets read, 10 in 2 flows, 2 no flow\n");
+}
+
+TEST_F(ReplayRecordLoop, AnInputThatBrokeOffEndsTheProgramWithStatus1) {
+    slots = {{0, 3}};
+    has_failed = true;
+    EXPECT_EXIT(run(), ExitedWithCode(1),
+                testing::Eq(std::string("3 at 0\nflush at 0\n") + farewell));
 }
 
 TEST_F(ReplayRecordLoop, AGlobalRejectionReturnsItWithoutAFlush) {

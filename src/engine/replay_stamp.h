@@ -10,6 +10,7 @@ namespace kestrel {
 struct replay_totals {
     uint64_t frames;   // delivered by the input
     uint64_t no_flow;  // frames among them that are no flow
+    bool has_failed;   // the input broke off
 };
 
 struct replay_stamp {

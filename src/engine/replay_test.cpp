@@ -46,6 +46,7 @@ struct script {
     uint64_t reached = start;
     bool goes_on = false;  // with nothing, for ever
     frame_bytes frame;
+    int last_state = INPUT_CLOCK_ENDED;
 };
 script played;
 std::atomic<size_t> calls = 0;
@@ -73,15 +74,16 @@ const uint8_t* get_packet(void*, packet_header* header) {
 
 int get_clock(void*, uint64_t* now) {
     *now = played.reached;
-    return played.next == played.steps.size() && !played.goes_on;
+    return played.next == played.steps.size() && !played.goes_on ? played.last_state
+                                                                 : INPUT_CLOCK_RUNS;
 }
 
 // ---- What comes out ----
 
 void start_replay(std::vector<step> steps, temporal_storage** finals, process_plugin* plugin,
-                  bool goes_on) {
+                  bool goes_on, int last_state = INPUT_CLOCK_ENDED) {
     verbose_level = -2;
-    played = {.steps = std::move(steps), .goes_on = goes_on, .frame = {}};
+    played = {.steps = std::move(steps), .goes_on = goes_on, .frame = {}, .last_state = last_state};
     *finals = temporal_storage_init(8, 88 + sizeof(replay_stamp), nullptr, "final-records");
     flow_queue* queue =
         replay_queue_init(10, 180, 10, *finals, nullptr, 0, plugin != nullptr, plugin);
@@ -108,7 +110,8 @@ void say_slots(temporal_storage* finals) {
         if (stamp.ended) {
             say("end at " + in_ms(stamp.now_ns) + ", frames " +
                 std::to_string(stamp.ended->frames) + ", no flow " +
-                std::to_string(stamp.ended->no_flow) + "\n");
+                std::to_string(stamp.ended->no_flow) +
+                (stamp.ended->has_failed ? ", failed\n" : "\n"));
             return;
         }
         const auto& flow = *reinterpret_cast<const flow_record*>(slot);
@@ -118,10 +121,11 @@ void say_slots(temporal_storage* finals) {
     }
 }
 
-std::string slots_of(const std::vector<step>& steps, process_plugin* plugin = nullptr) {
+std::string slots_of(const std::vector<step>& steps, process_plugin* plugin = nullptr,
+                     int last_state = INPUT_CLOCK_ENDED) {
     return run_in_child([&] {
         temporal_storage* finals;
-        start_replay(steps, &finals, plugin, false);
+        start_replay(steps, &finals, plugin, false, last_state);
         say_slots(finals);
     });
 }
@@ -137,6 +141,18 @@ TEST(Replay, WhatIsLeftIsFlushedAtTheEnd) {
         "port 1: 2 from 0 to 700, left at 700\n"
         "end at 705, frames 3, no flow 1\n",
         slots_of({{step::packet, 0}, {step::packet, 700}, {step::other_frame, 705}}));
+}
+
+TEST(Replay, AnInputThatBreaksOffIsFlushedAndItsFaultHandedOn) {
+    EXPECT_EQ(
+        "port 1: 1 from 0 to 0, left at 0\n"
+        "end at 0, frames 1, no flow 0, failed\n",
+        slots_of({{step::packet, 0}}, nullptr, INPUT_CLOCK_FAILED));
+}
+
+TEST(Replay, AnyOtherLastWordOfAnInputIsAnEnd) {
+    for (int state : {-1, 3, 256})
+        EXPECT_EQ("end at 0, frames 0, no flow 0\n", slots_of({}, nullptr, state));
 }
 
 TEST(Replay, AFlowLeavesAtTheTickThatFoundItIdle) {

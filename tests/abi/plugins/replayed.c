@@ -4,6 +4,12 @@
 
 #include "kestrelexp/plugin.h"
 
+#ifdef FAILS
+#define LAST_STATE INPUT_CLOCK_FAILED
+#else
+#define LAST_STATE INPUT_CLOCK_ENDED
+#endif
+
 #define BASE_TIME UINT64_C(946598400000000000)
 #define SECOND UINT64_C(1000000000)
 
@@ -55,5 +61,5 @@ int plugin_input_clock(void* instance, uint64_t* now) {
     const uint32_t delivered = calls / 2;
     (void)instance;
     *now = BASE_TIME + (delivered == 0 ? 0 : deliveries[delivered - 1].seconds) * SECOND;
-    return delivered == DELIVERIES;
+    return delivered == DELIVERIES ? LAST_STATE : INPUT_CLOCK_RUNS;
 }
