@@ -46,9 +46,11 @@ struct input {
     uint32_t ethernet_room;     // bytes
     pcap_pkthdr* captured;      // the frame read last
     const uint8_t* frame;
-    bool is_ahead;   // it was read by init and has not been delivered
-    bool has_ended;  // no frame follows
-    uint64_t clock;  // ns, the latest time seen
+    bool is_ahead;        // it was read by init and has not been delivered
+    bool has_ended;       // no frame follows
+    bool has_broken_off;  // and some should have
+    uint64_t frames;      // read
+    uint64_t clock;       // ns, the latest time seen
 };
 
 bool is_standard_input(const input& self) {
@@ -172,18 +174,25 @@ uint64_t time_of(const pcap_pkthdr& captured) {
            static_cast<uint64_t>(captured.ts.tv_usec) % ns_per_second;
 }
 
+void note_break(input& self) {
+    self.has_broken_off = true;
+    verbose_msg(-1, "Capture file %s breaks off at byte %ld, after %lu frames: %s",
+                shown_path(self), std::ftell(pcap_file(self.handle)), self.frames,
+                pcap_geterr(self.handle));
+}
+
 // Takes the next frame of the file into self; false when there is none.
 bool read_frame(input& self) {
     const int result = pcap_next_ex(self.handle, &self.captured, &self.frame);
     if (result == 1) [[likely]] {
+        self.frames += 1;
         self.clock = std::max(self.clock, time_of(*self.captured));
         return true;
     }
     self.has_ended = true;
     self.frame = nullptr;
     if (result == PCAP_ERROR && !was_interrupted())
-        verbose_msg(-1, "Capture file %s breaks off: %s", shown_path(self),
-                    pcap_geterr(self.handle));
+        note_break(self);
     return false;
 }
 
@@ -199,7 +208,7 @@ bool is_sampled(input& self) {
 bool read_first_frame(input& self) {
     self.is_ahead = read_frame(self);
     // A file without any frame is well-formed; one that breaks off in its first frame is not.
-    return self.is_ahead || *pcap_geterr(self.handle) == '\0';
+    return !self.has_broken_off;
 }
 
 }  // namespace
@@ -257,5 +266,7 @@ const uint8_t* plugin_input_get_packet(void* instance, packet_header* header) {
 int plugin_input_clock(void* instance, uint64_t* now) {
     const auto& self = *static_cast<input*>(instance);
     *now = self.clock;
-    return self.has_ended;
+    if (!self.has_ended)
+        return INPUT_CLOCK_RUNS;
+    return self.has_broken_off ? INPUT_CLOCK_FAILED : INPUT_CLOCK_ENDED;
 }

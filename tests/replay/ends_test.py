@@ -71,14 +71,43 @@ class Ends(ReplayCase):
             probe = self.replay("-", "-E", "null", stdin=content)
         self.assertEqual(self.totals(probe), (100, 100, 100, 0))
 
+    def assert_breaks_off(self, content, position, count):
+        """After so many frames, which are exported; the status says it."""
+        ports, probe = self.flows(content, status=1)
+        self.assertEqual(ports, list(range(1000, 1000 + count)))
+        self.assertIn(f"Capture file {self.directory}/made.pcap breaks off at byte {position}, "
+                      f"after {count} frames: ", probe.log)
+        self.assertEqual(self.totals(probe), (count, count, count, 0))
+        return probe
+
     def test_a_file_that_breaks_off_gives_what_was_read(self):
+        # A header of 24 bytes, then for each frame one of 16 and 46 bytes.
         whole = pcap(numbered(10))
         for cut in (1, 40, 61):  # in the frame, in the frame, in the header before it
-            ports, probe = self.flows(whole[:-cut])
-            self.assertEqual(ports, list(range(1000, 1009)))
-            self.assertIn(f"Capture file {self.directory}/made.pcap breaks off: truncated dump "
-                          "file;", "\n".join(probe.lines))
-            self.assertEqual(self.totals(probe), (9, 9, 9, 0))
+            probe = self.assert_breaks_off(whole[:-cut], 644 - cut, 9)
+            self.assertIn(" frames: truncated dump file; tried to read ", probe.log)
+
+    def test_a_pcapng_file_that_breaks_off_gives_what_was_read(self):
+        # Blocks of 28 and 20 bytes, then for each frame one of 80.
+        whole = pcapng(numbered(3))
+        self.assertEqual(len(whole), 288)
+        for cut in (1, 79):
+            self.assert_breaks_off(whole[:-cut], 288 - cut, 2)
+
+    def test_a_file_that_is_damaged_in_the_middle_gives_what_comes_before(self):
+        # The third frame's header says that it holds more than any frame has.
+        damaged = bytearray(pcap(numbered(1000)))
+        at = 24 + 2 * 62
+        damaged[at + 8:at + 12] = b"\xff\xff\xff\x7f"
+        self.assert_breaks_off(bytes(damaged), at + 16, 2)
+
+    def test_a_pipe_that_breaks_off_is_no_regular_end_either(self):
+        path = self.file(pcap(numbered(100))[:-1])
+        with open(path, "rb") as content:
+            probe = self.replay("-", "-E", "null", status=1, stdin=content)
+        self.assertIn("Capture file (standard input) breaks off at byte 6223, after 99 frames: ",
+                      probe.log)
+        self.assertEqual(self.totals(probe), (99, 99, 99, 0))
 
     def test_sampling_delivers_the_nth_of_every_n_frames(self):
         ports, probe = self.flows(pcap(numbered(10)), options=",sampling=3")
@@ -135,7 +164,8 @@ class Refusals(ReplayCase):
         whole = pcap(numbered(1))
         for size in (25, 39, 41, len(whole) - 1):
             path = self.file(whole[:size])
-            self.assert_refused(path, f"Capture file {path} breaks off: truncated dump file;")
+            self.assert_refused(path, f"Capture file {path} breaks off at byte {size}, after 0 "
+                                      "frames: truncated dump file;")
 
     def test_no_file_at_all(self):
         lines = self.refused_words("-I", "capture-file:sampling=2", "-E", "null")

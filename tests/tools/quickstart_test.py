@@ -68,7 +68,8 @@ class Quickstart(unittest.TestCase):
             self.assertIn(more, errors)
         status, out, _ = self.run_script("-f", broken)
         self.assertEqual(status, 0)
-        self.assertIn("broken.pcap breaks off: truncated dump file", out)
+        self.assertIn("broken.pcap breaks off at byte 20000, after 92 frames: truncated dump file",
+                      out)
 
     def test_a_file_that_is_not_there_is_said_at_once(self):
         self.assertEqual(self.run_script("--file", "none.pcap"),

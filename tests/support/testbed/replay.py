@@ -96,10 +96,10 @@ class ReplayCase(unittest.TestCase):
         self.addCleanup(probe.kill)
         return probe
 
-    def replay(self, path, *arguments, timeout=60, **options):
+    def replay(self, path, *arguments, timeout=60, status=0, **options):
         """Runs to the end, which has to be an orderly one; returns the probe."""
         probe = self.start(path, *arguments, **options)
-        self.assertEqual(probe.wait(timeout), 0, probe.describe())
+        self.assertEqual(probe.wait(timeout), status, probe.describe())
         self.assertEqual(probe.lines[-1], FLUSHED, probe.describe())
         return probe
 
