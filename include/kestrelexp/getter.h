@@ -76,7 +76,7 @@ KX_API void getter_copy_list(struct getter** destination, const struct getter* s
 KX_API void getter_copy_to(struct getter** destination, const struct getter* entry);
 
 /* Copies one value of source_length bytes at source + source_offset into destination_length bytes.
- * Wider destinations are filled with zeros (in front in network order, behind in host order); the
+ * Wider destinations are filled with zeros (in front in network order, after in host order); the
  * value then has its own length, else the destination's. A value of 1, 2, 4, 8 or 16 bytes is a
  * number: its low-order bytes are written, swapped in network order. A value of any other length (3
  * and 6 above all) is copied unswapped, and with all its source_length bytes even when the
@@ -88,7 +88,7 @@ KX_API void record_universal_get(void* destination, const void* source, int32_t 
 /* Writes the record as one line "flow: FLOW: ..." through verbose_msg at the given level. */
 KX_API void record_print(int level, const struct flow_record* record);
 
-/* The functions behind the base table, for plugins that read a field without looking its name up. A
+/* The functions of the base table, for plugins that read a field without looking its name up. A
  * field that has none here is reached by its name. */
 KX_API getter_length_function record_length_1, record_length_2, record_length_3, record_length_4,
     record_length_6, record_length_8, record_length_16;

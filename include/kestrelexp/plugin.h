@@ -37,7 +37,7 @@ struct plugin_description {
     const char* name;        /* chosen by on the command line; unique within the kind */
     const char* description; /* help text of -l, may have several lines */
     uint16_t data_size;      /* bytes wanted in every record's data space; input and process only */
-    int32_t flags;           /* process plugins: non-zero = needs the packet behind each record;
+    int32_t flags;           /* process plugins: non-zero = needs the packet of each record;
                                 the others: a sum of PLUGIN_* flags */
 };
 
@@ -70,8 +70,8 @@ typedef uint32_t input_sampling_function(void* instance);
  * and the VLAN and MPLS counts 0. Called in a loop: wait a little inside (10 ms, say) rather than
  * return at once when there is nothing. */
 typedef flow_key input_flow_function(void* instance, struct flow_record* record);
-/* The frame behind the record that get_flow returned last, with its captured length and the bytes
- * up to the first one behind its headers. Only beside get_flow. */
+/* The frame of the record that get_flow returned last, with its captured length and the bytes
+ * up to the first one after its headers. Only beside get_flow. */
 typedef const uint8_t* input_flow_packet_function(void* instance, uint32_t* captured_length,
                                                   uint32_t* header_length);
 /* Fills a prepared record with a finished flow: returns 0 when it did, non-zero when not. */
@@ -116,7 +116,7 @@ struct input_plugin {
  */
 typedef void* export_init_function(char* params, struct getter* getters);
 /* Takes one flow; returns 0, or 0xFFFFFFFF when it was not exported. The record may be changed by
- * filters of exports behind this one, so nothing of it is kept by reference. */
+ * filters of exports after this one, so nothing of it is kept by reference. */
 typedef uint32_t export_export_function(void* instance, struct flow_record* record);
 /* Sends what is buffered. Called when traffic stops and at the end of the program. */
 typedef uint32_t export_flush_function(void* instance);
@@ -136,7 +136,7 @@ struct export_plugin {
  * (the base table for -G); a filter may add getters to it. */
 typedef void* filter_init_function(char* params, struct getter** getters);
 /* 0 keeps the flow, anything else drops it. The filter may change the record; the change stays for
- * everything behind it. */
+ * everything after it. */
 typedef int32_t filter_filter_function(void* instance, struct flow_record* record);
 
 struct filter_plugin {

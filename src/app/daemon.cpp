@@ -86,7 +86,7 @@ void drop_privileges(const char* user) {
         return;
     if (initgroups(user, entry->pw_gid) != 0)
         std::exit(exit_config);
-    // The user goes first, so the group changes behind it are refused and the process keeps root's
+    // The user goes first, so the group changes after it are refused and the process keeps root's
     // group ids with the user's supplementary groups. What is refused is not an error here.
     std::ignore = setuid(entry->pw_uid);
     std::ignore = seteuid(entry->pw_uid);

@@ -20,7 +20,7 @@ namespace kestrel {
 
 namespace {
 
-// The pieces of "first:second" in a heap copy that starts at first; what stands behind a second ':'
+// The pieces of "first:second" in a heap copy that starts at first; what stands after a second ':'
 // is ignored. Either may be null.
 struct argument_pair {
     char* first;
@@ -67,17 +67,17 @@ char* kept_params(argument_pair pieces, char* params) {
 }
 
 template <typename Plugin>
-Plugin& choose(const settings& from, const char* name, const char* not_found) {
-    Plugin* const plugin = find_by_prefix<Plugin>(from.run.registry, name);
+Plugin& choose(const settings& settings, const char* name, const char* not_found) {
+    Plugin* const plugin = find_by_prefix<Plugin>(settings.run.registry, name);
     if (plugin == nullptr)
         die(exit_config, "%s: %s not found.", not_found, or_empty(name));
     return *plugin;
 }
 
-filter_plugin chosen_filter(const settings& from, char* argument) {
-    const argument_pair given = split_pair(argument);
-    filter_plugin filter = choose<filter_plugin>(from, given.first, "Filter");
-    filter.params = kept_params(given, wanted_params(*filter.desc(), given, argument));
+filter_plugin chosen_filter(const settings& settings, char* argument) {
+    const argument_pair pieces = split_pair(argument);
+    filter_plugin filter = choose<filter_plugin>(settings, pieces.first, "Filter");
+    filter.params = kept_params(pieces, wanted_params(*filter.desc(), pieces, argument));
     return filter;
 }
 
@@ -139,9 +139,9 @@ void add_global_filter(settings& to, char* argument) {
 }
 
 void add_process(settings& to, char* argument) {
-    const argument_pair given = split_pair(argument);
-    process_plugin process = choose<process_plugin>(to, given.first, "Plugin");
-    process.params = kept_params(given, given.second);
+    const argument_pair pieces = split_pair(argument);
+    process_plugin process = choose<process_plugin>(to, pieces.first, "Plugin");
+    process.params = kept_params(pieces, pieces.second);
     process.data_offset = reserve_record_space(to.run.registry, process.desc()->data_size);
     if (process.desc()->flags != 0)
         to.run.registry.process_flag = 1;
@@ -157,9 +157,9 @@ void set_input(settings& to, char* argument) {
     // final.
     if (to.run.input_index > 0)
         die(exit_config, "Input driver allready defined");
-    const argument_pair given = split_pair(argument);
-    input_plugin& input = choose<input_plugin>(to, given.first, "Plugin");
-    input.params = kept_params(given, wanted_params(*input.desc(), given, argument));
+    const argument_pair pieces = split_pair(argument);
+    input_plugin& input = choose<input_plugin>(to, pieces.first, "Plugin");
+    input.params = kept_params(pieces, wanted_params(*input.desc(), pieces, argument));
     input.data_offset = reserve_record_space(to.run.registry, input.desc()->data_size);
     to.run.input_index = static_cast<int32_t>(&input - to.run.registry.inputs);
 }
@@ -177,14 +177,14 @@ void set_queue_size(settings& to, char* argument) {
 }
 
 void set_timeouts(settings& to, char* argument) {
-    const argument_pair given = split_pair(argument);
+    const argument_pair pieces = split_pair(argument);
     int32_t& active = to.run.active_timeout;
     int32_t& inactive = to.run.inactive_timeout;
-    if (given.first != nullptr)
-        active = decimal(given.first);
-    if (given.second != nullptr)
-        inactive = decimal(given.second);
-    std::free(given.first);
+    if (pieces.first != nullptr)
+        active = decimal(pieces.first);
+    if (pieces.second != nullptr)
+        inactive = decimal(pieces.second);
+    std::free(pieces.first);
 
     verbose_msg(1, "Active timeout: %i", active);
     verbose_msg(1, "Inactive timeout: %i", inactive);
@@ -199,11 +199,11 @@ void set_timeouts(settings& to, char* argument) {
 // Names the entry that the export options so far belong to. A name that is not known is refused
 // when the export is initialised.
 void name_export(settings& to, char* argument) {
-    const argument_pair given = split_pair(argument);
-    const export_plugin* const plugin = find_by_name<export_plugin>(to.run.registry, given.first);
-    open_export(to).name = given.first;
+    const argument_pair pieces = split_pair(argument);
+    const export_plugin* const plugin = find_by_name<export_plugin>(to.run.registry, pieces.first);
+    open_export(to).name = pieces.first;
     open_export(to).params =
-        plugin != nullptr ? wanted_params(*plugin->desc(), given, argument) : given.second;
+        plugin != nullptr ? wanted_params(*plugin->desc(), pieces, argument) : pieces.second;
 }
 
 void set_output_interface(settings& to, char* argument) {
@@ -328,8 +328,8 @@ std::span<const option_row> option_table() {
 
 void parse_options(int argc, char** argv, settings& to) {
     const std::string letters = getopt_letters();
-    bool is_export_reopened = false;  // an -E was read and opened the entry behind it
-    bool is_entry_touched = false;    // an export option stands behind the last -E
+    bool is_export_reopened = false;  // an -E was read and opened the entry after it
+    bool is_entry_touched = false;    // an export option stands after the last -E
 
     optind = 0;  // start afresh
     for (int letter; (letter = getopt(argc, argv, letters.c_str())) != -1;) {

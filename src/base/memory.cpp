@@ -50,7 +50,7 @@ int open_huge_file(const char* directory, const char* name) {
         std::perror("hugetlb open failed");
         std::exit(exit_huge_memory);
     }
-    // At once, so that the memory goes with the process. Left behind, the file would only be ugly.
+    // At once, so that the memory goes with the process. Left there, the file would only be ugly.
     (void)unlink(path.c_str());
     return file;
 }

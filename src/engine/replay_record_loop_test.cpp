@@ -43,7 +43,7 @@ uint32_t note_flush(void*) {
     return 0;
 }
 
-// A flow of so many packets that left so many ms behind the start.
+// A flow of so many packets that left so many ms after the start.
 struct slot {
     uint64_t left_ms;
     uint32_t packets;

@@ -36,7 +36,7 @@ void say(const std::string& text) {
 // What one call of the input gives.
 struct step {
     enum { packet, other_frame, nothing } kind;
-    uint64_t time;  // ms behind the start; of nothing: how far the input has come
+    uint64_t time;  // ms after the start; of nothing: how far the input has come
     unsigned port = 1;
 };
 
@@ -211,7 +211,7 @@ TEST(Replay, AProcessPluginSeesTheFrameBehindItsRecord) {
     plugin.create = [](void*, flow_record* packet) {
         uint32_t captured = 0, headers = 0;
         const uint8_t* frame = get_packet_data(&captured, &headers);
-        // The second byte of the source port stands behind 14 and 20 bytes of headers.
+        // The second byte of the source port stands after 14 and 20 bytes of headers.
         say("record of port " + std::to_string(packet->srcport) + ", frame of port " +
             std::to_string(frame[35]) + ", " + std::to_string(captured) + " bytes, headers " +
             std::to_string(headers) + "\n");

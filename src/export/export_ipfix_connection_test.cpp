@@ -93,7 +93,7 @@ TEST_F(IpfixConnection, BrokenConnectionIsMadeAgainAtOnce) {
     EXPECT_EQ(message(1, join({template_set, one_record})), again.receive());
 }
 
-// The templates are pending behind the new connection: they leave also without a record.
+// The templates are pending after the new connection: they leave also without a record.
 TEST_F(IpfixConnection, NewConnectionGetsItsTemplatesWithTheNextFlush) {
     connect_tcp().reset();
     export_one();

@@ -312,7 +312,7 @@ TEST_F(NetSend, PartialSendsAreCompleted) {
         pthread_kill(sending.native_handle(), SIGUSR1);
     };
     for (int i = 0; i < 20; ++i)
-        interrupt();  // the first finds a part sent, those behind it find nothing
+        interrupt();  // the first finds a part sent, those after it find nothing
     std::vector<uint8_t> received(message.size());
     for (size_t got = 0; got < received.size();) {
         const bool slow = got < 4'000'000;

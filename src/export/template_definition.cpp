@@ -40,10 +40,10 @@ item parse_item(const char* text) {
     return {std::string(whole.substr(0, equals)), std::string(value), optional};
 }
 
-const template_element* resolve_element(const item& from, const template_element* elements) {
-    const template_element* row = exporter_template_find_field(from.element.c_str(), elements);
+const template_element* resolve_element(const item& line, const template_element* elements) {
+    const template_element* row = exporter_template_find_field(line.element.c_str(), elements);
     if (!row) {
-        verbose_msg(-1, "Bad field: %s", from.element.c_str());
+        verbose_msg(-1, "Bad field: %s", line.element.c_str());
         verbose_msg(-1, "Allowed fields are:");
         exporter_template_print_fields(elements);
         std::exit(exit_config);
@@ -51,10 +51,10 @@ const template_element* resolve_element(const item& from, const template_element
     return row;
 }
 
-const getter* resolve_value(const item& from, getter* table) {
-    const char* name = from.value.c_str();
+const getter* resolve_value(const item& line, getter* table) {
+    const char* name = line.value.c_str();
     const getter* found = getter_by_name(table, name);
-    if (!found && from.optional) {
+    if (!found && line.optional) {
         verbose_msg(-1, "Fallback to ZERO getter for value: %s", name);
         found = getter_by_name(table, "ZERO");
     }

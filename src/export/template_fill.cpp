@@ -95,24 +95,25 @@ uint32_t exporter_template_add_record(struct template_collection* collection,
 
 uint16_t exporter_template_current_data_size(const struct template_collection* collection) {
     uint32_t size = 0;
-    for (const export_template& from : all_templates(collection))
-        size = round_up_to_4(size + from.data->length + set_header_size);
+    for (const export_template& definition : all_templates(collection))
+        size = round_up_to_4(size + definition.data->length + set_header_size);
     return static_cast<uint16_t>(size);
 }
 
 uint32_t exporter_template_fill_packet_templates(struct template_collection* collection,
                                                  struct template_cursor* cursor) {
     uint32_t length = set_header_size;
-    for (const export_template& from : all_templates(collection))
-        length += 4 + uint32_t{4} * from.field_count;
+    for (const export_template& definition : all_templates(collection))
+        length += 4 + uint32_t{4} * definition.field_count;
     wire_writer out({cursor->buffer + cursor->offset, length});
     out.u16(collection->set_id);
     out.u16(static_cast<uint16_t>(length));
     size_t index = 0;
-    for (const export_template& from : all_templates(collection)) {
+    for (const export_template& definition : all_templates(collection)) {
         out.u16(template_id(index++));
-        out.u16(from.field_count);
-        for (const template_element* element : std::span(from.elements, from.field_count)) {
+        out.u16(definition.field_count);
+        for (const template_element* element :
+             std::span(definition.elements, definition.field_count)) {
             out.u16(element->id);
             out.u16(element->length);
         }
@@ -126,11 +127,11 @@ uint32_t exporter_template_fill_packet_templates(struct template_collection* col
 void exporter_template_fill_packet_data(struct template_collection* collection,
                                         struct template_cursor* cursor) {
     size_t index = 0;
-    for (export_template& from : all_templates(collection)) {
-        if (from.data->length > 0) {
-            copy_data_set(*from.data, index, *cursor);
-            cursor->count += from.buffered_records;
-            from.buffered_records = 0;
+    for (export_template& definition : all_templates(collection)) {
+        if (definition.data->length > 0) {
+            copy_data_set(*definition.data, index, *cursor);
+            cursor->count += definition.buffered_records;
+            definition.buffered_records = 0;
         }
         ++index;
     }

@@ -48,11 +48,11 @@ record_validity::record_validity(const getter* table) {
 
 template_plan::template_plan(const template_collection& collection) : validity(collection.getters) {
     for (int32_t i = 0; i < collection.count; ++i) {
-        const export_template& from = collection.templates[i];
+        const export_template& definition = collection.templates[i];
         first_row.push_back(static_cast<uint32_t>(rows.size()));
-        for (unsigned field = 0; field < from.field_count; ++field) {
-            const getter& entry = from.getters[field];
-            rows.push_back({entry.get, entry.context, &entry, from.elements[field]->length});
+        for (unsigned field = 0; field < definition.field_count; ++field) {
+            const getter& entry = definition.getters[field];
+            rows.push_back({entry.get, entry.context, &entry, definition.elements[field]->length});
         }
     }
     first_row.push_back(static_cast<uint32_t>(rows.size()));

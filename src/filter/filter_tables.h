@@ -18,7 +18,7 @@ using filter_owner = std::unique_ptr<filter_rules, free_filter>;
 
 filter_owner make_filter();
 
-// Sorts the fast entries and gives back what the arrays hold too much. Nothing is appended behind
+// Sorts the fast entries and gives back what the arrays hold too much. Nothing is appended after
 // this.
 void complete_filter(filter_rules& rules);
 

@@ -77,7 +77,7 @@ bounds bounds_of(int side, const bounds& source, const bounds& destination, uint
     return is_source ? source : destination;
 }
 
-// Bits behind the prefix become 0 in the lower bound, 1 in the upper one. A prefix of 0 means the
+// Bits after the prefix become 0 in the lower bound, 1 in the upper one. A prefix of 0 means the
 // address alone: "/0" is far more often a slip than a wish for every address.
 void apply_prefix(int64_t prefix, ip_address* low, ip_address* high) {
     const size_t count = count_words(*low);

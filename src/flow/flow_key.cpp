@@ -26,14 +26,15 @@ constexpr slicing_tables make_tables() {
     return tables;
 }
 
-constexpr slicing_tables made = make_tables();
-static_assert(made.row[0][1] == 0xB32E'4CBE'03A7'5F6F);
-static_assert(made.row[0][128] == polynomial_reflected);
+constexpr slicing_tables tables = make_tables();
+static_assert(tables.row[0][1] == 0xB32E'4CBE'03A7'5F6F);
+static_assert(tables.row[0][128] == polynomial_reflected);
 
 }  // namespace
 
 // A C array cannot be initialised from another object, so the elements are named one by one.
-#define FOUR(k, i) made.row[k][i], made.row[k][(i) + 1], made.row[k][(i) + 2], made.row[k][(i) + 3]
+#define FOUR(k, i) \
+    tables.row[k][i], tables.row[k][(i) + 1], tables.row[k][(i) + 2], tables.row[k][(i) + 3]
 #define SIXTEEN(k, i) FOUR(k, i), FOUR(k, (i) + 4), FOUR(k, (i) + 8), FOUR(k, (i) + 12)
 #define SIXTY_FOUR(k, i) \
     SIXTEEN(k, i), SIXTEEN(k, (i) + 16), SIXTEEN(k, (i) + 32), SIXTEEN(k, (i) + 48)

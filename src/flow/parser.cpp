@@ -399,10 +399,10 @@ flow_key parse_packet(const uint8_t* frame, const packet_header& header, uint32_
 using namespace kestrel;
 
 flow_key packet_to_flow_reader(void* reader, flow_record* record) {
-    const auto& from = *static_cast<const packet_reader*>(reader);
+    const auto& input = *static_cast<const packet_reader*>(reader);
     packet_header header{};
-    const uint8_t* frame = from.get_packet(from.context, &header);
-    return frame ? parse_packet(frame, header, from.sampling, *record) : 0;
+    const uint8_t* frame = input.get_packet(input.context, &header);
+    return frame ? parse_packet(frame, header, input.sampling, *record) : 0;
 }
 
 flow_key record_process_packet(const uint8_t* data, uint32_t captured_length, flow_record* record) {

@@ -85,18 +85,18 @@ void storage_announce_rest(temporal_storage& storage) {
     }
     for (;;) {
         pollfd notify{c.notify_read, POLLIN, 0};
-        const bool told = poll(&notify, 1, timeout_ms) > 0;
-        const uint64_t announced = told ? receive_count(c.notify_read) : c.batch;
+        const bool is_announced = poll(&notify, 1, timeout_ms) > 0;
+        const uint64_t announced = is_announced ? receive_count(c.notify_read) : c.batch;
         const uint64_t there = storage_committed(storage) - c.seen;
         const uint64_t fresh = std::min({announced, there, c.batch});
         if (fresh > 0) {
             c.available = fresh;
             c.seen += fresh;
-            if (!told)
+            if (!is_announced)
                 storage.grab.grabbed.store(c.seen, std::memory_order_relaxed);
             return true;
         }
-        if (!told)
+        if (!is_announced)
             return false;
         // Told of slots that an earlier time-out had taken while they were being announced.
     }

@@ -1,4 +1,4 @@
-// The rawnetcap device from within: the requests that it understands, and the context behind the
+// The rawnetcap device from within: the requests that it understands, and the context after the
 // functions of kestrelexp/rawnetcap.h. Nothing here knows of plugins.
 #pragma once
 

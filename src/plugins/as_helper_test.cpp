@@ -22,7 +22,7 @@ using namespace kestrel;
 using kestrel_test::keep;
 using kestrel_test::scratch_file;
 
-// Uptime of the fake clock: 1,000 s. Flows of these tests end behind that.
+// Uptime of the fake clock: 1,000 s. Flows of these tests end after that.
 constexpr uint64_t uptime = 1'000 * ns_per_second;
 constexpr clock_source clocks = {[] { return uint64_t{0}; }, [] { return uptime; }};
 
@@ -227,7 +227,7 @@ TEST_F(AsHelper, AChangedFileIsReadAnew) {
         "VERBOSE: 5:config changed. trying to reload\n"
         "VERBOSE: 0:AS-helper OK\n",
         look_up(uptime + 300'001));
-    EXPECT_EQ(65001u, state_->src_as);  // the check comes behind the look-up
+    EXPECT_EQ(65001u, state_->src_as);  // the check comes after the look-up
     EXPECT_EQ(1'600'000'001, state_->mtime);
     EXPECT_EQ(uptime + 300'000, state_->next_check);
     EXPECT_EQ(65009u, source_as(uptime + 1'000'000));

@@ -1,5 +1,5 @@
 /* An input with a clock of its own: four packets of two flows on the last day of 1999, A B A and,
- * twenty seconds behind them, B; an ARP frame and calls that deliver nothing lie in between. */
+ * twenty seconds after them, B; an ARP frame and calls that deliver nothing lie in between. */
 #include <string.h>
 
 #include "kestrelexp/plugin.h"
