@@ -1,25 +1,41 @@
-"""What the tests with plugins share: how they are started, and where the plugins are.
-
-Usage of each: NAME_test.py PROGRAM PLUGIN-DIRECTORY GROUP [TEST]
-"""
+"""What the tests with plugins share: where the plugins are, and runs that end in a collecting
+export."""
 
 import os
-import sys
-import unittest
 
-sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "support"))
-import probe  # noqa: E402
+from testbed.case import QuietCase
+from testbed.process import wait_until
 
-PROGRAM = os.path.abspath(sys.argv[1])
-PLUGINS = os.path.abspath(sys.argv[2])
+# The records of the "final" input, as the collecting export writes them.
+FINAL = [
+    "1000000000 1500000000 1 100 3 4 ip4 0a000000 c0000201 08 proto17 1000 53 12 0 0 9",
+    "2000000000 2500000000 2 200 3 4 ip4 0a000001 c0000201 08 proto17 1001 53 12 0 0 9",
+    "3000000000 3500000000 3 300 3 4 ip4 0a000002 c0000201 08 proto17 1002 53 12 0 0 9",
+]
 
 
 def plugin(name):
-    return f"{PLUGINS}/{name}.so"
+    return os.path.join(os.environ["KESTREL_ABI_PLUGINS"], name + ".so")
 
 
-def main():
-    probe.enter_quiet_network()
-    group, *tests = sys.argv[3:]
-    unittest.main(module="__main__",
-                  argv=[sys.argv[0], *([f"{group}.{test}" for test in tests] or [group])])
+class Run(QuietCase):
+    """Runs the program with plugins until the collecting export has seen what it should."""
+
+    def setUp(self):
+        super().setUp()
+        self.folder = self.directory()
+        self.out, self.second = self.folder / "out", self.folder / "second"
+
+    def start(self, objects, arguments):
+        """Starts the program. Objects and arguments are words parted by blanks."""
+        return self.start_program("-X", ",".join(map(plugin, objects.split())), *arguments.split())
+
+    def collected(self, path=None):
+        """The lines that the export wrote so far."""
+        try:
+            return (path or self.out).read_text(encoding="ascii").splitlines()
+        except FileNotFoundError:
+            return []
+
+    def wait_for_records(self, count, path=None):
+        wait_until(lambda: len(self.collected(path)) >= count, f"{count} records")

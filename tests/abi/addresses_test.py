@@ -1,19 +1,14 @@
 """The filters that look at addresses, through the whole program: AS numbers and anonymized records
 as exports and collectors see them."""
 
-import contextlib
 import os
 import re
-import shutil
 import socket
 import struct
-import tempfile
-import time
-import unittest
+from pathlib import Path
 
-from abi import main
-import probe
-from flows_test import FINAL, Run
+from abi import FINAL, Run
+from testbed.process import SLOWNESS, wait_until
 
 V5_RECORD = struct.Struct(">4s4s4sHHIIIIHHBBBBHHBBH")
 KEY = "0123456789abcdef"
@@ -26,26 +21,19 @@ def dotted(text):
 class Addresses(Run):
     """What the cases of this file share: a table, a NetFlow v5 collector, records as text."""
 
-    def setUp(self):
-        super().setUp()
-        self.directory = tempfile.mkdtemp()
-        self.addCleanup(shutil.rmtree, self.directory)
-
     def table(self, *lines, name="as.txt"):
         """Puts the file in its place at once, a second newer than the last one."""
-        path = os.path.join(self.directory, name)
-        with open(path + ".new", "w", encoding="ascii") as file:
-            file.write("".join(line + "\n" for line in lines))
-        last = os.stat(path).st_mtime if os.path.exists(path) else 1_600_000_000
-        os.utime(path + ".new", (last + 1, last + 1))
-        os.rename(path + ".new", path)
-        return path
+        path, new = self.folder / name, self.folder / (name + ".new")
+        new.write_text("".join(line + "\n" for line in lines), encoding="ascii")
+        last = path.stat().st_mtime if path.exists() else 1_600_000_000
+        os.utime(new, (last + 1, last + 1))
+        return str(new.rename(path))
 
     def collector(self):
         receiver = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.addCleanup(receiver.close)
         receiver.bind(("127.0.0.1", 0))
-        receiver.settimeout(probe.SECONDS_TO_WAIT)
+        receiver.settimeout(20 * SLOWNESS)
         return receiver
 
     @staticmethod
@@ -66,8 +54,7 @@ class Addresses(Run):
 
     def run_to_the_end(self, arguments):
         """Three flows through the program; those that wait for company leave with the flush."""
-        with contextlib.suppress(FileNotFoundError):
-            os.unlink(self.second)  # of an earlier run of the same test
+        self.second.unlink(missing_ok=True)  # of an earlier run of the same test
         running = self.start("final collect", f"-I final{arguments} -E collect:file={self.second}")
         self.wait_for_records(3, self.second)
         self.interrupt(running)
@@ -84,8 +71,8 @@ class Addresses(Run):
 
     def expect_refusal(self, arguments, *lines):
         running = self.start("final", f"-I final {arguments} -E null")
-        self.assertEqual(running.end(), 255)
-        self.assertEqual(running.lines(), list(lines))
+        self.assertEqual(running.wait(), 255)
+        self.assertEqual(running.messages, list(lines))
 
 
 class AsNumbers(Addresses):
@@ -128,11 +115,8 @@ class AsNumbers(Addresses):
         self.assertEqual(self.numbers(got[0]), [(1, 0)] * 3)
         self.assertEqual(self.numbers(got[1]), [(2, 0)] * 3)
 
-    def wait_until(self, holds):
-        end = time.monotonic() + probe.SECONDS_TO_WAIT
-        while not holds():
-            self.assertLess(time.monotonic(), end)
-            time.sleep(0.01)
+    def wait_for_number(self, number):
+        wait_until(lambda: self.number_of_last() == number, f"AS {number}")
 
     def test_getters_give_both_widths(self):
         lines = self.collected_lines(
@@ -163,8 +147,7 @@ class AsNumbers(Addresses):
                          [f"Getter: {field}" for field in own])
 
     def test_the_example_is_a_table(self):
-        example = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "etc",
-                               "as-example.txt")
+        example = Path(__file__).resolve().parents[2] / "etc/as-example.txt"
         lines = self.collected_lines(f" -G as_helper:{example} -E collect:file={self.out},"
                                      "fields=DST_AS32")
         self.assertEqual([line.split()[-1] for line in lines], ["DST_AS32=0000FBF0"] * 3)
@@ -200,16 +183,16 @@ class AsNumbers(Addresses):
             "final collect", f"-v 0 -I final:count=1000000,every_ms=1,since=2000000000 "
             f"-G as_helper:{path} -E collect:file={self.out},fields=SRC_AS32")
         for number in range(2, 12):
-            self.wait_until(lambda last=number - 1: self.number_of_last() == last)
+            self.wait_for_number(number - 1)
             self.table(f"{number}-10.0.0.0/8")
-        self.wait_until(lambda: self.number_of_last() == 11)
+        self.wait_for_number(11)
         self.table("# nothing")
         message = f"Unable to reinit as helper using: {path}. Leaving old config"
         running.wait_for_line(message)
         self.table("12-10.0.0.0/8", "broken")
         running.wait_for_line("AS Helper found invalid config line: 1")
         self.table("13-10.0.0.0/8")
-        self.wait_until(lambda: self.number_of_last() == 13)
+        self.wait_for_number(13)
         lines = self.interrupt(running)
         self.assertEqual(lines.count(message), 2)
         self.assertEqual(lines.count("VERBOSE: 0:AS-helper OK"), 12)
@@ -314,7 +297,3 @@ class Anonymized(Addresses):
         self.assertEqual(
             self.exported(f" -F anon:MASK:172.16.0.0/16 -E {self.to(receiver)}", receiver),
             [self.MASKED])
-
-
-if __name__ == "__main__":
-    main()

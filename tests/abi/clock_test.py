@@ -1,30 +1,21 @@
 """Inputs that bring their own clock."""
 
-import os
-import signal
-import tempfile
-import unittest
-
-from abi import PROGRAM, main, plugin
-import probe
+from abi import Run, plugin
+from testbed.probe import FLUSHED, run_to_its_end
 
 BEGAN = 946598400  # the last day of 1999
-FAREWELL = "QUIT signal processed. All data flushed. Exiting ..."
 
 
-class Clocks(unittest.TestCase):
+class Clocks(Run):
     def test_the_program_lives_and_ends_on_the_time_of_the_packets(self):
-        with tempfile.TemporaryDirectory() as directory:
-            out = os.path.join(directory, "flows.txt")
-            status, _, lines = probe.run(PROGRAM, [
-                "-v", "0", "-t", "180:10", "-X", f"{plugin('replayed')},{plugin('collect')}",
-                "-I", "replayed", "-E", f"collect:file={out}"])
-            with open(out, encoding="ascii") as file:
-                flows = [line.split() for line in file]
+        status, _, lines = run_to_its_end(
+            "-v", "0", "-t", "180:10", "-X", f"{plugin('replayed')},{plugin('collect')}",
+            "-I", "replayed", "-E", f"collect:file={self.out}")
+        flows = [line.split() for line in self.collected()]
         self.assertEqual(status, 0, lines)
         self.assertEqual(lines[-4:], [
             "Flushing queue", "Queue flushed. 1 records out.",
-            "VERBOSE: 0:Input ended: 5 packets read, 4 in 3 flows, 1 no flow", FAREWELL])
+            "VERBOSE: 0:Input ended: 5 packets read, 4 in 3 flows, 1 no flow", FLUSHED])
         # Start, end, packets, bytes, interfaces; both flows of the first seconds grow idle.
         self.assertEqual(sorted(flow[:6] for flow in flows if flow != ["flush"]), [
             [f"{BEGAN}000000000", f"{BEGAN}000000000", "1", "40", "11", "12"],
@@ -44,22 +35,17 @@ class Clocks(unittest.TestCase):
             "VERBOSE: 0:Input ended: 5 packets read, 4 in 3 flows, 1 no flow", FAREWELL])
 
     def test_an_input_without_packets_ends_at_once(self):
-        status, _, lines = probe.run(PROGRAM, [
-            "-X", plugin("input_packet_clock"), "-I", "variant", "-E", "null"])
-        self.assertEqual((status, lines[-1]), (0, FAREWELL))
+        status, _, lines = run_to_its_end(
+            "-X", plugin("input_packet_clock"), "-I", "variant", "-E", "null")
+        self.assertEqual((status, lines[-1]), (0, FLUSHED))
 
     def test_a_clock_beside_other_operations_is_left_alone(self):
         for name in ("input_flow_clock", "input_final_clock"):
-            with self.subTest(object=name), probe.Probe(PROGRAM, [
-                    "-v", "0", "-X", plugin(name), "-I", "variant", "-E", "null"]) as running:
+            with self.subTest(object=name):
+                running = self.start(name, "-v 0 -I variant -E null")
                 running.wait_for_line("VERBOSE: 0:Kestrel OK")
-                running.send(signal.SIGINT)
-                self.assertEqual(running.end(), 0)
-                self.assertIn("CTRL-C detected, will exit as soon as possible", running.lines())
+                messages = self.interrupt(running)
+                self.assertIn("CTRL-C detected, will exit as soon as possible", messages)
                 self.assertIn(f"VERBOSE: 0:Plugin: {plugin(name)}, plugin_input_clock goes with "
-                              "plugin_input_get_packet and is not used", running.lines())
-                self.assertNotIn("Input ended", running.text)
-
-
-if __name__ == "__main__":
-    main()
+                              "plugin_input_get_packet and is not used", messages)
+                self.assertNotIn("Input ended", running.log)

@@ -8,9 +8,10 @@ import subprocess
 import tempfile
 import unittest
 
-from abi import PROGRAM, main, plugin
+from abi import plugin
 import headers
-import probe
+from testbed.case import QuietCase
+from testbed.probe import run_to_its_end
 from testbed.rawnetcap import with_capture_module, write_pcap
 
 
@@ -49,8 +50,8 @@ class Symbols(unittest.TestCase):
             ["table", "f", "g", "h", "i"])
 
     def test_every_declared_name_is_exported(self):
-        listed = subprocess.run(["nm", "-D", "--defined-only", PROGRAM], text=True,
-                                capture_output=True, check=True).stdout
+        listed = subprocess.run(["nm", "-D", "--defined-only", os.environ["KESTREL_PROBE"]],
+                                text=True, capture_output=True, check=True).stdout
         defined = {line.split()[-1] for line in listed.splitlines()}
         promised = headers.all_exported()
         self.assertGreater(len(promised), 150)
@@ -65,15 +66,15 @@ class Symbols(unittest.TestCase):
         self.assertEqual(sorted(set(headers.all_exported()) - used), [])
 
 
-class Everything(unittest.TestCase):
+class Everything(QuietCase):
     """A plugin that uses all that the headers declare."""
 
     def test_everything(self):
         with tempfile.NamedTemporaryFile() as frames:
             write_pcap(frames.name, [bytes(60)] * 3)
-            status, output, lines = probe.run(
-                PROGRAM, ["-X", plugin("everything"), "-e", "vlan", "-e", "mpls", "-e", "mac",
-                          "-I", "pcap:device=lo", "-E", "everything"], name="/some/where/probe",
+            status, output, lines = run_to_its_end(
+                "-X", plugin("everything"), "-e", "vlan", "-e", "mpls", "-e", "mac",
+                "-I", "pcap:device=lo", "-E", "everything", name="/some/where/probe",
                 env=with_capture_module(FRAMES=frames.name))
         printed = [line for line in lines if line.startswith("flow: FLOW:")]
         self.assertEqual(len(printed), 1)
@@ -92,7 +93,3 @@ class Everything(unittest.TestCase):
                                  "probe: You must specify input and at least one export.\n"
                                  "Try probe '-h' for more information.\n")
         self.assertEqual(status, 255)
-
-
-if __name__ == "__main__":
-    main()

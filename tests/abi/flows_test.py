@@ -2,59 +2,17 @@
 
 import os
 import shutil
-import signal
-import tempfile
-import time
-import unittest
 
-from abi import PROGRAM, main, plugin
-import probe
+from abi import FINAL, Run, plugin
+from testbed.process import status_field
 
 LO = "-I pcap:device=lo"
 
-FINAL = [
-    "1000000000 1500000000 1 100 3 4 ip4 0a000000 c0000201 08 proto17 1000 53 12 0 0 9",
-    "2000000000 2500000000 2 200 3 4 ip4 0a000001 c0000201 08 proto17 1001 53 12 0 0 9",
-    "3000000000 3500000000 3 300 3 4 ip4 0a000002 c0000201 08 proto17 1002 53 12 0 0 9",
-]
 # The two flows of the "flows" input: A of packets 0, 2 and 3, B of packets 1 and 4.
 FLOW_A = ("4102444800000000000 4102444800003000000 3 600 1 2 ip4 0a000001 0a000002 00 "
           "proto6 1111 80 13 0 0 0")
 FLOW_B = ("4102444800001000000 4102444800004000000 2 110 1 2 ip4 0a000001 0a000002 00 "
           "proto6 2222 80 12 0 0 0")
-
-
-class Run(unittest.TestCase):
-    """Runs the program with plugins until the collecting export has seen what it should."""
-
-    def setUp(self):
-        directory = tempfile.TemporaryDirectory()
-        self.addCleanup(directory.cleanup)
-        self.out = os.path.join(directory.name, "out")
-        self.second = os.path.join(directory.name, "second")
-
-    def start(self, objects, arguments):
-        words = ["-X", ",".join(plugin(name) for name in objects.split()), *arguments.split()]
-        running = probe.Probe(PROGRAM, words)
-        self.addCleanup(running.__exit__)
-        return running
-
-    def collected(self, path=None):
-        try:
-            with open(path or self.out, encoding="ascii") as out:
-                return out.read().splitlines()
-        except FileNotFoundError:
-            return []
-
-    def wait_for_records(self, count, path=None):
-        end = time.monotonic() + probe.SECONDS_TO_WAIT
-        while len(self.collected(path)) < count and time.monotonic() < end:
-            time.sleep(0.02)
-
-    def interrupt(self, running):
-        running.send(signal.SIGINT)
-        self.assertEqual(running.end(), 0)
-        return running.lines()
 
 
 class Flows(Run):
@@ -111,14 +69,13 @@ class Flows(Run):
     def test_a_rejecting_global_filter_ends_the_program_without_a_flush(self):
         running = self.start("final collect drop",
                              f"-I final -G drop:srcport=1001 -E collect:file={self.out}")
-        self.assertEqual(running.end(), 0)
-        self.assertEqual(running.lines(), [])
+        self.assertEqual(running.wait(), 0)
+        self.assertEqual(running.messages, [])
         self.assertEqual(self.collected(), FINAL[:1])
 
     def rules(self, name, *lines):
-        path = os.path.join(os.path.dirname(self.out), name)
-        with open(path, "w", encoding="ascii") as rules:
-            rules.write("".join(line + "\n" for line in lines))
+        path = self.folder / name
+        path.write_text("".join(line + "\n" for line in lines), encoding="ascii")
         return f"filter:{path}"
 
     def test_rules_keep_flows_from_their_export_alone(self):
@@ -156,8 +113,8 @@ class Flows(Run):
         rules = self.rules("rules", "bytes 200", "any")
         running = self.start("final collect",
                              f"-I final -G {rules} -E collect:file={self.out}")
-        self.assertEqual(running.end(), 0)
-        self.assertEqual(running.lines(), [])
+        self.assertEqual(running.wait(), 0)
+        self.assertEqual(running.messages, [])
         self.assertEqual(self.collected(), FINAL[:1])
 
     def test_rules_for_all_exports_that_keep_every_flow_change_nothing(self):
@@ -220,7 +177,7 @@ class Flows(Run):
                 "4102444800003000000 4102444800003000000 1 300 1 2 ip4 0a000001 0a000002 00 "
                 "proto6 1111 80 01 0 0 0 +0100000003000000",
                 "flush"])
-            os.unlink(self.out)
+            self.out.unlink()
 
     def test_a_process_plugin_exports_a_first_packet_at_once(self):
         running = self.start(
@@ -256,15 +213,15 @@ class Flows(Run):
             "VERBOSE: 1:Getter: GLOBAL - 2", "VERBOSE: 0:Export: null OK"])
 
     def test_another_user_than_root_keeps_its_rights(self):
-        folder = tempfile.TemporaryDirectory()
-        self.addCleanup(folder.cleanup)
-        os.chmod(folder.name, 0o755)  # the source tree may be where only root can look
-        program, final = (shutil.copy(path, folder.name) for path in (PROGRAM, plugin("final")))
-        running = probe.Probe(program, ["-v", "0", "-X", final, "-I", "final", "-u", "root", "-E",
-                                        "null"], user=65534, group=65534, extra_groups=[])
-        self.addCleanup(running.__exit__)
+        folder = self.directory()
+        folder.chmod(0o755)  # the source tree may be where only root can look
+        program, final = (shutil.copy(path, folder)
+                          for path in (os.environ["KESTREL_PROBE"], plugin("final")))
+        running = self.start_program(
+            "-v", "0", "-X", final, "-I", "final", "-u", "root", "-E", "null", program=program,
+            user=65534, group=65534, extra_groups=[])
         running.wait_for_line("VERBOSE: 0:Kestrel OK")
-        self.assertEqual(running.status_field("Uid"), ["65534"] * 4)
+        self.assertEqual(status_field(running.pid, "Uid"), ["65534"] * 4)
         self.assertEqual(self.interrupt(running)[-4:], self.END)
 
 
@@ -273,8 +230,8 @@ class Faults(Run):
 
     def expect(self, objects, arguments, *lines, status=255):
         running = self.start(objects, arguments)
-        self.assertEqual(running.end(), status)
-        self.assertEqual(running.lines(), list(lines))
+        self.assertEqual(running.wait(), status)
+        self.assertEqual(running.messages, list(lines))
 
     def test_an_input_that_is_not_the_first_is_final(self):
         self.expect("final", f"-I final {LO}", "Input driver allready defined")
@@ -336,7 +293,3 @@ class Faults(Run):
     def test_a_getter_name_that_is_taken(self):
         self.expect("final drop", "-I final -G drop:getter=BYTE -E null",
                     "Duplicate getter found: BYTE")
-
-
-if __name__ == "__main__":
-    main()

@@ -1,13 +1,12 @@
 """The plugin loader: objects named with -X, and the plugin directory."""
 
-import ctypes
-import os
 import shutil
-import tempfile
-import unittest
+import subprocess
 
-from abi import PROGRAM, main, plugin
-import probe
+from abi import plugin
+from testbed import namespaces
+from testbed.case import QuietCase
+from testbed.probe import run_to_its_end
 
 
 def missing(name, what):
@@ -70,13 +69,19 @@ LOADER_ROWS = [
 ]
 
 
-class Loader(unittest.TestCase):
-    """What the loader makes of good and broken objects. One test for each row, and some more."""
+class Loader(QuietCase):
+    """What the loader makes of good and broken objects."""
+
+    def test_each_object_is_taken_or_refused_as_its_row_says(self):
+        for name, refusal in LOADER_ROWS:
+            with self.subTest(object=name):
+                status, _, lines = run_to_its_end("-X", plugin(name), "-V")
+                self.assertEqual(lines, refusal or [])
+                self.assertEqual(status, 0 if refusal is None else 255)
 
     def listed(self, *objects):
         """The plugin list after these objects were loaded: (kind, name) without the built-ins."""
-        status, text, lines = probe.run(
-            PROGRAM, ["-X", ",".join(plugin(name) for name in objects), "-l"])
+        status, text, lines = run_to_its_end("-X", ",".join(map(plugin, objects)), "-l")
         self.assertEqual((status, lines), (0, []))
         found = []
         for line in text.splitlines():
@@ -87,7 +92,7 @@ class Loader(unittest.TestCase):
         return [entry for entry in found if entry[1] in ("variant", "zz", "aa")]
 
     def test_an_object_without_kinds_is_opened_and_registers_nothing(self):
-        status, text, lines = probe.run(PROGRAM, ["-v", "3", "-X", plugin("type_0"), "-l"])
+        status, text, lines = run_to_its_end("-v", "3", "-X", plugin("type_0"), "-l")
         self.assertEqual(status, 0)
         self.assertEqual(lines, [
             f"VERBOSE: 0:Plugin to load: {plugin('type_0')}",
@@ -105,60 +110,36 @@ class Loader(unittest.TestCase):
         self.assertEqual(self.listed("filter_b", "filter_a"), [("FILTER", "aa"), ("FILTER", "zz")])
 
     def test_an_object_loaded_twice_is_a_duplicate(self):
-        status, _, lines = probe.run(PROGRAM, ["-X", plugin("drop"), "-X", plugin("drop")])
+        status, _, lines = run_to_its_end("-X", plugin("drop"), "-X", plugin("drop"))
         self.assertEqual((status, lines), (255, ["Duplicate plugin name: drop"]))
 
     def test_a_description_of_several_lines_is_listed_whole(self):
-        _, text, _ = probe.run(PROGRAM, ["-X", plugin("drop"), "-l"])
+        _, text, _ = run_to_its_end("-X", plugin("drop"), "-l")
         self.assertIn("\n\nname: drop\nDrops a port\n\n\nEXPORT Plugin(s)\n", text)
 
 
-def add_loader_row(name, refusal):
-    def test(self):
-        status, _, lines = probe.run(PROGRAM, ["-X", plugin(name), "-V"])
-        self.assertEqual(lines, refusal or [])
-        self.assertEqual(status, 0 if refusal is None else 255)
-
-    setattr(Loader, f"test_{name}", test)
-
-
-for loader_row in LOADER_ROWS:
-    add_loader_row(*loader_row)
-
-
-class Directory(unittest.TestCase):
+class Directory(QuietCase):
     """The plugin directory /usr/lib64/kestrelexp, in a mount namespace of this process."""
 
-    @classmethod
-    def setUpClass(cls):
-        clone_newns, ms_rec, ms_private, ms_bind = 0x20000, 0x4000, 1 << 18, 0x1000
-        libc = ctypes.CDLL(None, use_errno=True)
-        cls.copy = tempfile.TemporaryDirectory()
-        shutil.copytree("/usr/lib64", cls.copy.name, symlinks=True, dirs_exist_ok=True)
-        cls.directory = os.path.join(cls.copy.name, "kestrelexp")
-        os.makedirs(cls.directory, exist_ok=True)
-        os.chmod(cls.copy.name, 0o755)
-        for step in (libc.unshare(clone_newns),
-                     libc.mount(None, b"/", None, ms_rec | ms_private, None),
-                     libc.mount(cls.copy.name.encode(), b"/usr/lib64", None, ms_bind, None)):
-            if step != 0:
-                raise OSError(ctypes.get_errno(), "a mount namespace needs root")
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.copy.cleanup()
-
     def setUp(self):
-        for name in os.listdir(self.directory):
-            os.unlink(os.path.join(self.directory, name))
+        super().setUp()
+        copy = self.directory()
+        shutil.copytree("/usr/lib64", copy, symlinks=True, dirs_exist_ok=True)
+        copy.chmod(0o755)
+        self.plugins = copy / "kestrelexp"
+        shutil.rmtree(self.plugins, ignore_errors=True)  # of a program that is installed here
+        self.plugins.mkdir()
+        namespaces.unshare(namespaces.MOUNTS)
+        for command in (["mount", "--make-rprivate", "/"], ["mount", "--bind", copy, "/usr/lib64"]):
+            subprocess.run(command, check=True, stdin=subprocess.DEVNULL)
 
     def put(self, name, source):
-        shutil.copy(source, os.path.join(self.directory, name))
+        shutil.copy(source, self.plugins / name)
 
     def test_its_objects_come_in_alphabetical_order_before_others(self):
         self.put("2.so", plugin("filter_b"))
         self.put("1.so", plugin("filter_a"))
-        status, text, lines = probe.run(PROGRAM, ["-X", plugin("drop"), "-l"])
+        status, text, lines = run_to_its_end("-X", plugin("drop"), "-l")
         self.assertEqual((status, lines), (0, []))
         names = [line for line in text.splitlines() if line in ("name: zz", "name: aa",
                                                                 "name: drop")]
@@ -166,19 +147,15 @@ class Directory(unittest.TestCase):
 
     def test_a_file_that_is_no_object_is_only_reported(self):
         self.put("readme.txt", "/etc/passwd")
-        status, _, lines = probe.run(PROGRAM, ["-V"])
+        status, _, lines = run_to_its_end("-V")
         self.assertEqual(
             (status, lines),
             (0, ["Unable to open plugin: /usr//lib64/kestrelexp/readme.txt"]))
 
     def test_hidden_files_are_skipped(self):
         self.put(".hidden.so", "/etc/passwd")
-        self.assertEqual(probe.run(PROGRAM, ["-V"])[2], [])
+        self.assertEqual(run_to_its_end("-V")[2], [])
 
     def test_a_broken_object_ends_the_program(self):
         self.put("a.so", plugin("export_named_null"))
-        self.assertEqual(probe.run(PROGRAM, ["-V"])[::2], (255, ["Duplicate plugin name: null"]))
-
-
-if __name__ == "__main__":
-    main()
+        self.assertEqual(run_to_its_end("-V")[::2], (255, ["Duplicate plugin name: null"]))

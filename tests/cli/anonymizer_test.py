@@ -1,20 +1,12 @@
-"""The anonymizer's parameters on the command line, names that have to be looked up among them.
-
-Usage: anonymizer_test.py PROGRAM GROUP [TEST]
-"""
+"""The anonymizer's parameters on the command line, names that have to be looked up among them."""
 
 import ctypes
 import os
-import subprocess
-import sys
-import tempfile
-import unittest
 
-sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "support"))
-import probe  # noqa: E402
-from rows import LO  # noqa: E402
-
-PROGRAM = os.path.abspath(sys.argv[1])
+from rows import LO
+from testbed.case import QuietCase
+from testbed.network import ip
+from testbed.probe import run_to_its_end
 
 # Where names come from, in the mount namespace of this process.
 FILES = {
@@ -40,20 +32,19 @@ def replace_files(directory):
         raise OSError(ctypes.get_errno(), "a mount namespace needs root")
 
 
-class Anonymizer(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.directory = tempfile.TemporaryDirectory()
-        cls.addClassCleanup(cls.directory.cleanup)
-        replace_files(cls.directory.name)
+class Anonymizer(QuietCase):
+    def setUp(self):
+        super().setUp()
+        replace_files(self.directory())
         # This machine has an IPv4 address and none of IPv6.
         with open("/proc/sys/net/ipv6/conf/all/disable_ipv6", "w", encoding="ascii") as switch:
             switch.write("1")
-        subprocess.run("ip address add 198.51.100.1/32 dev lo".split(), check=True)
+        ip("address add 198.51.100.1/32 dev lo")
 
     def lines(self, parameters):
         """What a start says that ends at its export at the latest."""
-        status, _, lines = probe.run(PROGRAM, f"{LO} -G anonymizer:{parameters} -E nope".split())
+        status, _, lines = run_to_its_end(
+            *f"{LO} -G anonymizer:{parameters} -E nope".split())
         self.assertIn(status, (253, 255))
         return lines
 
@@ -75,8 +66,3 @@ class Anonymizer(unittest.TestCase):
             with self.subTest(parameters=parameters):
                 self.assertEqual(self.lines(parameters), ["Unknown export type: nope"])
 
-
-if __name__ == "__main__":
-    probe.enter_quiet_network()
-    unittest.main(argv=[sys.argv[0], *(f"{sys.argv[2]}{rest}" for rest in
-                                       ([f".{name}" for name in sys.argv[3:]] or [""]))])

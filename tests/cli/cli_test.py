@@ -1,7 +1,4 @@
-"""The command line of the real program: arguments, messages, exit status, texts.
-
-Usage: cli_test.py PROGRAM GROUP [TEST]
-"""
+"""The command line of the real program: arguments, messages, exit status, texts."""
 
 import contextlib
 import ctypes
@@ -9,42 +6,29 @@ import os
 import re
 import signal
 import subprocess
-import sys
-import tempfile
 import time
-import unittest
 
-sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "support"))
-import probe  # noqa: E402
-from rows import CAPTURE_DEFAULTS, LO, ROWS  # noqa: E402
-
-PROGRAM = os.path.abspath(sys.argv[1])
+from rows import CAPTURE_DEFAULTS, LO, ROWS
+from testbed.case import QuietCase
+from testbed.probe import run_to_its_end
+from testbed.process import SLOWNESS, status_field, wait_for_threads, wait_until
 
 
-class Messages(unittest.TestCase):
-    """One test for each row."""
+class Messages(QuietCase):
+    def test_each_command_line_is_answered_as_its_row_says(self):
+        for name, arguments, status, lines in ROWS:
+            with self.subTest(name):
+                words = arguments.split() if isinstance(arguments, str) else arguments
+                got_status, _, got_lines = run_to_its_end(*words)
+                self.assertEqual(got_lines, lines)
+                self.assertEqual(got_status, status)
 
 
-def add_row(number, name, arguments, status, lines):
-    def test(self):
-        words = arguments.split() if isinstance(arguments, str) else arguments
-        got_status, _, got_lines = probe.run(PROGRAM, words)
-        self.assertEqual(got_lines, lines)
-        self.assertEqual(got_status, status)
-
-    test.__doc__ = name
-    setattr(Messages, f"test_{number:03}", test)
-
-
-for row_number, row in enumerate(ROWS):
-    add_row(row_number, *row)
-
-
-class Texts(unittest.TestCase):
+class Texts(QuietCase):
     """Help, version and plugin list, on standard output."""
 
     def text(self, *arguments, name="kestrelexp"):
-        status, output, lines = probe.run(PROGRAM, arguments, name=name)
+        status, output, lines = run_to_its_end(*arguments, name=name)
         self.assertEqual(status, 0)
         self.assertEqual(lines, [])
         return output
@@ -166,7 +150,7 @@ class Texts(unittest.TestCase):
         self.assertTrue(text.endswith("\n\n"))
 
 
-class Runs(unittest.TestCase):
+class Runs(QuietCase):
     """The program at work: from start to shutdown."""
 
     START = [
@@ -184,49 +168,46 @@ class Runs(unittest.TestCase):
     ]
 
     def start(self, arguments="", last_line=START[-1]):
-        words = f"-v 0 {LO} {arguments} -E null".split()
-        running = probe.Probe(PROGRAM, words)
-        self.addCleanup(running.__exit__)
+        running = self.start_program(*f"-v 0 {LO} {arguments} -E null".split())
         running.wait_for_line(last_line)
-        running.wait_for_threads(4)  # main, switch, reader, remover
+        wait_for_threads(running.pid, 4)  # main, switch, reader, remover
         return running
 
     def test_an_interrupt_ends_it_in_order(self):
         for number in (signal.SIGINT, signal.SIGQUIT):
             running = self.start()
-            running.send(number)
-            self.assertEqual(running.end(), 0)
-            self.assertEqual(running.lines(), self.START + self.END)
+            running.signal(number)
+            self.assertEqual(running.wait(), 0)
+            self.assertEqual(running.messages, self.START + self.END)
 
     def test_a_second_interrupt_ends_it_at_once(self):
         running = self.start()
-        running.send(signal.SIGINT, signal.SIGQUIT)
-        self.assertEqual(running.end(), 42)
-        lines = [line for line in running.lines() if line not in self.END[1:3]]  # may be under way
+        running.signal(signal.SIGINT, signal.SIGQUIT)
+        self.assertEqual(running.wait(), 42)
+        lines = [line for line in running.messages if line not in self.END[1:3]]  # may be under way
         self.assertEqual(lines, self.START + [
             self.END[0], "Ok. Ok. Exiting now. You will be DOOMED for it"])
 
     def test_a_broken_pipe_and_the_alarm_do_not_end_it(self):
         running = self.start()
         for _ in range(3):
-            running.send(signal.SIGPIPE)
-            running.send(signal.SIGALRM)
+            running.signal(signal.SIGPIPE)
+            running.signal(signal.SIGALRM)
             time.sleep(0.02)
-        running.send(signal.SIGINT)
-        self.assertEqual(running.end(), 0)
-        self.assertEqual(running.lines(), self.START + self.END)
+        running.signal(signal.SIGINT)
+        self.assertEqual(running.wait(), 0)
+        self.assertEqual(running.messages, self.START + self.END)
 
     def test_only_the_main_thread_takes_signals(self):
         running = self.start()
         handled = 1 << signal.SIGINT - 1 | 1 << signal.SIGQUIT - 1 | 1 << signal.SIGALRM - 1
 
         def blocked(thread):
-            mask = probe.status_field(f"{running.pid}/task/{thread}", "SigBlk")[0]
+            mask = status_field(f"{running.pid}/task/{thread}", "SigBlk")[0]
             return int(mask, 16) & handled
 
-        end = time.monotonic() + probe.SECONDS_TO_WAIT  # it may just be starting a thread
-        while blocked(running.pid) != 0 and time.monotonic() < end:
-            time.sleep(0.005)
+        # It may just be starting a thread.
+        wait_until(lambda: blocked(running.pid) == 0, "a main thread that takes signals")
         threads = os.listdir(f"/proc/{running.pid}/task")
         self.assertEqual([thread for thread in threads if blocked(thread) != handled],
                          [str(running.pid)])
@@ -242,29 +223,29 @@ class Runs(unittest.TestCase):
         running = self.start("-m 1")
         for thread in os.listdir(f"/proc/{running.pid}/task"):
             self.assertEqual(
-                probe.status_field(f"{running.pid}/task/{thread}", "Cpus_allowed_list"), ["0"])
+                status_field(f"{running.pid}/task/{thread}", "Cpus_allowed_list"), ["0"])
 
     def test_it_runs_as_the_user_but_keeps_its_group(self):
         running = self.start("-u nobody")
         for thread in os.listdir(f"/proc/{running.pid}/task"):
             task = f"{running.pid}/task/{thread}"
-            self.assertEqual(probe.status_field(task, "Uid"), ["65534"] * 4)
-            self.assertEqual(probe.status_field(task, "Gid"), ["0"] * 4)
-            self.assertEqual(probe.status_field(task, "Groups"), ["65534"])
-        running.send(signal.SIGINT)
-        self.assertEqual(running.end(), 0)
+            self.assertEqual(status_field(task, "Uid"), ["65534"] * 4)
+            self.assertEqual(status_field(task, "Gid"), ["0"] * 4)
+            self.assertEqual(status_field(task, "Groups"), ["65534"])
+        running.signal(signal.SIGINT)
+        self.assertEqual(running.wait(), 0)
 
     def test_memory_from_a_directory_leaves_no_file(self):
-        with tempfile.TemporaryDirectory() as directory:
-            running = self.start(f"-q 10 -H {directory}",
-                                 "VERBOSE: 0:Temporal storage init: 128 of 96 (mem: 12 KiB) "
-                                 "parser-xchange")
-            with open(f"/proc/{running.pid}/maps", encoding="ascii") as maps:
-                self.assertIn(f"{directory}/{running.pid}.final-records (deleted)", maps.read())
-            self.assertEqual(os.listdir(directory), [])
+        directory = self.directory()
+        running = self.start(f"-q 10 -H {directory}",
+                             "VERBOSE: 0:Temporal storage init: 128 of 96 (mem: 12 KiB) "
+                             "parser-xchange")
+        with open(f"/proc/{running.pid}/maps", encoding="ascii") as maps:
+            self.assertIn(f"{directory}/{running.pid}.final-records (deleted)", maps.read())
+        self.assertEqual(os.listdir(directory), [])
 
     def test_a_directory_that_cannot_be_used_ends_it(self):
-        status, _, lines = probe.run(PROGRAM, ["-H", "/nonexistent"])
+        status, _, lines = run_to_its_end("-H", "/nonexistent")
         self.assertEqual(lines, ["hugetlb open failed: No such file or directory"])
         self.assertEqual(status, 214)
 
@@ -273,16 +254,17 @@ class Runs(unittest.TestCase):
         for closed in ((0,), (1,), (2,), (0, 1, 2)):
             with self.subTest(closed=closed):
                 process = subprocess.Popen(
-                    ["kestrelexp", *f"-v 0 {LO} -E null".split()], executable=PROGRAM,
-                    stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                    ["kestrelexp", *f"-v 0 {LO} -E null".split()],
+                    executable=os.environ["KESTREL_PROBE"], stdin=subprocess.DEVNULL,
+                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
                     preexec_fn=lambda: [os.close(descriptor) for descriptor in closed])
                 try:
-                    probe.wait_for_threads(process.pid, 4)
+                    wait_for_threads(process.pid, 4)
                     for descriptor in (0, 1, 2):
                         self.assertEqual(os.readlink(f"/proc/{process.pid}/fd/{descriptor}"),
                                          "/dev/null")
                     process.send_signal(signal.SIGINT)
-                    self.assertEqual(process.wait(timeout=probe.SECONDS_TO_WAIT), 0)
+                    self.assertEqual(process.wait(timeout=20 * SLOWNESS), 0)
                 finally:
                     process.kill()
                     process.wait()
@@ -291,18 +273,18 @@ class Runs(unittest.TestCase):
         libc = ctypes.CDLL(None)
         pr_set_child_subreaper = 36
         self.assertEqual(libc.prctl(pr_set_child_subreaper, 1, 0, 0, 0), 0)
-        status, _, lines = probe.run(PROGRAM, f"-d {LO} -E null".split())
+        status, _, lines = run_to_its_end(*f"-d {LO} -E null".split())
         self.assertEqual(status, 0)
         self.assertEqual(len(lines), 1)
         pid = int(re.fullmatch(r"Backgrounding: (\d+)", lines[0])[1])
         try:
-            probe.wait_for_threads(pid, 4)
+            wait_for_threads(pid, 4)
             self.assertEqual(os.getpgid(pid), pid)
             self.assertEqual(os.readlink(f"/proc/{pid}/cwd"), "/")
-            self.assertEqual(probe.status_field(pid, "Umask"), ["0000"])
+            self.assertEqual(status_field(pid, "Umask"), ["0000"])
             for descriptor in (0, 1, 2):
                 self.assertEqual(os.readlink(f"/proc/{pid}/fd/{descriptor}"), "/dev/null")
-            ignored = int(probe.status_field(pid, "SigIgn")[0], 16)
+            ignored = int(status_field(pid, "SigIgn")[0], 16)
             for number in (signal.SIGTTOU, signal.SIGTTIN, signal.SIGTSTP, signal.SIGPIPE):
                 self.assertTrue(ignored & 1 << number - 1)
             os.kill(pid, signal.SIGINT)
@@ -310,9 +292,3 @@ class Runs(unittest.TestCase):
         finally:
             with contextlib.suppress(ProcessLookupError):
                 os.kill(pid, signal.SIGKILL)
-
-
-if __name__ == "__main__":
-    probe.enter_quiet_network()
-    unittest.main(argv=[sys.argv[0], *(f"{sys.argv[2]}{rest}" for rest in
-                                       ([f".{name}" for name in sys.argv[3:]] or [""]))])

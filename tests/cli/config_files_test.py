@@ -1,20 +1,13 @@
-"""Rule files, template files and AS tables that are no files to read: what the start says of them.
-
-Usage: config_files_test.py PROGRAM GROUP [TEST]
-"""
+"""Rule files, template files and AS tables that are no files to read: what the start says of them."""
 
 import os
 import subprocess
-import sys
-import tempfile
 import time
-import unittest
 
-sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "support"))
-import probe  # noqa: E402
-from rows import LO  # noqa: E402
-
-PROGRAM = os.path.abspath(sys.argv[1])
+from rows import LO
+from testbed.case import QuietCase
+from testbed.probe import run_to_its_end
+from testbed.process import SLOWNESS
 
 # Where a file stands on the command line, and what is said of one that cannot be read.
 PLACES = [
@@ -26,42 +19,35 @@ PLACES = [
 ]
 
 
-class ConfigFiles(unittest.TestCase):
+class ConfigFiles(QuietCase):
     def refused(self, path, reason):
         for place, lines in PLACES:
             with self.subTest(place=place):
                 start = time.monotonic()
-                status, _, got = probe.run(PROGRAM, f"-q 5 {LO} {place.format(path)}".split())
-                self.assertLess(time.monotonic() - start, probe.SECONDS_TO_WAIT / 20)
+                status, _, got = run_to_its_end(
+                    *f"-q 5 {LO} {place.format(path)}".split())
+                self.assertLess(time.monotonic() - start, SLOWNESS)
                 self.assertEqual(got, [f"Unable to read {path}: {reason}",
                                        *(line.format(path) for line in lines)])
                 self.assertEqual(status, 255)
 
     def test_a_directory_ends_the_start(self):
-        with tempfile.TemporaryDirectory() as directory:
-            self.refused(directory, "Is a directory")
+        self.refused(self.directory(), "Is a directory")
 
     def test_a_device_without_end_ends_the_start_within_a_second(self):
         self.refused("/dev/zero", "a line of more than 1 MiB")
 
     def test_a_pipe_without_end_ends_the_start(self):
-        with tempfile.TemporaryDirectory() as directory:
-            path = os.path.join(directory, "pipe")
-            os.mkfifo(path)
-            # Who writes ends with the pipe, or with the test.
-            writer = subprocess.Popen(["sh", "-c", "exec yes '# nothing' >\"$0\"", path])
-            try:
-                status, _, lines = probe.run(PROGRAM, f"{LO} -F filter:{path} -E null".split())
-            finally:
-                writer.kill()
-                writer.wait()
-            self.assertEqual(lines, [
-                f"Unable to read {path}: more than 128 MiB", "Unable to read filter config",
-                f"Unable to filter plugin: filter with args: {path}"])
-            self.assertEqual(status, 255)
-
-
-if __name__ == "__main__":
-    probe.enter_quiet_network()
-    unittest.main(argv=[sys.argv[0], *(f"{sys.argv[2]}{rest}" for rest in
-                                       ([f".{name}" for name in sys.argv[3:]] or [""]))])
+        path = self.directory() / "pipe"
+        os.mkfifo(path)
+        # Who writes ends with the pipe, or with the test.
+        writer = subprocess.Popen(["sh", "-c", "exec yes '# nothing' >\"$0\"", path])
+        try:
+            status, _, lines = run_to_its_end(*f"{LO} -F filter:{path} -E null".split())
+        finally:
+            writer.kill()
+            writer.wait()
+        self.assertEqual(lines, [
+            f"Unable to read {path}: more than 128 MiB", "Unable to read filter config",
+            f"Unable to filter plugin: filter with args: {path}"])
+        self.assertEqual(status, 255)

@@ -1,19 +1,10 @@
-"""Rule files on the command line: what a start with them says, and how it ends.
+"""Rule files on the command line: what a start with them says, and how it ends."""
 
-Usage: filter_test.py PROGRAM GROUP [TEST]
-"""
+from pathlib import Path
 
-import os
-import signal
-import sys
-import tempfile
-import unittest
-
-sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "support"))
-import probe  # noqa: E402
-from rows import CAPTURE_DEFAULTS, LO  # noqa: E402
-
-PROGRAM = os.path.abspath(sys.argv[1])
+from rows import CAPTURE_DEFAULTS, LO
+from testbed.case import QuietCase
+from testbed.probe import run_to_its_end
 
 NO_HOST = 64 * "x"  # no name has a part of 64 letters
 
@@ -46,20 +37,18 @@ FAULTS = [
 ]
 
 
-class Filters(unittest.TestCase):
+class Filters(QuietCase):
     def setUp(self):
-        directory = tempfile.TemporaryDirectory()
-        self.addCleanup(directory.cleanup)
-        self.directory = directory.name
+        super().setUp()
+        self.folder = self.directory()
 
     def rules(self, text, name="rules.txt"):
-        path = os.path.join(self.directory, name)
-        with open(path, "w", encoding="ascii") as file:
-            file.write(text)
+        path = self.folder / name
+        path.write_text(text, encoding="ascii")
         return path
 
     def expect(self, arguments, status, *lines):
-        got_status, _, got_lines = probe.run(PROGRAM, arguments.split())
+        got_status, _, got_lines = run_to_its_end(*arguments.split())
         self.assertEqual(got_lines, list(lines))
         self.assertEqual(got_status, status)
 
@@ -100,17 +89,14 @@ class Filters(unittest.TestCase):
 
     def test_faults_are_silent_below_their_level_and_end_the_start_all_the_same(self):
         path = self.rules("colour blue\n")
-        status, _, lines = probe.run(
-            PROGRAM, ["-v", " -2", *f"{LO} -F filter:{path} -E null".split()])
+        status, _, lines = run_to_its_end(
+            "-v", " -2", *f"{LO} -F filter:{path} -E null".split())
         self.assertEqual((status, lines), (255, []))
 
     def start(self, arguments):
-        running = probe.Probe(PROGRAM, arguments.split())
-        self.addCleanup(running.__exit__)
+        running = self.start_program(*arguments.split())
         running.wait_for_line("VERBOSE: 0:Kestrel OK")
-        running.send(signal.SIGINT)
-        self.assertEqual(running.end(), 0)
-        return running.lines()
+        return self.interrupt(running)
 
     def test_good_files_are_told(self):
         first = self.rules("fast src addr 10.0.0.0/8\nnot port ssh\nany\n", "first.txt")
@@ -134,12 +120,6 @@ class Filters(unittest.TestCase):
                       self.start(f"-v 5 {LO} -F filter:{path} -E null"))
 
     def test_the_example_is_taken(self):
-        path = os.path.join(os.path.dirname(__file__), "../../etc/filter-example.txt")
+        path = Path(__file__).resolve().parents[2] / "etc/filter-example.txt"
         self.assertIn("VERBOSE: 0:Filter OK",
-                      self.start(f"-v 0 {LO} -F filter:{os.path.abspath(path)} -E null"))
-
-
-if __name__ == "__main__":
-    probe.enter_quiet_network()
-    unittest.main(argv=[sys.argv[0], *(f"{sys.argv[2]}{rest}" for rest in
-                                       ([f".{name}" for name in sys.argv[3:]] or [""]))])
+                      self.start(f"-v 0 {LO} -F filter:{path} -E null"))

@@ -96,7 +96,7 @@ class PluginFrames(E2eCase):
     def test_a_slow_plugin_holds_the_reader_up_and_mixes_nothing(self):
         # The exchange ring of this cache has eight slots.
         frames, expected = mixed(400)
-        probe = self.start("-q", "6", environment={**os.environ, "FRAME_LOG_PAUSE_US": "2000"})
+        probe = self.start("-q", "6", env={**os.environ, "FRAME_LOG_PAUSE_US": "2000"})
         self.sender.send(*frames)
         self.wait_for_packets(len(expected))
         self.stop_in_order(probe)
@@ -120,7 +120,7 @@ class PluginFrames(E2eCase):
         path = self.directory() / "frames.pcap"
         write_pcap(path, frames)
         probe = self.start(source=("-I", "rawnetcap:device=eth0"),
-                           environment=with_capture_module(FRAMES=path, RING=1024))
+                           env=with_capture_module(FRAMES=path, RING=1024))
         self.check(probe, expected)
 
     def test_frames_of_a_capture_file(self):

@@ -12,7 +12,7 @@ from pathlib import Path
 from testbed.case import E2eCase
 from testbed.flow_model import packets_and_octets, predict
 from testbed.frames import ACK, SYN, ethernet, icmp, ipv4, ipv6, tcp, udp
-from testbed.probe import Probe, netflow_v5
+from testbed.probe import netflow_v5
 from testbed.rawnetcap import ModuleLog, with_capture_module, write_pcap
 
 CAPTURES = Path(__file__).resolve().parents[1] / "data" / "captures"
@@ -81,7 +81,7 @@ class Rawnetcap(RawnetcapCase):
         collector = self.collector()
         probe = self.probe(*PATIENT, *netflow_v5(collector.port), *arguments,
                            source=("-I", f"rawnetcap:device={device}"),
-                           environment=self.module(frames, **settings))
+                           env=self.module(frames, **settings))
         self.log.wait_for("drained", timeout=60)
         self.stop_in_order(probe, collector, timeout=60, meanwhile=lambda: collector.drain(0.05))
         return collector.flows
@@ -134,7 +134,7 @@ class Rawnetcap(RawnetcapCase):
         collector = self.collector(sampling=0x4000 | 250)
         probe = self.probe(
             *netflow_v5(collector.port), source=("-I", "rawnetcap:device=eth0,sampling=250"),
-            environment=self.module(mixed_frames(50)))
+            env=self.module(mixed_frames(50)))
         self.log.wait_for("drained")
         self.stop_in_order(probe, collector)
         # The module samples: what it delivers is taken whole.
@@ -153,9 +153,9 @@ class Rawnetcap(RawnetcapCase):
 
 class Failures(RawnetcapCase):
     def refused(self, message, *last_calls, **settings):
-        with Probe("-E", "null", source=("-I", "rawnetcap:device=eth0"), ready=False,
-                   environment=self.module(**settings)) as probe:
-            self.assertEqual(probe.wait(), 255, probe.describe())
+        probe = self.probe("-E", "null", source=("-I", "rawnetcap:device=eth0"), ready=False,
+                           env=self.module(**settings))
+        self.assertEqual(probe.wait(), 255, probe.describe())
         said = [line for line in probe.lines if not line.startswith("VERBOSE")]
         self.assertEqual(said, [*message, "Unable to init plugin", "Driver initialization failed"])
         self.check_given_back(*last_calls)
@@ -197,7 +197,7 @@ class Failures(RawnetcapCase):
         collector = self.collector()
         probe = self.probe(*PATIENT, *netflow_v5(collector.port), ready=True,
                            source=("-I", "rawnetcap:device=eth0"),
-                           environment=self.module(frames, **settings))
+                           env=self.module(frames, **settings))
         probe.wait_for_line(message[0])
         self.stop_in_order(probe, collector)
         self.assertEqual([line for line in probe.lines if "RAWNETCAP" in line], list(message))

@@ -167,7 +167,5 @@ class Interrupts(ReplayCase):
         probe, _ = self.start_on_pipe("-E", "null")
         probe.wait_for_line("Plugin to load")
         settle(0.2)
-        os.kill(probe.pid, signal.SIGSTOP)
-        for number in (signal.SIGINT, signal.SIGQUIT, signal.SIGCONT):
-            os.kill(probe.pid, number)
+        probe.signal(signal.SIGINT, signal.SIGQUIT)
         self.assertEqual(probe.wait(), 42, probe.describe())

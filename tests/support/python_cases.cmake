@@ -3,14 +3,25 @@
 #
 # Registers each test method of the NAME_test.py files (all of the current folder by default) as a
 # ctest case of its own, LABEL.NAME.method: cases run side by side, each with its own time limit.
+# Files that are not for this build's sanitizer are left out (see suites.cmake).
 find_package(Python3 REQUIRED COMPONENTS Interpreter)
+include(${CMAKE_CURRENT_LIST_DIR}/suites.cmake)
 
 function(kestrel_add_python_cases)
   cmake_parse_arguments(ARG "" "LABEL;TIMEOUT" "FILES;ENVIRONMENT;PROPERTIES" ${ARGN})
   if(NOT ARG_FILES)
     file(GLOB ARG_FILES CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*_test.py)
   endif()
-  foreach(file ${ARG_FILES})
+  set(environment
+    PYTHONPATH=${PROJECT_SOURCE_DIR}/tests/support
+    KESTREL_PROBE=$<TARGET_FILE:kestrelexp>
+    KESTREL_RAWNETCAP=$<TARGET_FILE:rawnetcap_emulator>
+    ${ARG_ENVIRONMENT})
+  if(KESTREL_SANITIZE)
+    list(APPEND environment KESTREL_TEST_SLOWNESS=3)
+  endif()
+  kestrel_suites(files ${ARG_FILES})
+  foreach(file ${files})
     set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${file})
     get_filename_component(module ${file} NAME_WE)
     string(REGEX REPLACE "_test$" "" area ${module})
@@ -27,7 +38,7 @@ function(kestrel_add_python_cases)
           LABELS ${ARG_LABEL} TIMEOUT ${ARG_TIMEOUT} ${ARG_PROPERTIES}
           # A case that the machine does not allow is told apart from one that passed.
           SKIP_REGULAR_EXPRESSION "OK \\(skipped="
-          ENVIRONMENT "PYTHONPATH=${PROJECT_SOURCE_DIR}/tests/support;${ARG_ENVIRONMENT}")
+          ENVIRONMENT "${environment}")
       endif()
     endforeach()
   endforeach()

@@ -5,14 +5,13 @@ root file system, in name spaces that are gone with the last of them. Packages c
 purged there, users made, files of /etc written.
 """
 
-import ctypes
 import os
 import subprocess
 import tempfile
 
+from testbed import namespaces
 from testbed.allowed import asked_of_the_machine
 
-_CLONE_NEWNS, _CLONE_NEWNET = 0x00020000, 0x40000000
 _ROOM = "/mnt"  # stands on every Debian system; covered in our name space only
 _ROOT = f"{_ROOM}/root"
 _KERNEL_MOUNTS = ("/proc", "/sys", "/dev")
@@ -27,9 +26,7 @@ def enter_machine_copy(other_mounts=()):
 
 
 def _enter(other_mounts):
-    libc = ctypes.CDLL(None, use_errno=True)
-    if libc.unshare(_CLONE_NEWNS | _CLONE_NEWNET) != 0:
-        raise OSError(ctypes.get_errno(), "unshare failed")
+    namespaces.unshare(namespaces.MOUNTS | namespaces.NETWORK)
     directory = os.getcwd()
     _run("mount", "--make-rprivate", "/")
     _run("mount", "-t", "tmpfs", "-o", "mode=755", "none", _ROOM)

@@ -2,10 +2,9 @@
 
 import signal
 import subprocess
-import time
 
 from testbed.network import free_udp_port, unread_bytes
-from testbed.process import SLOWNESS, WatchedProcess, settle
+from testbed.process import WatchedProcess, settle, wait_until
 
 
 class Nfcapd(WatchedProcess):
@@ -19,9 +18,7 @@ class Nfcapd(WatchedProcess):
 
     def stop_and_show(self, *columns):
         """What was stored, in no order: a list of texts for each flow, by nfdump's column names."""
-        deadline = time.monotonic() + 10 * SLOWNESS
-        while unread_bytes(self.port) and time.monotonic() < deadline:
-            time.sleep(0.01)
+        wait_until(lambda: unread_bytes(self.port) == 0, "reads of the collector", 10)
         settle(0.1)  # a signal right behind the last read makes it forget what it read
         self.signal(signal.SIGTERM)
         self.wait()

@@ -1,27 +1,36 @@
-"""Runs the probe under test the way an operator does, and ends it in order."""
+"""Runs the program under test the way an operator does, and ends it in order."""
 
 import os
+import re
 import signal
+import subprocess
 import time
 
-from testbed.network import PROBED
 from testbed.process import SLOWNESS, WatchedProcess
 
 READY = "Kestrel OK"
 FLUSHED = "QUIT signal processed. All data flushed. Exiting ..."
 
+# A line that may come between any two others, or not at all before an early end.
+_TIMEOUTS = re.compile(r"VERBOSE: 0:timeouts: \d+ \d+$")
+
+
+def messages(lines):
+    """What the program says, without lines whose place is left to chance."""
+    return [line for line in lines if not _TIMEOUTS.match(line)]
+
 
 class Probe(WatchedProcess):
-    """The program on the probed end of the veth pair, or with another input (the words up to its
-    -I); returns once it is capturing."""
+    """The program with the arguments that are given."""
 
-    def __init__(self, *arguments, device=PROBED, input_options="", ready=True, source=None,
-                 environment=None):
-        command = [os.environ["KESTREL_PROBE"], "-v", "0",
-                   *(source or ("-I", f"pcap:device={device}{input_options}")), *arguments]
-        super().__init__(command, env=environment)
-        if ready:
-            self.wait_for_line(READY)
+    def __init__(self, *arguments, program=None, **options):
+        super().__init__(
+            ["kestrelexp", *arguments], executable=program or os.environ["KESTREL_PROBE"],
+            **{"stdout": subprocess.DEVNULL, **options})
+
+    @property
+    def messages(self):
+        return messages(self.lines)
 
     def stop(self, timeout=20, meanwhile=None):
         """Interrupts the probe once, waits for its end and returns its status. meanwhile is called
@@ -31,6 +40,15 @@ class Probe(WatchedProcess):
         while meanwhile is not None and self.running and time.monotonic() < deadline:
             meanwhile()
         return self.wait(timeout)
+
+
+def run_to_its_end(*arguments, name="kestrelexp", timeout=20, **options):
+    """Runs the program; returns its status, its standard output, its messages."""
+    done = subprocess.run(
+        [name, *arguments], executable=os.environ["KESTREL_PROBE"], stdin=subprocess.DEVNULL,
+        capture_output=True, timeout=timeout * SLOWNESS, text=True, errors="replace", check=False,
+        **options)
+    return done.returncode, done.stdout, messages(done.stderr.splitlines())
 
 
 def netflow_v5(port, options=""):

@@ -38,7 +38,7 @@ class WatchedProcess:
     def running(self):
         return self._process.poll() is None
 
-    def wait_for_line(self, text, timeout=10):
+    def wait_for_line(self, text, timeout=20):
         """Returns the first line that contains text; fails when the child ends or time is up."""
         deadline = time.monotonic() + timeout * SLOWNESS
         with self._news:
@@ -51,10 +51,17 @@ class WatchedProcess:
                     raise AssertionError(f"no line with {text!r} from {self.describe()}")
                 self._news.wait(left)
 
-    def signal(self, number=signal.SIGINT):
-        self._process.send_signal(number)
+    def signal(self, *numbers):
+        """Interrupts, or sends the signals: several together, before the child takes a step."""
+        numbers = numbers or (signal.SIGINT,)
+        if len(numbers) > 1:
+            self._process.send_signal(signal.SIGSTOP)
+            wait_until(lambda: status_field(self.pid, "State")[0] == "T", "standstill")
+            numbers += (signal.SIGCONT,)
+        for number in numbers:
+            self._process.send_signal(number)
 
-    def wait(self, timeout=10):
+    def wait(self, timeout=20):
         """The exit status (negative: the signal that ended the child); kills it when time is up."""
         try:
             status = self._process.wait(timeout * SLOWNESS)
@@ -86,6 +93,30 @@ class WatchedProcess:
         with self._news:
             self._ended = True
             self._news.notify_all()
+
+
+def wait_until(holds, what, timeout=20):
+    """Asks again and again until it holds; fails when time is up."""
+    deadline = time.monotonic() + timeout * SLOWNESS
+    while not holds():
+        if time.monotonic() > deadline:
+            raise AssertionError(f"waited in vain: {what}")
+        time.sleep(0.01)
+
+
+def status_field(pid, name):
+    """A line of /proc/PID/status, as words."""
+    with open(f"/proc/{pid}/status", encoding="ascii") as status:
+        for line in status:
+            key, _, value = line.partition(":")
+            if key == name:
+                return value.split()
+    raise KeyError(name)
+
+
+def wait_for_threads(pid, count):
+    """Waits until the process has that many threads (sanitizers add some)."""
+    wait_until(lambda: int(status_field(pid, "Threads")[0]) >= count, f"{count} threads")
 
 
 def settle(seconds=0.5):

@@ -2,10 +2,9 @@
 tests/support/rawnetcap/module.h for what it can be told)."""
 
 import os
-import time
 
 from testbed.capture import pcap
-from testbed.process import SLOWNESS
+from testbed.process import wait_until
 
 
 def write_pcap(path, frames):
@@ -39,10 +38,7 @@ class ModuleLog:
 
     def wait_for(self, beginning, timeout=20):
         """Returns the first line that begins so."""
-        deadline = time.monotonic() + timeout * SLOWNESS
-        while time.monotonic() < deadline:
-            for line in self.lines:
-                if line.startswith(beginning):
-                    return line
-            time.sleep(0.05)
-        raise AssertionError(f"no line {beginning!r}..., the last ones are {self.lines[-5:]}")
+        def found():
+            return next((line for line in self.lines if line.startswith(beginning)), None)
+        wait_until(found, f"a line {beginning!r}... of the capture module", timeout)
+        return found()

@@ -8,8 +8,8 @@ import threading
 import unittest
 from pathlib import Path
 
-from testbed.probe import FLUSHED
-from testbed.process import SLOWNESS, WatchedProcess
+from testbed.probe import FLUSHED, Probe
+from testbed.process import wait_until
 
 SO_RCVBUFFORCE = 33  # asm-generic/socket.h
 
@@ -51,12 +51,7 @@ class DatagramCollector:
 
     def wait_for_one(self, seconds=20):
         """Returns once a datagram has come."""
-        pause = threading.Event()
-        for _ in range(int(seconds * SLOWNESS * 100)):
-            if self._datagrams:
-                return
-            pause.wait(0.01)
-        raise AssertionError("no datagram came")
+        wait_until(lambda: self._datagrams, "a datagram", seconds)
 
     def finish(self):
         """All datagrams; to be called when the probe has ended. The port is closed."""
@@ -90,9 +85,8 @@ class ReplayCase(unittest.TestCase):
                                 **process_options)
 
     def start_words(self, *words, verbosity=("-v", "0"), **process_options):
-        probe = WatchedProcess([
-            os.environ["KESTREL_PROBE"], *verbosity, "-X", os.environ["KESTREL_CAPTURE_FILE"],
-            "-X", os.environ["KESTREL_FLOW_LINES"], *words], **process_options)
+        probe = Probe(*verbosity, "-X", os.environ["KESTREL_CAPTURE_FILE"],
+                      "-X", os.environ["KESTREL_FLOW_LINES"], *words, **process_options)
         self.addCleanup(probe.kill)
         return probe
 
