@@ -7,6 +7,10 @@
 find_package(Python3 REQUIRED COMPONENTS Interpreter)
 include(${CMAKE_CURRENT_LIST_DIR}/suites.cmake)
 
+# The interpreter itself: a launcher that looks for it costs as much again, for each case.
+execute_process(COMMAND ${Python3_EXECUTABLE} -c "import sys; print(sys.executable, end='')"
+  OUTPUT_VARIABLE KESTREL_PYTHON COMMAND_ERROR_IS_FATAL ANY)
+
 function(kestrel_add_python_cases)
   cmake_parse_arguments(ARG "" "LABEL;TIMEOUT" "FILES;ENVIRONMENT;PROPERTIES" ${ARGN})
   if(NOT ARG_FILES)
@@ -32,7 +36,7 @@ function(kestrel_add_python_cases)
       elseif(line MATCHES "def (test_([A-Za-z0-9_]+))")
         set(name ${KESTREL_TEST_PREFIX}${ARG_LABEL}.${area}.${CMAKE_MATCH_2})
         add_test(NAME ${name}
-          COMMAND ${Python3_EXECUTABLE} -B -m unittest ${module}.${class}.${CMAKE_MATCH_1}
+          COMMAND ${KESTREL_PYTHON} -B -m unittest ${module}.${class}.${CMAKE_MATCH_1}
           WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR})
         set_tests_properties(${name} PROPERTIES
           LABELS ${ARG_LABEL} TIMEOUT ${ARG_TIMEOUT} ${ARG_PROPERTIES}
