@@ -2,7 +2,7 @@
 """Frames per CPU second of the whole program with the null export: the rawnetcap input on an
 emulated ring, beside the pcap input on the same frames.
 
-The pcap input watches a veth pair, as in whole_program.py, which brings the network and the sender.
+The pcap input watches a veth pair, as in whole_program.py, which brings the sender.
 The rawnetcap input meets the emulator of the tests (tests/support/rawnetcap), which repeats the
 sender's frames, at the same rate and then as fast as they are taken. Inputs take turns, so that a
 disturbance of the machine meets all of them. Needs root.
@@ -25,8 +25,8 @@ import tempfile
 import time
 
 import whole_program
-from whole_program import (PRIORITY, PROBE_IF, SETTLE_S, Network, Program, live_parser,
-                           take_processors)
+from testbed.network import PROBED, enter_private_network
+from whole_program import PRIORITY, SETTLE_S, Program, live_parser, take_processors
 
 RING_KIB = 4096
 BATCH_MS = 10  # of frames at the rate: what comes within the inputs' time-out
@@ -103,7 +103,7 @@ def measure_ring(options, scratch, frames, count, rate):
 
 def measure_pcap(options, scratch, flows):
     with open(f"{scratch}/pcap.log", "w") as log:
-        running = Program([*command(options), f"pcap:device={PROBE_IF}", "-E", "null:"],
+        running = Program([*command(options), f"pcap:device={PROBED}", "-E", "null:"],
                           signal.SIGINT, log, 1 if options.pin else None)
         try:
             time.sleep(0.5)
@@ -140,7 +140,8 @@ def main():
     options = live_parser(__doc__, rounds=5).parse_args()
     take_processors(options)
     count = int(options.rate * options.seconds)
-    with tempfile.TemporaryDirectory(prefix="kxbench-") as scratch, Network():
+    enter_private_network()
+    with tempfile.TemporaryDirectory(prefix="kxbench-") as scratch:
         for flows in options.flows:
             frames = f"{scratch}/{flows}.pcap"
             subprocess.run([f"{options.build}/bench/bench_sender", frames, str(flows)], check=True)

@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
 """Processor time per packet of whole programs that watch the same interface.
 
-A sender in one network namespace puts 60-byte frames of many flows into a veth pair; in the other
-namespace one program at a time watches the other end: a bare libpcap loop, kestrelexp, softflowd,
-fprobe, nfpcapd. Programs take turns (A B C D, A B C D, ...), so that a disturbance of the machine
-meets all of them. Needs root; makes the namespaces and removes them.
+A sender puts 60-byte frames of many flows into one end of a veth pair; one program at a time
+watches the other end: a bare libpcap loop, kestrelexp, softflowd, fprobe, nfpcapd. Programs take
+turns (A B C D, A B C D, ...), so that a disturbance of the machine meets all of them. The pair is
+in a network namespace of this script and its children, which goes with them (so: as root).
 
 What is counted: user + system time of all threads of the program, by the process's own CPU clock.
     traffic  from just before the first frame to 0.3 s after the last one
@@ -35,69 +35,30 @@ import tempfile
 import threading
 import time
 
-SENDER_NS, PROBE_NS = "kxbench-send", "kxbench-probe"
-SENDER_IF, PROBE_IF = "kxb0", "kxb1"
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../tests/support"))
+from testbed.network import PROBED, SENDER, enter_private_network, udp_receiver  # noqa: E402
+
 SINK_PORT = 29995
 SETTLE_S = 0.3
 PRIORITY = -10  # of sender and program alike: other work on the machine must not make them lose
-CLONE_NEWNET = 0x40000000
 SYS_PIDFD_OPEN, SYS_PIDFD_GETFD = 434, 438
 SOL_PACKET, PACKET_STATISTICS = 263, 6
-SO_RCVBUFFORCE = 33
 
 libc = ctypes.CDLL(None, use_errno=True)
 
 
-def run(*command):
-    subprocess.run(command, check=True)
-
-
-def enter_namespace(name):
-    with open(f"/run/netns/{name}") as namespace:
-        if libc.setns(namespace.fileno(), CLONE_NEWNET) != 0:
-            raise OSError(ctypes.get_errno(), "setns")
-
-
-class Network:
-    """Two namespaces joined by a veth pair, without IPv6 and without addresses on the pair."""
-
-    def __enter__(self):
-        self.remove()
-        for name in (SENDER_NS, PROBE_NS):
-            run("ip", "netns", "add", name)
-            run("ip", "netns", "exec", name, "sysctl", "-qw",
-                "net.ipv6.conf.all.disable_ipv6=1", "net.ipv6.conf.default.disable_ipv6=1")
-        run("ip", "-n", SENDER_NS, "link", "add", SENDER_IF, "type", "veth",
-            "peer", PROBE_IF, "netns", PROBE_NS)
-        run("ip", "-n", SENDER_NS, "link", "set", SENDER_IF, "arp", "off", "up")
-        run("ip", "-n", PROBE_NS, "link", "set", PROBE_IF, "arp", "off", "up")
-        run("ip", "-n", PROBE_NS, "link", "set", "lo", "up")
-        return self
-
-    def __exit__(self, *_):
-        self.remove()
-
-    @staticmethod
-    def remove():
-        for name in (SENDER_NS, PROBE_NS):
-            if os.path.exists(f"/run/netns/{name}"):
-                run("ip", "netns", "del", name)
-
-
 class Sink(threading.Thread):
-    """Takes NetFlow v5 datagrams in the probe's namespace and adds up what they tell."""
+    """Takes NetFlow v5 datagrams at a port of loopback and adds up what they tell."""
 
     def __init__(self):
         super().__init__(daemon=True)
-        self.datagrams, self.stopping, self.ready = [], False, threading.Event()
+        self.datagrams, self.stopping = [], False
+        self.socket = udp_receiver(port=SINK_PORT)
+        self.socket.settimeout(0.2)
+        self.start()
 
     def run(self):
-        enter_namespace(PROBE_NS)
-        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sink:
-            sink.setsockopt(socket.SOL_SOCKET, SO_RCVBUFFORCE, 128 << 20)
-            sink.bind(("127.0.0.1", SINK_PORT))
-            sink.settimeout(0.2)
-            self.ready.set()
+        with self.socket as sink:
             while True:
                 try:
                     self.datagrams.append(sink.recv(2048))
@@ -121,11 +82,10 @@ class Sink(threading.Thread):
 
 
 class Program:
-    """One program under test, running on its own processor in the probe's namespace."""
+    """One program under test, running on its own processor."""
 
     def __init__(self, command, ending, log, cpu):
         def prepare():
-            enter_namespace(PROBE_NS)
             os.setpriority(os.PRIO_PROCESS, 0, PRIORITY)
             if cpu is not None:
                 os.sched_setaffinity(0, {cpu})
@@ -199,33 +159,32 @@ def programs(options, scratch):
     kestrelexp = options.kestrelexp or f"{build}/kestrelexp"
     sink = f"127.0.0.1:{SINK_PORT}"
     queue = ["-q", options.queue] if options.queue else []
-    pcap = [kestrelexp, "-v", "0", *queue, "-I", f"pcap:device={PROBE_IF}", "-E"]
+    pcap = [kestrelexp, "-v", "0", *queue, "-I", f"pcap:device={PROBED}", "-E"]
     return [
-        ("bare loop", [f"{build}/bench/bench_bare_pcap", PROBE_IF], signal.SIGINT, False),
+        ("bare loop", [f"{build}/bench/bench_bare_pcap", PROBED], signal.SIGINT, False),
         ("kestrelexp null", [*pcap, "null:"], signal.SIGINT, False),
         ("kestrelexp v5", [*pcap, f"netflow-v5:host=127.0.0.1,port={SINK_PORT}"],
          signal.SIGINT, True),
-        ("softflowd", ["softflowd", "-d", "-i", PROBE_IF, "-n", sink, "-m", most,
+        ("softflowd", ["softflowd", "-d", "-i", PROBED, "-n", sink, "-m", most,
                        "-p", f"{scratch}/softflowd.pid", "-c", f"{scratch}/softflowd.ctl"],
          ["softflowctl", "-c", f"{scratch}/softflowd.ctl", "shutdown"], True),  # -d: no signals
         # -l 2 logs to standard output and stays in the foreground; queue and buffer as its manual
         # recommends for heavy load.
-        ("fprobe", ["fprobe", "-i", PROBE_IF, "-f", "ip", "-q", "10000", "-B", "4096", "-l", "2",
+        ("fprobe", ["fprobe", "-i", PROBED, "-f", "ip", "-q", "10000", "-B", "4096", "-l", "2",
                     sink], signal.SIGTERM, True),
         # Writes its flows to a file: it has no NetFlow v5.
-        ("nfpcapd", ["nfpcapd", "-i", PROBE_IF, "-s", "96", "-w", scratch], signal.SIGTERM, False),
+        ("nfpcapd", ["nfpcapd", "-i", PROBED, "-s", "96", "-w", scratch], signal.SIGTERM, False),
     ]
 
 
 def send(options, flows):
     """Runs the sender to its end; returns the frames that it sent."""
     def prepare():
-        enter_namespace(SENDER_NS)
         os.setpriority(os.PRIO_PROCESS, 0, PRIORITY)
         if options.pin:
             os.sched_setaffinity(0, {0})
 
-    done = subprocess.run([f"{options.build}/bench/bench_sender", SENDER_IF, str(flows),
+    done = subprocess.run([f"{options.build}/bench/bench_sender", SENDER, str(flows),
                            str(options.rate), str(options.seconds)],
                           preexec_fn=prepare, check=True, capture_output=True, text=True)
     return int(done.stdout.split()[0])
@@ -235,8 +194,6 @@ def measure(options, scratch, program, flows):
     """One program, one number of flows, one time."""
     name, command, ending, exports = program
     sink = Sink()
-    sink.start()
-    sink.ready.wait()
     with open(f"{scratch}/{name.replace(' ', '-')}.log", "w") as log:
         running = Program(command, ending, log, 1 if options.pin else None)
         try:
@@ -303,7 +260,7 @@ def live_parser(description, rounds):
 def take_processors(options):
     """This script and its sink stay with the sender."""
     if os.geteuid() != 0:
-        sys.exit("needs root: it makes network namespaces")
+        sys.exit("needs root: it makes a network namespace")
     if options.pin and len(os.sched_getaffinity(0)) < 2:
         sys.exit("needs two processors")
     if options.pin:
@@ -321,7 +278,8 @@ def arguments():
 def main():
     options = arguments()
     take_processors(options)
-    with tempfile.TemporaryDirectory(prefix="kxbench-") as scratch, Network():
+    enter_private_network()
+    with tempfile.TemporaryDirectory(prefix="kxbench-") as scratch:
         chosen = []
         for program in programs(options, scratch):
             if options.only and not any(program[0].startswith(o) for o in options.only + ["bare"]):

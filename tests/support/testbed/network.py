@@ -46,11 +46,11 @@ class FrameSender:
         self._socket.close()
 
 
-def udp_receiver(buffer_bytes=128 << 20):
+def udp_receiver(buffer_bytes=128 << 20, port=0):
     """A bound loopback socket whose buffer holds whatever a test sends before it is read."""
     receiver = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
     receiver.setsockopt(socket.SOL_SOCKET, _SO_RCVBUFFORCE, buffer_bytes)
-    receiver.bind(("127.0.0.1", 0))
+    receiver.bind(("127.0.0.1", port))
     return receiver
 
 
