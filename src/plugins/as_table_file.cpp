@@ -66,10 +66,10 @@ as_file read_as_tables(const char* path, as_tables& tables) {
     const auto [outcome, lines] = read_config_file(path);
     if (outcome != config_outcome::read)
         return outcome == config_outcome::not_opened ? as_file::not_opened : as_file::faulty;
-    for (int i = 0; lines[i] != nullptr; ++i) {
+    for (size_t i = 0; lines[i] != nullptr; ++i) {
         as_line line;
         if (!cut(lines[i], line)) {
-            verbose_msg(-1, "AS Helper found invalid config line: %i", i);
+            verbose_msg(-1, "AS Helper found invalid config line: %zu", i);
             return as_file::faulty;
         }
         if (!add_line(line, tables))
