@@ -23,16 +23,13 @@ class Clocks(Run):
             [f"{BEGAN + 20}000000000", f"{BEGAN + 20}000000000", "1", "40", "11", "12"]])
 
     def test_an_input_that_breaks_off_is_exported_and_ends_with_status_1(self):
-        with tempfile.TemporaryDirectory() as directory:
-            out = os.path.join(directory, "flows.txt")
-            status, _, lines = probe.run(PROGRAM, [
-                "-v", "0", "-X", f"{plugin('replayed_failing')},{plugin('collect')}",
-                "-I", "replayed", "-E", f"collect:file={out}"])
-            with open(out, encoding="ascii") as file:
-                flows = [line for line in file if line != "flush\n"]
+        status, _, lines = run_to_its_end(
+            "-v", "0", "-X", f"{plugin('replayed_failing')},{plugin('collect')}",
+            "-I", "replayed", "-E", f"collect:file={self.out}")
+        flows = [line for line in self.collected() if line != "flush"]
         self.assertEqual((status, len(flows)), (1, 3), lines)
         self.assertEqual(lines[-2:], [
-            "VERBOSE: 0:Input ended: 5 packets read, 4 in 3 flows, 1 no flow", FAREWELL])
+            "VERBOSE: 0:Input ended: 5 packets read, 4 in 3 flows, 1 no flow", FLUSHED])
 
     def test_an_input_without_packets_ends_at_once(self):
         status, _, lines = run_to_its_end(
