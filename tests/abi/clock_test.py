@@ -39,7 +39,8 @@ class Clocks(Run):
     def test_a_clock_beside_other_operations_is_left_alone(self):
         for name in ("input_flow_clock", "input_final_clock"):
             with self.subTest(object=name):
-                running = self.start(name, "-v 0 -I variant -E null")
+                running = self.start_program(
+                    "-v", "0", "-X", plugin(name), "-I", "variant", "-E", "null")
                 running.wait_for_line("VERBOSE: 0:Kestrel OK")
                 messages = self.interrupt(running)
                 self.assertIn("CTRL-C detected, will exit as soon as possible", messages)
