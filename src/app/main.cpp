@@ -4,10 +4,12 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "app/daemon.h"
 #include "app/options.h"
+#include "base/counters.h"
 #include "base/log.h"
 #include "base/memory.h"
 #include "base/thread.h"
@@ -124,10 +126,12 @@ flow_switch* make_switch(settings& settings, const engine& engine, flow_queue* q
     input_plugin* const input = chosen_input(run);
     if (input == nullptr)
         die(exit_config, "Input driver not set");
+    const metrics_label_scope label(metric_label("input", input->desc()->name));
     struct flow_switch* const flow_switch =
         sw_init(queue, settings.flow_mask, run.registry.process_flag, input);
     if (flow_switch == nullptr)
         die(exit_config, "Driver initialization failed");
+    run.input_switch = flow_switch;
     engine.start_clock(*flow_switch, operations_of(run.registry, input->desc));
     return flow_switch;
 }
@@ -180,6 +184,9 @@ void init_exports(run_configuration& run) {
         if (plugin == nullptr)
             die(exit_unknown_export, "Unknown export type: %s", name);
         entry.plugin = *plugin;
+        entry.label = metric_label(
+            "export", std::string(name) + '-' + std::to_string(&entry - run.exports.data()));
+        const metrics_label_scope label(entry.label);
         entry.instance = entry.plugin.init(entry.params, entry.getters);
         if (entry.instance == nullptr)
             die(exit_config, "Export: %s ERROR", name);

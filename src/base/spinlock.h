@@ -18,6 +18,7 @@ class spinlock {
         if (pthread_spin_trylock(&lock_) != 0) [[unlikely]]
             wait();
     }
+    bool try_lock() { return pthread_spin_trylock(&lock_) == 0; }
     void unlock() { pthread_spin_unlock(&lock_); }
 
   private:

@@ -80,7 +80,7 @@ void read_batch(replay& r) {
         r.read = std::max(r.read, header.timestamp);
         flow_record& record = record_of(r, r.count);
         prepare_slot(record);
-        const flow_key key = parse_packet(frame, header, r.reader.sampling, record);
+        const flow_key key = take_frame(r.sw.counters, frame, header, r.reader.sampling, record);
         if (!occupied(key)) {
             r.totals->no_flow += 1;
             continue;

@@ -4,12 +4,15 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "kestrelexp/getter.h"
 #include "kestrelexp/plugin.h"
 #include "kestrelexp/program.h"
 #include "kestrelexp/record.h"
+
+struct flow_switch;
 
 namespace kestrel {
 
@@ -27,6 +30,7 @@ struct export_entry {
     char* params = nullptr;
     void* instance = nullptr;
     getter* getters = nullptr;           // this export's own copy of the base table
+    std::string label;                   // in its metrics, such as export="ipfix-0"
     std::vector<filter_plugin> filters;  // -F, each with its own params and instance
 };
 
@@ -44,4 +48,5 @@ struct run_configuration {
     // -E; the last entry is the one that export options act on until an -E names it.
     std::vector<kestrel::export_entry> exports{1};
     plugin_registry registry{};
+    flow_switch* input_switch = nullptr;  // once it is made
 };

@@ -8,6 +8,7 @@
 #include "engine/switch.h"
 
 #include <pthread.h>
+#include <unistd.h>
 
 #include "base/log.h"
 #include "base/memory.h"
@@ -32,6 +33,16 @@ constexpr uint64_t slot_distance = 12;
 // A name for top -H, no more, so a failure does not matter.
 void name_thread(const char* name) {
     (void)pthread_setname_np(pthread_self(), name);
+}
+
+bool is_open(const flow_switch& sw) {
+    return !sw.is_closed.load(std::memory_order_relaxed);
+}
+
+// Up to the end of the process.
+[[noreturn]] void rest() {
+    for (;;)
+        pause();
 }
 
 // The key follows the record in an exchange slot.
@@ -124,30 +135,47 @@ template <typename Frames>
 // Reading and updating on one thread, so that process plugins see the frame of the record.
 [[noreturn]] void direct_loop(flow_switch& sw) {
     auto& record = *static_cast<flow_record*>(malloc_wrapper(sw.queue->record_size, 1));
-    for (;;) {
+    while (is_open(sw)) {
         prepare_slot(record);
         const flow_key key = sw.reader(sw.context, &record);
         if (!occupied(key))
             continue;
+        sw.counters.add_flow(record);
         packet_frame frame{};
         frame.data = sw.get_flow_packet(sw.context, &frame.captured_length, &frame.header_length);
         const packet_in_hand in_hand(frame);
         queue_update(sw.queue, &record, key);
     }
+    rest();
 }
 
-// Fills the exchange ring. The reader is called directly where it is the program's own, so that it
-// can be inlined.
-template <typename Frames, typename Reader>
-[[noreturn]] void fill_exchange(flow_switch& sw, Reader reader) {
+// One frame of a packet input. Returns its key; anything that is not negative: no flow.
+inline flow_key read_packet(flow_switch& sw, flow_record& record) {
+    const auto& input = *static_cast<const packet_reader*>(sw.context);
+    packet_header header{};
+    const uint8_t* frame = input.get_packet(input.context, &header);
+    return frame ? take_frame(sw.counters, frame, header, input.sampling, record) : 0;
+}
+
+// One record of an input that brings its keys.
+inline flow_key read_flow(flow_switch& sw, flow_record& record) {
+    const flow_key key = sw.reader(sw.context, &record);
+    if (occupied(key))
+        sw.counters.add_flow(record);
+    return key;
+}
+
+// Fills the exchange ring. reader: one of the two above.
+template <typename Frames, flow_key reader(flow_switch&, flow_record&)>
+[[noreturn]] void fill_exchange(flow_switch& sw) {
     Frames frames(sw);
     const uint64_t key_offset = sw.queue->record_size;
     const slot_record packet(sw.queue->record_size);
     void* slot = storage_reserve(*sw.exchange);
-    for (;;) {
+    while (is_open(sw)) {
         flow_record& record = packet.empty(slot);
         prepare_slot(record);
-        const flow_key key = reader(sw.context, &record);
+        const flow_key key = reader(sw, record);
         if (!occupied(key))
             continue;
         frames.keep(sw);
@@ -156,6 +184,8 @@ template <typename Frames, typename Reader>
         storage_commit(*sw.exchange);
         slot = storage_reserve(*sw.exchange);
     }
+    storage_announce_rest(*sw.exchange);
+    rest();
 }
 
 // How a record comes out of an input plugin. First match wins.
@@ -226,6 +256,7 @@ flow_switch* sw_init(flow_queue* queue, uint32_t flow_mask, int needs_packets,
         return nullptr;
     auto* sw = make_lifelong<flow_switch>();
     sw->queue = queue;
+    sw->counters = input_counters(metrics_label());
     sw->needs_packets = needs_packets != 0;
     sw->context = input->instance;
     if (mode == input_mode::packets) {
@@ -249,14 +280,11 @@ void* sw_main_loop(void* argument) {
 void* sw_get_flow_thread(void* argument) {
     auto& sw = *static_cast<flow_switch*>(argument);
     name_thread("reader");
-    const auto parse = [](void* context, flow_record* record) {
-        return packet_to_flow_reader(context, record);
-    };
     if (sw.reader != packet_to_flow_reader)
-        fill_exchange<no_frames>(sw, sw.reader);
+        fill_exchange<no_frames, read_flow>(sw);
     if (sw.frames)
-        fill_exchange<frames_beside>(sw, parse);
-    fill_exchange<no_frames>(sw, parse);
+        fill_exchange<frames_beside, read_packet>(sw);
+    fill_exchange<no_frames, read_packet>(sw);
 }
 
 void* plugin_final_flow_loop(void* argument) {
@@ -265,13 +293,15 @@ void* plugin_final_flow_loop(void* argument) {
     temporal_storage& storage = *sw.queue->final_storage;
     const slot_record flow(sw.queue->record_size);
     void* slot = storage_reserve(storage);
-    for (;;) {
+    while (is_open(sw)) {
         flow_record& record = flow.empty(slot);
         prepare_slot(record);
         if (sw.reader(sw.context, &record) != 0)
             continue;
+        sw.counters.add_flow(record);
         flow.store(slot);
         storage_commit(storage);
         slot = storage_reserve(storage);
     }
+    rest();
 }

@@ -8,7 +8,10 @@
 // Inputs that bring their own clock are read by replay_loop.
 #pragma once
 
+#include <atomic>
+
 #include "flow/flow_cache.h"
+#include "flow/flow_counters.h"
 #include "flow/frame_ring.h"
 #include "flow/ring.h"
 #include "kestrelexp/flow.h"
@@ -20,8 +23,12 @@ struct flow_switch {
     void* context;                                // first argument of both
     temporal_storage* exchange;                   // made by sw_split_loop
     flow_queue* queue;
-    kestrel::frame_ring* frames;  // made by sw_split_loop when frames are needed, else null
-    bool needs_packets;           // some process plugin looks at the packet of each record
+    kestrel::frame_ring* frames;       // made by sw_split_loop when frames are needed, else null
+    bool needs_packets;                // some process plugin looks at the packet of each record
+    kestrel::input_counters counters;  // written by the thread that calls the input
+    // Set when the program ends, so that the packets can be summed up: nothing more is read from
+    // the input. Carries no data: relaxed.
+    std::atomic<bool> is_closed;
 };
 
 namespace kestrel {

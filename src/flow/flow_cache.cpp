@@ -43,6 +43,7 @@ flow_queue* queue_create(int32_t size_exponent, uint64_t active_ns, uint64_t ina
     queue->fast = slot_array<fast_record>(queue->size, sizeof(fast_record), directory, "fast");
     queue->keys = slot_array<flow_key>(queue->size, sizeof(flow_key), directory, "crc");
     const uint32_t blocks = (queue->size + block_slots - 1) / block_slots;
+    queue->counters = cache_counters(queue->size);
     queue->block_flows = static_cast<uint16_t*>(malloc_wrapper(blocks * sizeof(uint16_t), 1));
     return queue;
 }
@@ -82,11 +83,13 @@ void queue_remove_record(flow_queue* queue, uint32_t slot, int32_t reason) {
     fast.packets_and_flags = 0;
     queue->keys[slot] = 0;
     queue->record_count -= 1;
+    queue->counters.set_flows(queue->record_count);
     --queue->block_flows[slot / block_slots];
 }
 
 void queue_remove_record_oneshot(flow_queue* queue, flow_record* record, int32_t reason) {
     queue->statistics.flows += 1;
+    queue->counters.add_removed(*record, reason);
     for (int32_t i = 0; i < queue->plugin_count; ++i) {
         const process_plugin& plugin = queue->plugins[i];
         plugin.release(plugin.instance, record, reason);

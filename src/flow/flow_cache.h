@@ -13,6 +13,7 @@
 #include <cstdint>
 
 #include "base/spinlock.h"
+#include "flow/flow_counters.h"
 #include "flow/ring.h"
 #include "kestrelexp/flow.h"
 
@@ -88,6 +89,7 @@ struct flow_queue {
     uint64_t stride;           // bytes from record to record
     uint16_t* block_flows;     // flows in each block of slots
     kestrel::flow_sink* sink;  // queue_put_final, unless the engine sets another one
+    kestrel::cache_counters counters;
 };
 
 namespace kestrel {

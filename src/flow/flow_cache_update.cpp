@@ -48,6 +48,7 @@ namespace kestrel {
     fast.bytes = packet.bytes;
     fast.set(packet.packets, packet.tcpflags);
     queue.record_count += 1;
+    queue.counters.set_flows(queue.record_count);
     ++queue.block_flows[slot / block_slots];
     queue.keys[slot] = key;
 }

@@ -104,6 +104,7 @@ inline void queue_update_locked(flow_queue& queue, flow_record& packet, flow_key
         queue_finish_scan(queue, now);
     queue.statistics.packets += 1;
     queue.statistics.bytes += packet.bytes;
+    queue.counters.add_packets(packet.packets);
     if (packet.export_flag != 0) [[unlikely]] {
         queue_remove_record_oneshot(&queue, &packet, REMOVAL_FORCED);
         return;

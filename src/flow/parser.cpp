@@ -96,8 +96,17 @@ struct parse_state {
     size_t at;   // offset of the next byte to read
 };
 
-constexpr size_t no_ip_header = 0;  // parse_state::at of a frame that is no flow
 constexpr size_t ethertype_offset = 12;
+
+// Of a frame that is no flow, parse_state::at holds the reason: no header begins that early.
+constexpr size_t discarded_at(discard_reason reason) {
+    return static_cast<size_t>(reason);
+}
+constexpr bool is_discarded(const parse_state& state) {
+    return state.at <= discarded_at(discard_reason::last);
+}
+static_assert(discarded_at(discard_reason::last) < ethertype_offset);
+
 constexpr size_t vlan_tag_size = 2;
 constexpr size_t mpls_entry_size = 4;
 constexpr size_t mac_pair_size = 12;
@@ -179,7 +188,7 @@ template <typename Mask>
             vlan_tag(mask, frame, state, record);
         } else if (type == ethertype_mpls) {
             if (!mpls_stack(mask, frame, state, record))
-                break;
+                return {state.h, discarded_at(discard_reason::truncated)};
             if (begins_ip(frame.byte(state.at)))
                 return state;
             state.at += mac_pair_size;
@@ -187,7 +196,9 @@ template <typename Mask>
             break;
         }
     }
-    return {state.h, no_ip_header};
+    const bool is_type_whole = state.at <= frame.captured;
+    return {state.h,
+            discarded_at(is_type_whole ? discard_reason::not_ip : discard_reason::truncated)};
 }
 
 template <typename Mask>
@@ -300,7 +311,7 @@ inline parse_state ipv6(Mask mask, const View& frame, parse_state state, flow_re
     return state;
 }
 
-// The IP header and what follows it; no_ip_header when its version is neither 4 nor 6.
+// The IP header and what follows it; discarded when its version is neither 4 nor 6.
 template <typename Mask>
 inline parse_state network_layer(Mask mask, const checked_view& frame, parse_state state,
                                  flow_record& record) {
@@ -319,7 +330,8 @@ inline parse_state network_layer(Mask mask, const checked_view& frame, parse_sta
             return ipv6(mask, whole, state, record);
         return ipv6(mask, frame, state, record);
     }
-    return {state.h, no_ip_header};
+    return {state.h,
+            discarded_at(left == 0 ? discard_reason::truncated : discard_reason::ip_version)};
 }
 
 template <typename Mask>
@@ -342,11 +354,11 @@ inline flow_key parse(Mask mask, const uint8_t* data, uint32_t captured, flow_re
     if (mask.has(FLOW_MASK_MAC) || kestrel_mac_offset) [[unlikely]]
         h = mac_addresses(mask, frame, h, record);
     parse_state state = link_layer(mask, frame, h, record);
-    if (state.at == no_ip_header)
-        return 0;
+    if (is_discarded(state)) [[unlikely]]
+        return static_cast<flow_key>(state.at);
     state = network_layer(mask, frame, state, record);
-    if (state.at == no_ip_header)
-        return 0;
+    if (is_discarded(state)) [[unlikely]]
+        return static_cast<flow_key>(state.at);
     last_position.header_length = static_cast<uint32_t>(state.at);
     return key_finish(key_step32(state.h, final_word(mask, record)));
 }
@@ -360,6 +372,11 @@ inline flow_key parse_frame(const uint8_t* data, uint32_t captured, flow_record&
     if (flow_mask == FLOW_MASK_DEFAULT) [[likely]]
         return parse(fixed_mask<FLOW_MASK_DEFAULT>{}, data, captured, record);
     return parse_other_mask(data, captured, record);
+}
+
+// The key as plugins know it: why a frame is no flow is the program's own.
+flow_key key_or_none(flow_key key) {
+    return key < 0 ? key : 0;
 }
 
 }  // namespace
@@ -402,7 +419,7 @@ flow_key packet_to_flow_reader(void* reader, flow_record* record) {
     const auto& input = *static_cast<const packet_reader*>(reader);
     packet_header header{};
     const uint8_t* frame = input.get_packet(input.context, &header);
-    return frame ? parse_packet(frame, header, input.sampling, *record) : 0;
+    return frame ? key_or_none(parse_packet(frame, header, input.sampling, *record)) : 0;
 }
 
 flow_key record_process_packet(const uint8_t* data, uint32_t captured_length, flow_record* record) {
@@ -410,7 +427,7 @@ flow_key record_process_packet(const uint8_t* data, uint32_t captured_length, fl
     record->inputsnmp = 0;
     record->outputsnmp = 0;
     record->sampling = 0;
-    return parse_frame(data, captured_length, *record);
+    return key_or_none(parse_frame(data, captured_length, *record));
 }
 
 const uint8_t* get_packet_data(uint32_t* captured_length, uint32_t* header_length) {

@@ -19,9 +19,17 @@ struct packet_frame {
 // Chooses the fields that enter the key (enum flow_mask). Call it before any thread parses.
 void parser_set_flow_mask(uint32_t mask);
 
+// Why a frame is no flow.
+enum class discard_reason : uint8_t {
+    not_ip = 1,  // the EtherType, after any tags and labels, is none of ours
+    truncated,   // the captured bytes end before the IP header begins
+    ip_version,  // what stands where the IP header should begin has another version than 4 and 6
+    last = ip_version
+};
+
 // Parses a frame of an input driver into a prepared record: what packet_to_flow_reader does with
-// the frames that it takes. sampling: the driver's. Returns the key, or 0 when the frame is no
-// flow.
+// the frames that it takes. sampling: the driver's. Returns the key, which is negative, or the
+// discard_reason of a frame that is no flow.
 flow_key parse_packet(const uint8_t* frame, const packet_header& header, uint32_t sampling,
                       flow_record& record);
 

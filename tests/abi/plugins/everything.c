@@ -35,6 +35,7 @@ void* plugin_export_init(char* params, struct getter* getters) {
     check_templates(getters);
     check_rules();
     check_addresses();
+    check_metrics();
     verbose_msg(-1, "everything: %i failures", failures);
     return NULL;
 }

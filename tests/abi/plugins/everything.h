@@ -18,6 +18,7 @@ void check_filters(void);
 void check_plugins(void);
 void check_rules(void);
 void check_addresses(void);
+void check_metrics(void);
 
 struct getter;
 void check_templates(struct getter* getters);

@@ -1,0 +1,79 @@
+#include "flow/flow_counters.h"
+
+namespace kestrel {
+namespace {
+
+constexpr metric_row capture_rows[] = {
+    {capture_packets_name, "Packets that the input has delivered.", nullptr, METRIC_COUNTER},
+    {"kestrelexp_capture_bytes_total", "Bytes of these packets as they were on the wire.", nullptr,
+     METRIC_COUNTER},
+};
+
+constexpr const char* discarded_help = "Packets that belong to no flow, by what they lack.";
+constexpr metric_row parser_rows[] = {
+    {discarded_packets_name, discarded_help, "reason=\"not_ip\"", METRIC_COUNTER},
+    {discarded_packets_name, discarded_help, "reason=\"truncated\"", METRIC_COUNTER},
+    {discarded_packets_name, discarded_help, "reason=\"ip_version\"", METRIC_COUNTER},
+};
+
+constexpr const char* removed_flows_name = "kestrelexp_cache_removed_flows_total";
+constexpr const char* removed_flows_help = "Flows that left the flow cache, by reason.";
+constexpr const char* removed_packets_help = "Packets of the flows that left the flow cache.";
+constexpr const char* reason_active = "reason=\"active\"";
+constexpr const char* reason_inactive = "reason=\"inactive\"";
+constexpr const char* reason_collision = "reason=\"collision\"";
+constexpr const char* reason_forced = "reason=\"forced\"";
+constexpr const char* reason_other = "reason=\"other\"";  // a plugin's own
+
+constexpr metric_row cache_rows[] = {
+    {"kestrelexp_cache_packets_total", "Packets that reached the flow cache.", nullptr,
+     METRIC_COUNTER},
+    {"kestrelexp_cache_flows", "Flows in the flow cache.", nullptr, METRIC_GAUGE},
+    {"kestrelexp_cache_slots", "Flows that the flow cache has room for.", nullptr, METRIC_GAUGE},
+    {removed_flows_name, removed_flows_help, reason_active, METRIC_COUNTER},
+    {removed_flows_name, removed_flows_help, reason_inactive, METRIC_COUNTER},
+    {removed_flows_name, removed_flows_help, reason_collision, METRIC_COUNTER},
+    {removed_flows_name, removed_flows_help, reason_forced, METRIC_COUNTER},
+    {removed_flows_name, removed_flows_help, reason_other, METRIC_COUNTER},
+    {removed_packets_name, removed_packets_help, reason_active, METRIC_COUNTER},
+    {removed_packets_name, removed_packets_help, reason_inactive, METRIC_COUNTER},
+    {removed_packets_name, removed_packets_help, reason_collision, METRIC_COUNTER},
+    {removed_packets_name, removed_packets_help, reason_forced, METRIC_COUNTER},
+    {removed_packets_name, removed_packets_help, reason_other, METRIC_COUNTER},
+};
+static_assert(REMOVAL_ACTIVE == 0 && REMOVAL_INACTIVE == 1 && REMOVAL_COLLISION == 2 &&
+              REMOVAL_FORCED == 3);
+constexpr int other_removals = 4;
+
+constexpr cache_metric at(cache_metric first, int reason) {
+    return static_cast<cache_metric>(static_cast<int>(first) + reason);
+}
+
+// The row of a reason; the reasons count from 1, as 0 is no frame at all.
+constexpr parser_metric row_of(discard_reason reason) {
+    return static_cast<parser_metric>(static_cast<int>(reason) - 1);
+}
+static_assert(row_of(discard_reason::not_ip) == parser_metric::not_ip &&
+              row_of(discard_reason::truncated) == parser_metric::truncated &&
+              row_of(discard_reason::ip_version) == parser_metric::ip_version);
+
+}  // namespace
+
+input_counters::input_counters(const char* labels)
+    : capture_(capture_rows, labels), parser_(parser_rows, nullptr) {}
+
+[[gnu::noinline]] void input_counters::add_discarded(flow_key result) const {
+    parser_.add(row_of(static_cast<discard_reason>(result)));
+}
+
+cache_counters::cache_counters(uint32_t slots) : block_(cache_rows, nullptr) {
+    block_.set(cache_metric::slots, slots);
+}
+
+void cache_counters::add_removed(const flow_record& flow, int32_t reason) const {
+    const int row = reason >= 0 && reason < other_removals ? reason : other_removals;
+    block_.add(at(cache_metric::removed_flows, row));
+    block_.add(at(cache_metric::removed_packets, row), flow.packets);
+}
+
+}  // namespace kestrel
