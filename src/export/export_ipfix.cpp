@@ -137,6 +137,7 @@ uint32_t flush(ipfix_exporter& self) {
     write_header(self, now_s, length);
     const bool sent =
         is_connected(self) && net_send(self.socket, self.packet, length, MSG_NOSIGNAL) >= 0;
+    self.account.add_message(sent, length);
     start_packet(self);
     if (!sent) {
         reconnect(self);
@@ -159,8 +160,10 @@ uint32_t export_flow(ipfix_exporter& self, const flow_record* record) {
         flush(self);
         self.last_sampling = record->sampling;
     }
-    if (index < 0)
+    if (index < 0) {
+        self.account.add_refused(*record);
         return not_exported;
+    }
     add_record(self, record, index);
     return 0;
 }

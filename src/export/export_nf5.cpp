@@ -13,6 +13,7 @@
 #include "base/wire.h"
 #include "export/header_clock.h"
 #include "export/net.h"
+#include "export/send_account.h"
 #include "kestrelexp/builtin.h"
 #include "kestrelexp/getter.h"
 #include "kestrelexp/record.h"
@@ -98,6 +99,7 @@ struct nf5_exporter {
     uint16_t last_sampling = 0;  // of the last flow written
     clock_fault_report clock_faults{clock_report_margin_ns};
 
+    send_account account{"reason=\"ip_version\""};
     uint32_t count = 0;  // records in the packet
     header_time time = {};
     nf5_packet packet = {};
@@ -133,7 +135,9 @@ uint32_t flush(nf5_exporter& self) {
     };
     const size_t size = sizeof(nf5_header) + self.count * sizeof(nf5_record);
     self.count = 0;
-    return static_cast<uint32_t>(send(self.socket, &self.packet, size, 0));
+    const ssize_t result = send(self.socket, &self.packet, size, 0);
+    self.account.add_message(result >= 0, size);
+    return static_cast<uint32_t>(result);
 }
 
 void fill(const nf5_exporter& self, const flow_record& flow, nf5_record& slot) {
@@ -176,8 +180,10 @@ bool went_back(const header_time& before, const header_time& now, uint64_t now_n
 }
 
 uint32_t export_flow(nf5_exporter& self, const flow_record& flow) {
-    if (flow.l3protocol != 4)
+    if (flow.l3protocol != 4) {
+        self.account.add_refused(flow);
         return not_exported;
+    }
     const uint64_t now_ns = timer_get_nsec();
     const header_time now = header_time_at(now_ns);
     clock_fault fault = clock_fault::none;
@@ -193,6 +199,7 @@ uint32_t export_flow(nf5_exporter& self, const flow_record& flow) {
     self.last_sampling = flow.sampling;
     ++self.count;
     ++self.flows;
+    self.account.add_record(flow);
     if (fault == clock_fault::future_flow)
         flush(self);
     return 0;

@@ -94,6 +94,7 @@ uint32_t flush(nf9_exporter& self) {
     };
     store_native(self.packet, header);
     const bool sent = send(self.socket, self.packet, length, 0) >= 0;
+    self.account.add_message(sent, length);
     if (sent)
         ++self.sequence;
     start_packet(self);
@@ -125,8 +126,10 @@ uint32_t export_flow(nf9_exporter& self, const flow_record* record) {
     }
     self.time = now;
     self.clock_faults.count(fault, now_s);
-    if (index < 0)
+    if (index < 0) {
+        self.account.add_refused(*record);
         return not_exported;
+    }
     add_record(self, record, index);
     if (fault == clock_fault::future_flow)
         flush(self);

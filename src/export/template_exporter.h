@@ -8,6 +8,7 @@
 #include <span>
 
 #include "export/net.h"
+#include "export/send_account.h"
 #include "kestrelexp/service.h"
 #include "kestrelexp/template.h"
 
@@ -40,6 +41,7 @@ struct template_exporter {
     int32_t refresh_packets = 2048;
     char* template_file = nullptr;
 
+    send_account account{"reason=\"no_template\""};
     int socket = -1;
     template_collection* templates = nullptr;
     uint32_t templates_length = 0;  // bytes of a template set
@@ -72,6 +74,7 @@ inline bool is_full(const template_exporter& self, uint32_t record_length) {
 inline void add_record(template_exporter& self, const flow_record* record, int32_t index) {
     exporter_template_add_record(self.templates, record, index);
     self.data_size = exporter_template_current_data_size(self.templates);
+    self.account.add_record(*record);
     ++self.pending;
 }
 

@@ -1,0 +1,56 @@
+// What an exporter counts of its own: records and packets sent, those lost and why, messages and
+// bytes. Made while the exporter is initialised; counts on the thread of the record loop.
+#pragma once
+
+#include <cstdint>
+#include <utility>
+
+#include "base/counters.h"
+#include "kestrelexp/record.h"
+
+namespace kestrel {
+
+enum class send_metric {
+    records,
+    packets,
+    refused_records,
+    refused_packets,
+    unsent_records,
+    unsent_packets,
+    messages,
+    bytes,
+    failures,
+    count
+};
+
+class send_account {
+  public:
+    // refusal: the label of what the exporter does not take, such as reason="ip_version".
+    explicit send_account(const char* refusal);
+
+    void add_refused(const flow_record& record) const {
+        block_.add(send_metric::refused_records);
+        block_.add(send_metric::refused_packets, record.packets);
+    }
+    // The record waits for the next message.
+    void add_record(const flow_record& record) {
+        pending_records_ += 1;
+        pending_packets_ += record.packets;
+    }
+    // A message has left with the records that waited, or was lost with them.
+    void add_message(bool is_sent, uint64_t bytes) {
+        block_.add(is_sent ? send_metric::messages : send_metric::failures);
+        block_.add(send_metric::bytes, is_sent ? bytes : 0);
+        block_.add(is_sent ? send_metric::records : send_metric::unsent_records,
+                   std::exchange(pending_records_, 0));
+        block_.add(is_sent ? send_metric::packets : send_metric::unsent_packets,
+                   std::exchange(pending_packets_, 0));
+    }
+
+  private:
+    counter_block<send_metric> block_;
+    uint64_t pending_records_ = 0;
+    uint64_t pending_packets_ = 0;
+};
+
+}  // namespace kestrel
