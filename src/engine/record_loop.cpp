@@ -12,6 +12,7 @@
 #include "base/log.h"
 #include "base/packet_clock.h"
 #include "base/wire.h"
+#include "engine/accounts.h"
 #include "engine/replay_stamp.h"
 #include "engine/run_configuration.h"
 #include "engine/signals.h"
@@ -26,6 +27,7 @@ namespace kestrel {
 namespace {
 
 constexpr int get_timeout_ms = 50;
+constexpr uint32_t not_exported = 0xFFFFFFFF;  // what an export answers
 // Of a replay: in a longer silence the exports have nothing more to say.
 constexpr unsigned silence_flushes_limit = 16;
 
@@ -37,41 +39,48 @@ inline int32_t run_filters(std::span<const filter_plugin> filters, flow_record* 
     return 0;
 }
 
-inline void call_export(const export_entry& entry, flow_record* record) {
-    entry.plugin.export_record(entry.instance, record);
+// Returns whether the export took the record.
+inline bool call_export(const export_entry& entry, flow_record* record) {
+    return entry.plugin.export_record(entry.instance, record) != not_exported;
 }
 
 // Exports with the record's sampling showing the driver's rate times the export's own. The product
 // is cut to 16 bits, and the division afterwards does not undo the cut: the exports behind this one
 // see what it left.
-void export_sampled(const export_entry& entry, flow_record* record) {
+bool export_sampled(const export_entry& entry, flow_record* record) {
     const int32_t rate = entry.sampling_rate;
     const bool is_driver_sampled = record->sampling != 0;
     const int64_t product = int64_t{is_driver_sampled ? record->sampling : 1} * rate;
     record->sampling = static_cast<uint16_t>(product);
-    call_export(entry, record);
+    const bool is_taken = call_export(entry, record);
     record->sampling =
         is_driver_sampled ? static_cast<uint16_t>(record->sampling / rate) : uint16_t{0};
+    return is_taken;
 }
 
 // Returns whether the record reached the export. Interface numbers stamped here stay in the record
 // for the exports that follow.
-inline bool dispatch(const export_entry& entry, flow_record* record, uint64_t record_counter) {
+inline bool dispatch(const export_entry& entry, const export_account& account, flow_record* record,
+                     uint64_t record_counter) {
+    const uint64_t packets = record->packets;
     if (entry.snmp_input_if != SNMP_INTERFACE_UNSET)
         record->inputsnmp = entry.snmp_input_if;
     if (entry.snmp_output_if != SNMP_INTERFACE_UNSET)
         record->outputsnmp = entry.snmp_output_if;
-    if (run_filters(entry.filters, record) != 0)
+    if (run_filters(entry.filters, record) != 0) {
+        account.add_filtered(packets);
         return false;
-
+    }
     if (entry.sampling_rate == 0) {
-        call_export(entry, record);
+        account.add_answer(call_export(entry, record), packets);
         return true;
     }
     // The counter runs over all records, so exports of the same rate pick the same ones.
-    if (record_counter % static_cast<uint64_t>(entry.sampling_rate) != 0)
+    if (record_counter % static_cast<uint64_t>(entry.sampling_rate) != 0) {
+        account.add_unsampled(packets);
         return false;
-    export_sampled(entry, record);
+    }
+    account.add_answer(export_sampled(entry, record), packets);
     return true;
 }
 
@@ -79,12 +88,14 @@ struct dispatcher {
     std::span<const filter_plugin> global_filters;
     std::span<const export_entry> exports;
     idle_watch idle;
+    record_accounts accounts;
     uint64_t record_counter = 0;  // records that passed the global filters
 
     explicit dispatcher(const run_configuration& configuration)
         : global_filters(configuration.global_filters),
           exports(configuration.exports),
-          idle(timer_get_sec()) {}
+          idle(timer_get_sec()),
+          accounts(configuration) {}
 };
 
 // Returns a global filter's rejection, or 0.
@@ -92,8 +103,9 @@ inline int32_t deliver(dispatcher& self, flow_record* record) {
     // A global filter is expected to keep everything; one that does not ends the run.
     if (const int32_t rejection = run_filters(self.global_filters, record); rejection != 0)
         return rejection;
-    for (const export_entry& entry : self.exports)
-        if (dispatch(entry, record, self.record_counter))
+    self.accounts.add_handed(record->packets);
+    for (size_t n = 0; n < self.exports.size(); ++n)
+        if (dispatch(self.exports[n], self.accounts.of_export(n), record, self.record_counter))
             self.idle.note_export();
     ++self.record_counter;
     return 0;
@@ -183,6 +195,7 @@ int replay_record_loop(temporal_storage* storage, unsigned record_size,
         if (stamp.ended != nullptr) {
             flush_exports(self);
             say_totals(*stamp.ended, out);
+            say_sum(*configuration, *storage);
             say_farewell(stamp.ended->has_failed ? exit_input_failed : exit_ok);
         }
         flow_record& record = flow.in(slot);
@@ -210,5 +223,6 @@ int main_record_loop(temporal_storage* storage, unsigned record_size,
     } while (!is_stop_due(*storage));
 
     flush_exports(self);
+    say_sum(*configuration, *storage);
     say_farewell(exit_ok);
 }

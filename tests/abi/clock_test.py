@@ -1,6 +1,7 @@
 """Inputs that bring their own clock."""
 
 from abi import Run, plugin
+from testbed.accounts import without_sum
 from testbed.probe import FLUSHED, run_to_its_end
 
 BEGAN = 946598400  # the last day of 1999
@@ -13,7 +14,7 @@ class Clocks(Run):
             "-I", "replayed", "-E", f"collect:file={self.out}")
         flows = [line.split() for line in self.collected()]
         self.assertEqual(status, 0, lines)
-        self.assertEqual(lines[-4:], [
+        self.assertEqual(without_sum(lines)[-4:], [
             "Flushing queue", "Queue flushed. 1 records out.",
             "VERBOSE: 0:Input ended: 5 packets read, 4 in 3 flows, 1 no flow", FLUSHED])
         # Start, end, packets, bytes, interfaces; both flows of the first seconds grow idle.
@@ -28,7 +29,7 @@ class Clocks(Run):
             "-I", "replayed", "-E", f"collect:file={self.out}")
         flows = [line for line in self.collected() if line != "flush"]
         self.assertEqual((status, len(flows)), (1, 3), lines)
-        self.assertEqual(lines[-2:], [
+        self.assertEqual(without_sum(lines)[-2:], [
             "VERBOSE: 0:Input ended: 5 packets read, 4 in 3 flows, 1 no flow", FLUSHED])
 
     def test_an_input_without_packets_ends_at_once(self):

@@ -1,0 +1,197 @@
+// The tables of the record loop's counters, and the sum of packets: received = no flow + in the
+// cache and the rings + handed to the exports; for each export, handed = sent + lost. What is in
+// the cache and the rings is counted packet by packet, apart from the counters, so that the sum can
+// fail.
+#include "engine/accounts.h"
+
+#include <cstddef>
+#include <cstring>
+#include <optional>
+
+#include "base/log.h"
+#include "base/wire.h"
+#include "engine/switch.h"
+#include "flow/flow_counters.h"
+
+namespace kestrel {
+namespace {
+
+constexpr const char* handed_packets_name = "kestrelexp_handed_packets_total";
+constexpr const char* sent_records_name = "kestrelexp_export_records_total";
+constexpr const char* sent_packets_name = "kestrelexp_export_packets_total";
+constexpr const char* lost_records_name = "kestrelexp_export_lost_records_total";
+constexpr const char* lost_packets_name = "kestrelexp_export_lost_packets_total";
+constexpr const char* lost_records_help = "Records that the export has not sent, by reason.";
+constexpr const char* lost_packets_help = "Packets in the records that were not sent, by reason.";
+
+constexpr metric_row handed_rows[] = {
+    {"kestrelexp_handed_records_total", "Records of flows handed to the exports.", nullptr,
+     METRIC_COUNTER},
+    {handed_packets_name, "Packets in the records handed to the exports.", nullptr, METRIC_COUNTER},
+};
+
+constexpr metric_row kept_back_rows[] = {
+    {lost_records_name, lost_records_help, "reason=\"filter\"", METRIC_COUNTER},
+    {lost_packets_name, lost_packets_help, "reason=\"filter\"", METRIC_COUNTER},
+    {lost_records_name, lost_records_help, "reason=\"sampling\"", METRIC_COUNTER},
+    {lost_packets_name, lost_packets_help, "reason=\"sampling\"", METRIC_COUNTER},
+};
+
+constexpr metric_row answer_rows[] = {
+    {sent_records_name, "Records that the export has sent.", nullptr, METRIC_COUNTER},
+    {sent_packets_name, "Packets in the records that the export has sent.", nullptr,
+     METRIC_COUNTER},
+    {lost_records_name, lost_records_help, "reason=\"refused\"", METRIC_COUNTER},
+    {lost_packets_name, lost_packets_help, "reason=\"refused\"", METRIC_COUNTER},
+};
+
+constexpr int look_pause_ms = 10;
+constexpr unsigned looks_limit = 100;
+
+// Packets that have come in and are neither discarded nor handed to the exports.
+struct packets_inside {
+    uint64_t exchange;  // one slot holds one packet
+    uint64_t cache;
+    uint64_t final_records;
+    int64_t difference;  // received less discarded, inside and handed
+};
+
+uint64_t packets_in_cache(const flow_queue& queue) {
+    uint64_t packets = 0;
+    for (uint32_t slot = 0; slot < queue.size; ++slot) {
+        if (slot % block_slots == 0 && queue.block_flows[slot / block_slots] == 0)
+            slot += block_slots - 1;
+        else if (occupied(queue.keys[slot]))
+            packets += queue.fast[slot].packets();
+    }
+    return packets;
+}
+
+uint64_t packets_of(const void* slot) {
+    const auto* const bytes = static_cast<const uint8_t*>(slot);
+    return load_native<uint32_t>(bytes + offsetof(flow_record, packets));
+}
+
+// On the thread that takes the records, so that no slot is used again meanwhile.
+uint64_t packets_in_final_records(const temporal_storage& storage) {
+    uint64_t packets = 0;
+    const uint64_t committed = storage_committed(storage);
+    const storage_consumer& consumer = storage.consumer;
+    for (uint64_t n = storage_taken(storage); n < committed; ++n)
+        packets += packets_of(storage.buffer + n % consumer.count * consumer.slot_size);
+    return packets;
+}
+
+uint64_t packets_in_exchange(const flow_switch& sw) {
+    if (sw.exchange == nullptr)
+        return 0;
+    const uint64_t taken = storage_taken(*sw.exchange);
+    return storage_committed(*sw.exchange) - taken;
+}
+
+int64_t difference_of(const packets_inside& inside) {
+    const uint64_t accounted = metrics_sum(discarded_packets_name, "") + inside.exchange +
+                               inside.cache + inside.final_records +
+                               metrics_sum(handed_packets_name, "");
+    return static_cast<int64_t>(metrics_sum(capture_packets_name, "") - accounted);
+}
+
+// Takes what is there of the final records, so that who waits for room in them goes on; they are
+// counted and go nowhere.
+uint64_t take_final_records(temporal_storage& final_records) {
+    uint64_t packets = 0;
+    while (const void* slot = storage_get(final_records, look_pause_ms))
+        packets += packets_of(slot);
+    return packets;
+}
+
+// Packets are on the move for as long as threads are at work, so a sum that does not come out even
+// is made again, up to a second or so. Returns what was found last; nothing when the queue was
+// never free.
+std::optional<packets_inside> sum_up(flow_switch& sw, temporal_storage& final_records) {
+    sw.is_closed.store(true, std::memory_order_relaxed);
+    flow_queue& queue = *sw.queue;
+    std::optional<packets_inside> inside;
+    uint64_t taken = 0;
+    for (unsigned look = 0; look < looks_limit; ++look) {
+        if (look > 0)
+            taken += take_final_records(final_records);
+        if (!queue.lock.try_lock())
+            continue;
+        inside = {.exchange = packets_in_exchange(sw),
+                  .cache = packets_in_cache(queue),
+                  .final_records = taken + packets_in_final_records(final_records),
+                  .difference = 0};
+        inside->difference = difference_of(*inside);
+        queue.lock.unlock();
+        if (inside->difference == 0)
+            break;
+    }
+    return inside;
+}
+
+// A reason that never came up is left out.
+bool is_worth_a_line(const metric_sample& sample) {
+    return sample.value != 0 || std::strstr(sample.labels, "reason=\"") == nullptr;
+}
+
+void say_value(const char* name, const char* labels, uint64_t value) {
+    const bool has_labels = *labels != '\0';
+    verbose_msg(0, "%s%s%s%s %lu", name, has_labels ? "{" : "", labels, has_labels ? "}" : "",
+                value);
+}
+
+void say_difference(const char* labels, int64_t difference) {
+    if (difference == 0)
+        return;
+    const bool has_labels = *labels != '\0';
+    verbose_msg(0, "kestrelexp_unaccounted_packets%s%s%s %ld", has_labels ? "{" : "", labels,
+                has_labels ? "}" : "", difference);
+}
+
+void say_inside(const packets_inside& inside) {
+    say_value("kestrelexp_ring_packets", "ring=\"parser-xchange\"", inside.exchange);
+    say_value("kestrelexp_cache_packets", "", inside.cache);
+    say_value("kestrelexp_ring_packets", "ring=\"final-records\"", inside.final_records);
+    say_difference("", inside.difference);
+}
+
+int64_t difference_of(const export_entry& entry) {
+    return static_cast<int64_t>(metrics_sum(handed_packets_name, "") -
+                                metrics_sum(sent_packets_name, entry.label) -
+                                metrics_sum(lost_packets_name, entry.label));
+}
+
+}  // namespace
+
+export_account::export_account(const export_entry& entry)
+    : kept_back_(kept_back_rows, entry.label.c_str()),
+      keeps_own_account_(metrics_known(sent_packets_name, entry.label)) {
+    if (!keeps_own_account_)
+        answers_ = counter_block<answer_metric>(answer_rows, entry.label.c_str());
+}
+
+record_accounts::record_accounts(const run_configuration& run) : handed_(handed_rows, nullptr) {
+    for (const export_entry& entry : run.exports)
+        exports_.emplace_back(entry);
+}
+
+void say_sum(const run_configuration& run, temporal_storage& final_records) {
+    if (!verbose(0) || run.input_switch == nullptr)
+        return;
+    const auto inside = sum_up(*run.input_switch, final_records);
+    metrics_snapshot(
+        [](void*, const metric_sample* sample) {
+            if (is_worth_a_line(*sample))
+                say_value(sample->name, sample->labels, sample->value);
+        },
+        nullptr);
+    if (inside)
+        say_inside(*inside);
+    else
+        verbose_msg(0, "The flow cache is busy: what is in it and in the rings was not counted");
+    for (const export_entry& entry : run.exports)
+        say_difference(entry.label.c_str(), difference_of(entry));
+}
+
+}  // namespace kestrel

@@ -1,0 +1,53 @@
+"""The sum of packets that the probe prints at its end, and the rules that it has to obey."""
+
+import re
+
+LINE = re.compile(r"VERBOSE: 0:(kestrelexp_\w+)(?:\{(.*)\})? (-?\d+)$")
+
+RECEIVED = "kestrelexp_capture_packets_total"
+DISCARDED = "kestrelexp_parser_discarded_packets_total"
+HANDED = "kestrelexp_handed_packets_total"
+SENT = "kestrelexp_export_packets_total"
+LOST = "kestrelexp_export_lost_packets_total"
+IN_CACHE = "kestrelexp_cache_packets"
+IN_RINGS = "kestrelexp_ring_packets"
+UNACCOUNTED = "kestrelexp_unaccounted_packets"
+
+
+def without_sum(lines):
+    """The lines but those of the sum."""
+    return [line for line in lines if not LINE.match(line)]
+
+
+class Sum:
+    """The values by (name, labels)."""
+
+    def __init__(self, lines):
+        found = [match.groups() for line in lines if (match := LINE.match(line))]
+        self.values = {(name, labels or ""): int(value) for name, labels, value in found}
+        assert len(self.values) == len(found), "a metric has two lines"
+
+    def total(self, name, *labels):
+        """The sum of the metrics of a name that have these labels (key="value")."""
+        return sum(value for (known, texts), value in self.values.items()
+                   if known == name and all(label in texts.split(",") for label in labels))
+
+    def reasons(self, name, *labels):
+        """The values of a name by reason."""
+        return {re.search(r'reason="(\w+)"', texts)[1]: value
+                for (known, texts), value in self.values.items()
+                if known == name and all(label in texts.split(",") for label in labels)}
+
+    def exports(self):
+        return sorted({match[1] for _, texts in self.values
+                       if (match := re.search(r'(export="[^"]*")', texts))})
+
+    def check(self, case):
+        """Received = no flow + inside + handed, and for each export handed = sent + lost."""
+        case.assertEqual([key for key in self.values if key[0] == UNACCOUNTED], [])
+        case.assertEqual(self.total(RECEIVED), self.total(DISCARDED) + self.total(IN_CACHE) +
+                         self.total(IN_RINGS) + self.total(HANDED))
+        case.assertNotEqual(self.exports(), [])
+        for export in self.exports():
+            case.assertEqual(self.total(HANDED),
+                             self.total(SENT, export) + self.total(LOST, export), export)
