@@ -1,4 +1,4 @@
-"""Rule files, template files and AS tables that are no files to read: what the start says of them."""
+"""Rule files, template files and AS tables that cannot be read: what the start says of them."""
 
 import os
 import subprocess
