@@ -59,7 +59,7 @@ class Tunnels(E2eCase):
         tunnel = self.tunnel(hardware=MONITOR_DEVICE)
         probe = self.probe("-E", "null", device=tunnel.name, ready=False)
         self.assertEqual(probe.wait(), 255, probe.describe())
-        self.assertEqual(probe.lines[-3:], [
+        self.assertEqual(probe.messages[-3:], [
             "Device kt does not deliver Ethernet frames but IEEE802_11_RADIO, which cannot be "
             "translated. Use an Ethernet, tunnel or PPP device, or \"any\"",
             "Unable to init plugin", "Driver initialization failed"])
