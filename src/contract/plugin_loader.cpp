@@ -24,10 +24,16 @@ namespace {
 // One step of taking a plugin out of an object; the steps of a kind run in table order, and the
 // first fault ends the program.
 struct load_step {
-    const char* symbol;  // null: no look-up but the rule that the plugin has no data_size
-    size_t slot;         // look-up: the operation's place in the plugin record;
-                         // rule: it holds only when the operation in this place is present
-    const char* fault;   // look-up: what follows the object's path, null = optional; rule: message
+    enum kind {
+        required,  // looks the symbol up and stores it; without it, the fault follows the path
+        optional,  // looks the symbol up and stores it
+        no_space,  // where the operation in this place is there, data_size has to be 0: else the
+                   // fault
+    };
+    kind what;
+    size_t slot;  // the operation's place in the plugin record
+    const char* symbol;
+    const char* fault;
 };
 
 constexpr const char* no_description = ", plugin description not found";
@@ -36,49 +42,61 @@ template <typename Plugin>
 constexpr std::span<const load_step> load_steps;
 
 constexpr load_step input_steps[] = {
-    {"plugin_input_desc", offsetof(input_plugin, desc), no_description},
-    {"plugin_input_init", offsetof(input_plugin, init), " no input init found."},
-    {"plugin_input_getter_init", offsetof(input_plugin, getter_init), nullptr},
-    {"plugin_input_sampling", offsetof(input_plugin, sampling), nullptr},
-    {"plugin_input_get_packet", offsetof(input_plugin, get_packet), nullptr},
-    {"plugin_input_get_flow", offsetof(input_plugin, get_flow), nullptr},
-    {"plugin_input_get_flow_packet", offsetof(input_plugin, get_flow_packet), nullptr},
-    {"plugin_input_get_final_flow", offsetof(input_plugin, get_final_flow), nullptr},
-    {nullptr, offsetof(input_plugin, get_packet),
+    {load_step::required, offsetof(input_plugin, desc), "plugin_input_desc", no_description},
+    {load_step::required, offsetof(input_plugin, init), "plugin_input_init",
+     " no input init found."},
+    {load_step::optional, offsetof(input_plugin, getter_init), "plugin_input_getter_init", ""},
+    {load_step::optional, offsetof(input_plugin, sampling), "plugin_input_sampling", ""},
+    {load_step::optional, offsetof(input_plugin, get_packet), "plugin_input_get_packet", ""},
+    {load_step::optional, offsetof(input_plugin, get_flow), "plugin_input_get_flow", ""},
+    {load_step::optional, offsetof(input_plugin, get_flow_packet), "plugin_input_get_flow_packet",
+     ""},
+    {load_step::optional, offsetof(input_plugin, get_final_flow), "plugin_input_get_final_flow",
+     ""},
+    {load_step::no_space, offsetof(input_plugin, get_packet), "",
      "Packet input plugins are not allowed to have data space in flow record"},
 };
 template <>
 constexpr std::span<const load_step> load_steps<input_plugin>{input_steps};
 
 constexpr load_step export_steps[] = {
-    {"plugin_export_desc", offsetof(export_plugin, desc), no_description},
-    {nullptr, offsetof(export_plugin, desc),
+    {load_step::required, offsetof(export_plugin, desc), "plugin_export_desc", no_description},
+    {load_step::no_space, offsetof(export_plugin, desc), "",
      "Export plugins are not allowed to have data space in flow record."},
-    {"plugin_export_init", offsetof(export_plugin, init), ", no export init found."},
-    {"plugin_export_export", offsetof(export_plugin, export_record), ", no export function found."},
-    {"plugin_export_flush", offsetof(export_plugin, flush), ", no flush function found."},
+    {load_step::required, offsetof(export_plugin, init), "plugin_export_init",
+     ", no export init found."},
+    {load_step::required, offsetof(export_plugin, export_record), "plugin_export_export",
+     ", no export function found."},
+    {load_step::required, offsetof(export_plugin, flush), "plugin_export_flush",
+     ", no flush function found."},
 };
 template <>
 constexpr std::span<const load_step> load_steps<export_plugin>{export_steps};
 
 constexpr load_step filter_steps[] = {
-    {"plugin_filter_desc", offsetof(filter_plugin, desc), no_description},
-    {nullptr, offsetof(filter_plugin, desc),
+    {load_step::required, offsetof(filter_plugin, desc), "plugin_filter_desc", no_description},
+    {load_step::no_space, offsetof(filter_plugin, desc), "",
      "Filter plugins are not allowed to have data space in flow record."},
-    {"plugin_filter_init", offsetof(filter_plugin, init), ", no filter init found."},
-    {"plugin_filter_filter", offsetof(filter_plugin, filter), ", no filter function found."},
+    {load_step::required, offsetof(filter_plugin, init), "plugin_filter_init",
+     ", no filter init found."},
+    {load_step::required, offsetof(filter_plugin, filter), "plugin_filter_filter",
+     ", no filter function found."},
 };
 template <>
 constexpr std::span<const load_step> load_steps<filter_plugin>{filter_steps};
 
 // A missing create is reported as a missing init function: people grep for the text, so it stays.
 constexpr load_step process_steps[] = {
-    {"plugin_process_desc", offsetof(process_plugin, desc), no_description},
-    {"plugin_process_init", offsetof(process_plugin, init), ", no process init found."},
-    {"plugin_process_create", offsetof(process_plugin, create), ", no init function found."},
-    {"plugin_process_update", offsetof(process_plugin, update), ", no update function found."},
-    {"plugin_process_release", offsetof(process_plugin, release), ", no release function found."},
-    {"plugin_process_getter_init", offsetof(process_plugin, getter_init), nullptr},
+    {load_step::required, offsetof(process_plugin, desc), "plugin_process_desc", no_description},
+    {load_step::required, offsetof(process_plugin, init), "plugin_process_init",
+     ", no process init found."},
+    {load_step::required, offsetof(process_plugin, create), "plugin_process_create",
+     ", no init function found."},
+    {load_step::required, offsetof(process_plugin, update), "plugin_process_update",
+     ", no update function found."},
+    {load_step::required, offsetof(process_plugin, release), "plugin_process_release",
+     ", no release function found."},
+    {load_step::optional, offsetof(process_plugin, getter_init), "plugin_process_getter_init", ""},
 };
 template <>
 constexpr std::span<const load_step> load_steps<process_plugin>{process_steps};
@@ -95,19 +113,19 @@ void load_kind(void* object, const char* path, plugin_registry& registry) {
     char* const slots = reinterpret_cast<char*>(&plugin);
 
     for (const load_step& step : load_steps<Plugin>) {
-        if (step.symbol != nullptr) {
-            void* const operation = dlsym(object, step.symbol);
-            if (operation == nullptr && step.fault != nullptr)
-                die(exit_config, "Plugin: %s%s", path, step.fault);
-            std::memcpy(slots + step.slot, &operation, sizeof operation);
-            if (step.slot == offsetof(Plugin, desc) && !is_named(plugin.desc()))
-                die(exit_config, "Plugin: %s%s", path, step.fault);
-        } else {
-            void* operation;
+        void* operation;
+        if (step.what == load_step::no_space) {
             std::memcpy(&operation, slots + step.slot, sizeof operation);
             if (operation != nullptr && plugin.desc()->data_size != 0)
                 die(exit_config, "%s", step.fault);
+            continue;
         }
+        operation = dlsym(object, step.symbol);
+        if (operation == nullptr && step.what == load_step::required)
+            die(exit_config, "Plugin: %s%s", path, step.fault);
+        std::memcpy(slots + step.slot, &operation, sizeof operation);
+        if (step.slot == offsetof(Plugin, desc) && !is_named(plugin.desc()))
+            die(exit_config, "Plugin: %s%s", path, step.fault);
     }
     register_plugin(registry, plugin);
     load_operations(object, path, kind<Plugin>::bit, &plugin, plugin.desc, registry);
