@@ -2,7 +2,7 @@
 # Debian packages that building and testing need, and how the scripts get them. Sourced, not run.
 
 BUILD_PACKAGES=(cmake g++ libgcrypt20-dev libpcap-dev make pkg-config)
-TEST_PACKAGES=(ccache clang-format dpkg-dev file iproute2 libbenchmark-dev
+TEST_PACKAGES=(ccache clang-format clang-tidy dpkg-dev file iproute2 libbenchmark-dev
     libfixbuf-tools libgtest-dev lintian man-db mandoc netbase nfdump ninja-build pmacct python3
     systemd tshark zsh)
 

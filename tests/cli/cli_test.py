@@ -176,7 +176,7 @@ class Runs(QuietCase):
 
     def assert_whole_run(self, running):
         """From the start to the end, where a sum of no packets stands before the last line."""
-        lines = running.lines()
+        lines = running.messages
         self.assertEqual(without_sum(lines), self.START + self.END)
         self.assertEqual(lines[-1], self.END[-1])
         self.assertIn('VERBOSE: 0:kestrelexp_capture_packets_total{input="pcap"} 0', lines)
@@ -186,7 +186,7 @@ class Runs(QuietCase):
             running = self.start()
             running.signal(number)
             self.assertEqual(running.wait(), 0)
-            self.assertEqual(without_sum(running.messages), self.START + self.END)
+            self.assert_whole_run(running)
 
     def test_a_second_interrupt_ends_it_at_once(self):
         running = self.start()
@@ -204,7 +204,7 @@ class Runs(QuietCase):
             time.sleep(0.02)
         running.signal(signal.SIGINT)
         self.assertEqual(running.wait(), 0)
-        self.assertEqual(without_sum(running.messages), self.START + self.END)
+        self.assert_whole_run(running)
 
     def test_only_the_main_thread_takes_signals(self):
         running = self.start()

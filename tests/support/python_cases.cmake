@@ -3,7 +3,8 @@
 #
 # Registers each test method of the NAME_test.py files (all of the current folder by default) as a
 # ctest case of its own, LABEL.NAME.method: cases run side by side, each with its own time limit.
-# Files that are not for this build's sanitizer are left out (see suites.cmake).
+# Those of a file with a line "# Runs alone: REASON" have the machine to themselves. Files that are
+# not for this build's sanitizer are left out (see suites.cmake).
 find_package(Python3 REQUIRED COMPONENTS Interpreter)
 include(${CMAKE_CURRENT_LIST_DIR}/suites.cmake)
 
@@ -29,6 +30,7 @@ function(kestrel_add_python_cases)
     set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${file})
     get_filename_component(module ${file} NAME_WE)
     string(REGEX REPLACE "_test$" "" area ${module})
+    file(STRINGS ${file} alone REGEX "^# Runs alone: ." LIMIT_COUNT 1)
     file(STRINGS ${file} lines REGEX "^(class [A-Za-z0-9_]+|    def test_[A-Za-z0-9_]+)")
     foreach(line ${lines})
       if(line MATCHES "^class ([A-Za-z0-9_]+)")
@@ -39,7 +41,7 @@ function(kestrel_add_python_cases)
           COMMAND ${KESTREL_PYTHON} -B -m unittest ${module}.${class}.${CMAKE_MATCH_1}
           WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR})
         set_tests_properties(${name} PROPERTIES
-          LABELS ${ARG_LABEL} TIMEOUT ${ARG_TIMEOUT} ${ARG_PROPERTIES}
+          LABELS ${ARG_LABEL} TIMEOUT ${ARG_TIMEOUT} RUN_SERIAL $<BOOL:${alone}> ${ARG_PROPERTIES}
           # A case that the machine does not allow is told apart from one that passed.
           SKIP_REGULAR_EXPRESSION "OK \\(skipped="
           ENVIRONMENT "${environment}")
