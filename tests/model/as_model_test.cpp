@@ -1,3 +1,4 @@
+// Not under the thread sanitizer: it is all one thread, and takes minutes there.
 #include "tests/model/as_model.h"
 
 #include <arpa/inet.h>

@@ -1,3 +1,4 @@
+// Not under the thread sanitizer: it is all one thread, and takes minutes there.
 #include "tests/model/filter_model.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// Not under the thread sanitizer: it is all one thread, and takes minutes there.
 #include <gtest/gtest.h>
 
 #include "kestrelexp/packet.h"

@@ -1,5 +1,7 @@
 // Both template exporters against a second encoder: random template files, random records, random
 // clocks; every packet that a loopback socket receives is compared byte by byte.
+//
+// Not under the thread sanitizer: it is all one thread, and takes minutes there.
 #include <random>
 #include <string>
 #include <vector>

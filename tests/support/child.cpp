@@ -19,7 +19,7 @@ std::string run_in_child(const std::function<void()>& body) {
         dup2(ends[1], STDERR_FILENO);
         close(ends[0]);
         close(ends[1]);
-        alarm(60);
+        alarm(110);
         body();
         _exit(0);
     }
