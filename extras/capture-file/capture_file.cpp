@@ -32,7 +32,7 @@ constexpr uint64_t ns_per_second = 1'000'000'000;
 // Times of the packets have 63 bits for their nanoseconds.
 constexpr int64_t last_second = INT64_MAX / 1'000'000'000 - 1;
 constexpr int32_t sampling_believable = 1000;
-constexpr size_t longest_filter = 1024 * 1024;  // bytes; a file without end is no filter
+constexpr size_t longest_filter = size_t{1024} * 1024;  // bytes; a file without end is no filter
 constexpr int longest_frame = 256 * 1024;  // bytes; libpcap reads no longer ones of our link types
 
 struct input {

@@ -14,7 +14,7 @@ namespace capture_file {
 namespace {
 
 constexpr int wait_ms = 10;
-constexpr size_t buffer_bytes = 256 * 1024;
+constexpr size_t buffer_bytes = size_t{256} * 1024;
 
 // What is under a stream.
 struct source {

@@ -1,5 +1,7 @@
 """The public headers, alone and against the program: what they promise is there."""
 
+# Not under the thread sanitizer: it looks at what the main thread does while the program starts.
+
 import glob
 import os
 import re

@@ -1,5 +1,7 @@
 """The plugin loader: objects named with -X, and the plugin directory."""
 
+# Not under the thread sanitizer: it looks at what the main thread does while the program starts.
+
 import shutil
 import subprocess
 

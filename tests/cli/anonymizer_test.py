@@ -1,5 +1,7 @@
 """The anonymizer's parameters on the command line, names that have to be looked up among them."""
 
+# Not under the thread sanitizer: it looks at forks, signal masks and the start, all one thread.
+
 import ctypes
 import os
 

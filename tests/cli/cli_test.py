@@ -1,5 +1,7 @@
 """The command line of the real program: arguments, messages, exit status, texts."""
 
+# Not under the thread sanitizer: it looks at forks, signal masks and the start, all one thread.
+
 import contextlib
 import ctypes
 import os

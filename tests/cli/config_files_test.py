@@ -1,5 +1,7 @@
 """Rule files, template files and AS tables that cannot be read: what the start says of them."""
 
+# Not under the thread sanitizer: it looks at forks, signal masks and the start, all one thread.
+
 import os
 import subprocess
 import time

@@ -1,5 +1,7 @@
 """Rule files on the command line: what a start with them says, and how it ends."""
 
+# Not under the thread sanitizer: it looks at forks, signal masks and the start, all one thread.
+
 from pathlib import Path
 
 from rows import CAPTURE_DEFAULTS, LO

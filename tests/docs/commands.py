@@ -127,7 +127,7 @@ class Runner:
     def _run(self, command):
         done = subprocess.run(self._shell(command), stdin=subprocess.DEVNULL,
                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-                              timeout=240, check=False)
+                              timeout=600, check=False)
         report = f"{command}status {done.returncode}\n{done.stdout}"
         assert done.returncode == 0, report
         wanted = SHOWN.get(first_word(command))

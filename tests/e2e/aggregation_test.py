@@ -1,5 +1,7 @@
 """Frames of many kinds become the flows that the model says, sums and fields exact."""
 
+# Not under the thread sanitizer: the threads are those of shutdown_test, which runs there.
+
 from testbed.case import E2eCase
 from testbed.flow_model import (MASK_DEFAULT, MASK_ICMP, MASK_IP, MASK_L3_ID, MASK_L4_ID, MASK_MAC,
                                 MASK_PORTS, Flow, predict)

@@ -1,5 +1,7 @@
 """Runts, truncated frames and noise: the probe lives, and counts what it can still read."""
 
+# Not under the thread sanitizer: the threads are those of shutdown_test, which runs there.
+
 import random
 
 from testbed.case import E2eCase

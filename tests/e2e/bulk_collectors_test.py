@@ -1,6 +1,10 @@
 """100,002 flows over many template refreshes: other programs' collectors end with the sums that the
 input delivered. Runs alone on the machine, so that a datagram lost is one that the probe lost."""
 
+# Runs alone: a frame that is lost is to be one that the probe lost.
+# Not under the thread sanitizer: the threads are those of shutdown_test, which runs there.
+# Not under the address sanitizer: it waits for other programs, and its frames are plain.
+
 import ipaddress
 import os
 import re

@@ -1,6 +1,10 @@
 """A cache full of flows at the moment of the interrupt: all of them arrive, however slow an export
 is. Runs alone on the machine, so that a frame lost is a frame that the probe lost."""
 
+# Runs alone: a frame that is lost is to be one that the probe lost.
+# Not under the thread sanitizer: the threads are those of shutdown_test, which runs there.
+# Not under the address sanitizer: it waits for other programs, and its frames are plain.
+
 import os
 import re
 import subprocess

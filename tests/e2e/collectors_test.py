@@ -1,5 +1,8 @@
 """Other programs of the field at the far end: a collector's table and a dissector's verdict."""
 
+# Not under the thread sanitizer: the threads are those of shutdown_test, which runs there.
+# Not under the address sanitizer: it waits for other programs, and its frames are plain.
+
 import re
 import signal
 import subprocess

@@ -1,5 +1,7 @@
 """Rule files between a veth pair and collectors: what reaches which export."""
 
+# Not under the thread sanitizer: the threads are those of shutdown_test, which runs there.
+
 from testbed.case import E2eCase
 from testbed.flow_model import predict
 from testbed.frames import ethernet, icmp, ipv4, ipv6, tcp, udp

@@ -1,5 +1,7 @@
 """The pcap input on devices that are not Ethernet: tunnels, PPP, and "any"."""
 
+# Not under the thread sanitizer: the threads are those of shutdown_test, which runs there.
+
 import socket
 
 from testbed.case import E2eCase

@@ -1,6 +1,8 @@
 """Frames from the ring of an emulated capture module: the flows are those that the model says, and
 whatever is wrong with the device ends in a message."""
 
+# Not under the thread sanitizer: the threads are those of shutdown_test, which runs there.
+
 import os
 import re
 import struct

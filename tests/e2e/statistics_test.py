@@ -1,5 +1,8 @@
 """The lines of statistics, printed every ten seconds."""
 
+# Not under the thread sanitizer: the threads are those of shutdown_test, which runs there.
+# Not under the address sanitizer: it waits for other programs, and its frames are plain.
+
 import re
 import time
 

@@ -1,5 +1,7 @@
 """VLAN tags, MPLS label stacks and Ethernet inside MPLS, with and without their blocks."""
 
+# Not under the thread sanitizer: the threads are those of shutdown_test, which runs there.
+
 from testbed.case import E2eCase
 from testbed.flow_model import Flow, predict
 from testbed.frames import ethernet, ipv4, ipv6, pseudowire, udp

@@ -1,5 +1,7 @@
 """IPFIX and NetFlow v9 with the shipped templates, as other programs of the field read them."""
 
+# Not under the thread sanitizer: the threads are those of shutdown_test, which runs there.
+
 import os
 import re
 import signal

@@ -1,5 +1,7 @@
 """Flows that leave by themselves, while the probe goes on."""
 
+# Not under the address sanitizer: it waits for other programs, and its frames are plain.
+
 import time
 
 from testbed.case import E2eCase

@@ -1,5 +1,7 @@
 """Real captures: the program gives the flows of the model, in its order and at its times."""
 
+# Not under the thread sanitizer: the threads are those of ends_test, which runs there.
+
 import os
 import subprocess
 from pathlib import Path

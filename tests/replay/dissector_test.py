@@ -4,6 +4,9 @@ Counted are frames in which tshark meets IP after nothing but Ethernet, VLAN tag
 with the lengths of that first IP header as they stand.
 """
 
+# Not under the thread sanitizer: the threads are those of ends_test, which runs there.
+# Not under the address sanitizer: another dissector's sums say nothing about sanitized code.
+
 import os
 import subprocess
 from pathlib import Path

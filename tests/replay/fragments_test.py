@@ -1,5 +1,7 @@
 """Fragments know no ports and no ICMP type, whatever packet was in their place before."""
 
+# Not under the thread sanitizer: the threads are those of ends_test, which runs there.
+
 from testbed.capture import NS, pcap
 from testbed.frames import ethernet, icmp, ipv4
 from testbed.netflow_v5 import decode

@@ -1,5 +1,7 @@
 """Capture files of frames that are not Ethernet, their headers written by hand."""
 
+# Not under the thread sanitizer: the threads are those of ends_test, which runs there.
+
 from testbed.capture import NS, pcap, pcapng
 from testbed.frames import arp_request, ethernet, ipv4, ipv6, udp
 from testbed.replay import ReplayCase

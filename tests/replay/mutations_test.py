@@ -1,5 +1,7 @@
 """Broken capture files: whatever a file says, the program ends in order or refuses it."""
 
+# Not under the thread sanitizer: the threads are those of ends_test, which runs there.
+
 import random
 
 from testbed.capture import NS, pcap, pcapng

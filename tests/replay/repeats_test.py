@@ -1,5 +1,7 @@
 """Two runs over one file send the same datagrams, byte for byte and in the same order."""
 
+# Not under the thread sanitizer: the threads are those of ends_test, which runs there.
+
 import os
 
 from testbed.capture import NS, pcap

@@ -5,6 +5,8 @@ ticks). Without packets every third one looks at all flows: 7.53 s, 15.06 s, ...
 packet. Exports are looked after every 6 s, and flushed at the second look after the last flow.
 """
 
+# Not under the thread sanitizer: the threads are those of ends_test, which runs there.
+
 import struct
 import time
 
