@@ -111,12 +111,13 @@ void load_kind(void* object, const char* path, plugin_registry& registry) {
     static_assert(std::is_trivially_copyable_v<Plugin>, "operations are stored by offset");
     Plugin plugin{};
     char* const slots = reinterpret_cast<char*>(&plugin);
+    plugin_description description{};  // the first step of every kind asks for it
 
     for (const load_step& step : load_steps<Plugin>) {
         void* operation;
         if (step.what == load_step::no_space) {
             std::memcpy(&operation, slots + step.slot, sizeof operation);
-            if (operation != nullptr && plugin.desc()->data_size != 0)
+            if (operation != nullptr && description.data_size != 0)
                 die(exit_config, "%s", step.fault);
             continue;
         }
@@ -124,8 +125,11 @@ void load_kind(void* object, const char* path, plugin_registry& registry) {
         if (operation == nullptr && step.what == load_step::required)
             die(exit_config, "Plugin: %s%s", path, step.fault);
         std::memcpy(slots + step.slot, &operation, sizeof operation);
-        if (step.slot == offsetof(Plugin, desc) && !is_named(plugin.desc()))
+        if (step.slot != offsetof(Plugin, desc))
+            continue;
+        if (!is_named(plugin.desc()))
             die(exit_config, "Plugin: %s%s", path, step.fault);
+        description = *plugin.desc();
     }
     register_plugin(registry, plugin);
     load_operations(object, path, kind<Plugin>::bit, &plugin, plugin.desc, registry);

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <limits>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -106,7 +107,7 @@ export_template make_template(const char* definition, const template_element* el
         check_lengths(*set_length, record_length);
     }
     check_lengths(*set_length, record_length);  // of a template without fields
-    const size_t size = rows.size() * sizeof(const template_element*);
+    const size_t size = std::span(rows).size_bytes();
     result.elements = static_cast<const template_element**>(malloc_wrapper(size, 0));
     std::copy(rows.begin(), rows.end(), result.elements);
     result.field_count = static_cast<uint16_t>(rows.size());

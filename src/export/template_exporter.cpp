@@ -92,6 +92,7 @@ char** builtin_definitions(const char* head) {
         }
     }
     std::vector<char*> pointers;
+    pointers.reserve(lines.size() + 1);
     for (std::string& line : lines)
         pointers.push_back(line.data());
     pointers.push_back(nullptr);

@@ -320,7 +320,7 @@ inline parse_state network_layer(Mask mask, const checked_view& frame, parse_sta
     const size_t left = frame.captured - std::min(state.at, frame.captured);
     record.l3protocol = first >> 4;
     if (record.l3protocol == 4) [[likely]] {
-        const size_t header = 4u * (first & 0x0F);
+        const size_t header = size_t{4} * (first & 0x0F);
         if (header >= ipv4_header_min && left >= header + transport_bytes_read) [[likely]]
             return ipv4(mask, whole, state, record);
         return ipv4(mask, frame, state, record);
