@@ -83,10 +83,11 @@ uint64_t packets_in_final_records(const temporal_storage& storage) {
 }
 
 uint64_t packets_in_exchange(const flow_switch& sw) {
-    if (sw.exchange == nullptr)
+    const temporal_storage* const exchange = sw.exchange.load(std::memory_order_acquire);
+    if (exchange == nullptr)
         return 0;
-    const uint64_t taken = storage_taken(*sw.exchange);
-    return storage_committed(*sw.exchange) - taken;
+    const uint64_t taken = storage_taken(*exchange);
+    return storage_committed(*exchange) - taken;
 }
 
 int64_t difference_of(const packets_inside& inside) {

@@ -45,6 +45,11 @@ bool is_open(const flow_switch& sw) {
         pause();
 }
 
+// The exchange ring, for the threads on its two sides.
+temporal_storage& exchange_of(const flow_switch& sw) {
+    return *sw.exchange.load(std::memory_order_relaxed);
+}
+
 // The key follows the record in an exchange slot.
 flow_key exchange_key(const flow_queue& queue, const void* slot) {
     return load_native<flow_key>(static_cast<const uint8_t*>(slot) + queue.record_size);
@@ -77,7 +82,7 @@ struct frames_beside {
         // A slot that is not announced would wait for the switch thread's time-out, and so would
         // we.
         if (!frames.has_room(frame)) [[unlikely]]
-            storage_announce_rest(*sw.exchange);
+            storage_announce_rest(exchange_of(sw));
         frames.put(frame);
     }
     // Switch: a packet with its frame.
@@ -112,9 +117,10 @@ template <typename Frames>
     flow_queue& queue = *sw.queue;
     const slot_record packet(queue.record_size);
     Frames frames(sw);
+    temporal_storage& exchange = exchange_of(sw);
     for (;;)
-        if (void* slot = storage_get(*sw.exchange, exchange_timeout_ms))
-            update_announced(queue, *sw.exchange, packet, frames, slot);
+        if (void* slot = storage_get(exchange, exchange_timeout_ms))
+            update_announced(queue, exchange, packet, frames, slot);
 }
 
 // Reading and updating on two threads.
@@ -122,9 +128,11 @@ template <typename Frames>
     const flow_queue& queue = *sw.queue;
     if (sw.needs_packets)
         sw.frames = make_lifelong<frame_ring>();
-    sw.exchange = temporal_storage_init(queue.size / exchange_slots_divisor,
-                                        static_cast<uint32_t>(queue.record_size + sizeof(flow_key)),
-                                        queue.directory, "parser-xchange");
+    auto* const exchange =
+        temporal_storage_init(queue.size / exchange_slots_divisor,
+                              static_cast<uint32_t>(queue.record_size + sizeof(flow_key)),
+                              queue.directory, "parser-xchange");
+    sw.exchange.store(exchange, std::memory_order_release);
     if (!start_thread(sw_get_flow_thread, &sw))
         die(exit_config, "Unable to create SW thread");
     if (sw.frames)
@@ -171,7 +179,8 @@ template <typename Frames, flow_key reader(flow_switch&, flow_record&)>
     Frames frames(sw);
     const uint64_t key_offset = sw.queue->record_size;
     const slot_record packet(sw.queue->record_size);
-    void* slot = storage_reserve(*sw.exchange);
+    temporal_storage& exchange = exchange_of(sw);
+    void* slot = storage_reserve(exchange);
     while (is_open(sw)) {
         flow_record& record = packet.empty(slot);
         prepare_slot(record);
@@ -181,10 +190,10 @@ template <typename Frames, flow_key reader(flow_switch&, flow_record&)>
         frames.keep(sw);
         packet.store(slot);
         store_native(static_cast<uint8_t*>(slot) + key_offset, key);
-        storage_commit(*sw.exchange);
-        slot = storage_reserve(*sw.exchange);
+        storage_commit(exchange);
+        slot = storage_reserve(exchange);
     }
-    storage_announce_rest(*sw.exchange);
+    storage_announce_rest(exchange);
     rest();
 }
 

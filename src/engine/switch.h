@@ -21,7 +21,9 @@ struct flow_switch {
     input_flow_packet_function* get_flow_packet;  // may be null
     input_clock_function* clock;                  // may be null; see replay.h
     void* context;                                // first argument of both
-    temporal_storage* exchange;                   // made by sw_split_loop
+    // Made by sw_split_loop, else null. The main thread looks at it for the sum of packets; release
+    // and acquire, so that it finds the ring complete.
+    std::atomic<temporal_storage*> exchange;
     flow_queue* queue;
     kestrel::frame_ring* frames;       // made by sw_split_loop when frames are needed, else null
     bool needs_packets;                // some process plugin looks at the packet of each record
