@@ -1,5 +1,7 @@
 """The sum at the end of live runs: what came in is what went out plus what was lost, and why."""
 
+# Runs alone: it sends as fast as it can, and counts what arrives.
+
 import threading
 
 from testbed.accounts import DISCARDED, HANDED, LOST, RECEIVED, SENT, Sum
