@@ -1,6 +1,7 @@
 """The plugins of the guide are those of the examples, and do what the guide says."""
 
 import re
+import subprocess
 import unittest
 
 from example_plugins import EXAMPLES, PROGRAM, ROOT, ExamplePluginsCase
@@ -53,9 +54,13 @@ class PluginGuide(ExamplePluginsCase):
         at_least, lines, finished = ((EXAMPLES / f"{name}.c").read_text()
                                      for name in ("at_least", "lines", "finished"))
         self.assertEqual(listings[:2], [at_least, lines])
-        self.assertEqual(len(listings), 3)
+        self.assertEqual(len(listings), 4)
         self.assertIn("\nflow_key plugin_input_get_final_flow(", listings[2])
         self.assertTrue(finished.endswith(listings[2]))
+        subprocess.run(
+            ["cc", "-std=c11", "-Wall", "-Wextra", "-Werror", "-pedantic", "-Wno-unused-function",
+             "-fsyntax-only", "-I", ROOT / "include", "-x", "c", "-"],
+            input=listings[3], text=True, check=True)
 
     def test_the_input_of_packets_gives_flows_with_keys_of_its_own(self):
         # Both directions, another port, another protocol, and a line that is no packet.
