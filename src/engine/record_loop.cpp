@@ -45,7 +45,7 @@ inline bool call_export(const export_entry& entry, flow_record* record) {
 }
 
 // Exports with the record's sampling showing the driver's rate times the export's own. The product
-// is cut to 16 bits, and the division afterwards does not undo the cut: the exports behind this one
+// is cut to 16 bits, and the division afterwards does not undo the cut: the exports after this one
 // see what it left.
 bool export_sampled(const export_entry& entry, flow_record* record) {
     const int32_t rate = entry.sampling_rate;

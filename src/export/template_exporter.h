@@ -65,7 +65,7 @@ void open_packet(template_exporter& self);  // the first carries all templates
 // addresses only, with ports, with ports and TCP flags, with the ICMP type. As convert_config's.
 char** builtin_definitions(const char* head);
 
-// Whether a record of so many bytes does not fit behind what the packet and the buffers hold.
+// Whether a record of so many bytes does not fit after what the packet and the buffers hold.
 inline bool is_full(const template_exporter& self, uint32_t record_length) {
     return self.data_size + self.cursor.offset + self.protocol->header_length + record_length >
            TEMPLATE_SETS_SIZE;

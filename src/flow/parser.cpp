@@ -3,7 +3,7 @@
 // Cost of a TCP/IPv4 frame under the default mask: four key steps (a dependent chain of about forty
 // cycles), two cache lines of the frame, two of the record, and one bounds check per layer. Hence
 // its shape: bounds are checked once where a layer begins, and a frame that is long enough takes a
-// road without checks; a short one takes the same code with every load checked, bytes behind the
+// road without checks; a short one takes the same code with every load checked, bytes after the
 // captured length reading as zero. The default flow mask has an instance of its own, in which the
 // tests of mask bits vanish.
 
@@ -135,7 +135,7 @@ template <typename Mask>
     return h;
 }
 
-// One VLAN tag at state.at (behind its EtherType).
+// One VLAN tag at state.at (after its EtherType).
 template <typename Mask>
 void vlan_tag(Mask mask, const checked_view& frame, parse_state& state, flow_record& record) {
     const uint16_t id = frame.be16(state.at) & 0x0FFF;
@@ -209,7 +209,7 @@ inline parse_state link_layer(Mask mask, const checked_view& frame, uint64_t h,
     return tag_walk(mask, frame, {h, ethertype_offset}, record);
 }
 
-// Reads one transport header at state.at and moves behind it. False when it was an IPv6 extension
+// Reads one transport header at state.at and moves past it. False when it was an IPv6 extension
 // header and the walk goes on.
 template <typename Mask, typename View>
 inline bool transport_header(Mask mask, const View& frame, parse_state& state,

@@ -27,7 +27,7 @@ class Run(QuietCase):
         self.out, self.second = self.folder / "out", self.folder / "second"
 
     def start(self, objects, arguments):
-        """Starts the program. Objects and arguments are words parted by blanks."""
+        """Starts the program. Objects and arguments are words separated by blanks."""
         return self.start_program("-X", ",".join(map(plugin, objects.split())), *arguments.split())
 
     def collected(self, path=None):

@@ -143,7 +143,7 @@ class Interrupts(ReplayCase):
         self.assertNotIn("Filter file", probe.log)
 
     def test_in_the_middle_of_a_stream_nothing_that_was_read_is_lost(self):
-        # Each round of 200 flows lies a minute behind the one before.
+        # Each round of 200 flows lies a minute after the one before.
         collector = self.collector()
         probe, pipe = self.start_on_pipe(*self.export_words("netflow-v5", collector))
         rounds = [(T * NS + 60 * NS * turn, frame(1 + number))

@@ -1,6 +1,6 @@
 """A copy of this machine to throw away: the same files, its own changes, its own network.
 
-What this process and its children write behind enter_machine_copy() lies in memory, over the real
+What this process and its children write after enter_machine_copy() lies in memory, over the real
 root file system, in name spaces that are gone with the last of them. Packages can be installed and
 purged there, users made, files of /etc written.
 """

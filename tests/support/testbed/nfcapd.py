@@ -19,7 +19,7 @@ class Nfcapd(WatchedProcess):
     def stop_and_show(self, *columns):
         """What was stored, in no order: a list of texts for each flow, by nfdump's column names."""
         wait_until(lambda: unread_bytes(self.port) == 0, "reads of the collector", 10)
-        settle(0.1)  # a signal right behind the last read makes it forget what it read
+        settle(0.1)  # a signal right after the last read makes it forget what it read
         self.signal(signal.SIGTERM)
         self.wait()
         form = "|".join(f"%{column}" for column in columns)
