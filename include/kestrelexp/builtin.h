@@ -16,6 +16,7 @@ KX_API plugin_desc_function input_pcap_desc;
 KX_API input_init_function input_pcap_init;
 KX_API input_sampling_function input_pcap_sampling;
 KX_API packet_function input_pcap_packet;
+KX_API input_counters_function input_pcap_counters;
 
 KX_API plugin_desc_function input_rawnetcap_desc;
 KX_API input_init_function input_rawnetcap_init;

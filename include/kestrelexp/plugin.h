@@ -31,7 +31,7 @@ enum plugin_kind {
 
 /* The version of this contract. It grows with each operation that plugins may offer or ask for
  * anew; what an earlier version has stays. */
-enum { PLUGIN_CONTRACT_VERSION = 1 };
+enum { PLUGIN_CONTRACT_VERSION = 2 };
 
 struct plugin_description {
     const char* name;        /* chosen by on the command line; unique within the kind */
@@ -95,6 +95,24 @@ enum input_clock_state {
  * NULL. An input that waits for packets returns NULL from get_packet now and then (every 10 ms,
  * say). */
 typedef int input_clock_function(void* instance, uint64_t* now);
+
+/* What an input knows of the frames that it did not deliver. All but the last two count from 0 at
+ * init and only grow; 64 bits wide whatever the kernel has. What an input does not know stays 0. */
+struct input_counts {
+    uint64_t ring_dropped_packets; /* the capture ring had no room for them */
+    uint64_t card_dropped_packets; /* the interface lost them before that, by its own counters */
+    uint64_t sampled_out_packets;  /* taken and passed over by the input's own sampling */
+    uint64_t sampled_out_bytes;    /* of these, on the wire */
+    uint64_t interface_changes;    /* the interface went down or away, came back or got a new name */
+    uint64_t unread_packets;       /* in the capture ring just now, where that can be told */
+    uint64_t is_up;                /* 1: frames can be taken; 0: not, the interface is down or away */
+};
+
+/* Optional: tells what the input has counted. counts is zeroed, with is_up 1. queue: 0 (for inputs
+ * with several queues to come). Called about four times a second and once at the end of the run, on
+ * the thread that calls get_packet or its like, between two calls; an input that waits for frames
+ * returns from that now and then (every 10 ms, say). Quick, as frames wait meanwhile. */
+typedef void input_counters_function(void* instance, uint32_t queue, struct input_counts* counts);
 
 struct input_plugin {
     plugin_desc_function* desc;
@@ -246,6 +264,7 @@ KX_API input_flow_function plugin_input_get_flow;               /* ... */
 KX_API input_final_flow_function plugin_input_get_final_flow;   /* ... */
 KX_API input_flow_packet_function plugin_input_get_flow_packet; /* optional, beside get_flow */
 KX_API input_clock_function plugin_input_clock;                 /* optional, beside get_packet */
+KX_API input_counters_function plugin_input_counters;           /* optional */
 
 KX_API plugin_desc_function plugin_export_desc;
 KX_API export_init_function plugin_export_init;
@@ -279,6 +298,8 @@ KX_ASSERT_LAYOUT(offsetof(struct input_plugin, get_final_flow) == 56);
 KX_ASSERT_LAYOUT(offsetof(struct input_plugin, params) == 64);
 KX_ASSERT_LAYOUT(offsetof(struct input_plugin, data_offset) == 72);
 KX_ASSERT_LAYOUT(offsetof(struct input_plugin, instance) == 80);
+KX_ASSERT_LAYOUT(sizeof(struct input_counts) == 56);
+KX_ASSERT_LAYOUT(offsetof(struct input_counts, unread_packets) == 40);
 KX_ASSERT_LAYOUT(sizeof(struct export_plugin) == 48);
 KX_ASSERT_LAYOUT(offsetof(struct export_plugin, params) == 32);
 KX_ASSERT_LAYOUT(offsetof(struct export_plugin, instance) == 40);

@@ -4,6 +4,7 @@
 
 #include <variant>
 
+#include "contract/operations.h"
 #include "contract/plugin_registry.h"
 #include "kestrelexp/builtin.h"
 
@@ -47,11 +48,18 @@ constexpr builtin builtins[] = {
     filter(anonymizer_desc, anonymizer_init, anonymizer_process),
 };
 
+// What they offer beyond the entry points of their kind.
+constexpr plugin_operations builtin_operations[] = {
+    {.desc = input_pcap_desc, .clock = nullptr, .counters = input_pcap_counters, .next = nullptr},
+};
+
 }  // namespace
 
 void register_builtins(plugin_registry& registry) {
     for (const builtin& row : builtins)
         std::visit([&registry](const auto& plugin) { register_plugin(registry, plugin); }, row);
+    for (const plugin_operations& row : builtin_operations)
+        keep_operations(registry, row);
 }
 
 }  // namespace kestrel

@@ -15,15 +15,20 @@ namespace {
 constexpr operation_row operation_rows[] = {
     {"plugin_input_clock", PLUGIN_KIND_INPUT, offsetof(plugin_operations, clock),
      "plugin_input_get_packet", offsetof(input_plugin, get_packet)},
+    {"plugin_input_counters", PLUGIN_KIND_INPUT, offsetof(plugin_operations, counters), nullptr, 0},
 };
 
 constexpr plugin_operations no_operations{};
 
-// Operations are stored by their place in a record, whatever their type.
-void* operation_at(const void* record, size_t place) {
-    void* operation;
-    std::memcpy(&operation, static_cast<const char*>(record) + place, sizeof operation);
-    return operation;
+// Whether the plugin has what the operation goes with. Operations are stored by their place in a
+// record, whatever their type.
+bool has_companion(const void* plugin, const operation_row& row) {
+    if (row.companion == nullptr)
+        return true;
+    void* companion;
+    std::memcpy(&companion, static_cast<const char*>(plugin) + row.companion_place,
+                sizeof companion);
+    return companion != nullptr;
 }
 
 }  // namespace
@@ -34,21 +39,26 @@ std::span<const operation_row> operation_table() {
 
 void load_operations(void* object, const char* path, int32_t kind, const void* plugin,
                      plugin_desc_function* desc, plugin_registry& registry) {
-    auto* const found = make_lifelong<plugin_operations>();
+    plugin_operations found{};
     for (const operation_row& row : operation_rows) {
         void* const operation = row.kind == kind ? dlsym(object, row.symbol) : nullptr;
         if (operation == nullptr)
             continue;
-        if (operation_at(plugin, row.companion_place) == nullptr) {
+        if (!has_companion(plugin, row)) {
             verbose_msg(0, "Plugin: %s, %s goes with %s and is not used", path, row.symbol,
                         row.companion);
             continue;
         }
-        std::memcpy(reinterpret_cast<char*>(found) + row.place, &operation, sizeof operation);
+        std::memcpy(reinterpret_cast<char*>(&found) + row.place, &operation, sizeof operation);
     }
-    found->desc = desc;
-    found->next = registry.operations;
-    registry.operations = found;
+    found.desc = desc;
+    keep_operations(registry, found);
+}
+
+void keep_operations(plugin_registry& registry, const plugin_operations& operations) {
+    auto* const kept = make_lifelong<plugin_operations>(operations);
+    kept->next = registry.operations;
+    registry.operations = kept;
 }
 
 const plugin_operations& operations_of(const plugin_registry& registry,

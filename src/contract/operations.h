@@ -13,6 +13,7 @@
 struct plugin_operations {
     plugin_desc_function* desc;  // whose they are
     input_clock_function* clock;
+    input_counters_function* counters;
     plugin_operations* next;  // of the registry's chain
 };
 
@@ -22,7 +23,7 @@ struct operation_row {
     const char* symbol;
     int32_t kind;            // enum plugin_kind
     size_t place;            // in plugin_operations
-    const char* companion;   // the entry point that it goes with
+    const char* companion;   // the entry point that it goes with; null: any
     size_t companion_place;  // in the plugin record of its kind
 };
 
@@ -35,7 +36,10 @@ std::span<const operation_row> operation_table();
 void load_operations(void* object, const char* path, int32_t kind, const void* plugin,
                      plugin_desc_function* desc, plugin_registry& registry);
 
-// What the plugin with this description operation offers; all null for built-in ones.
+// Keeps the operations of a plugin for operations_of.
+void keep_operations(plugin_registry& registry, const plugin_operations& operations);
+
+// What the plugin with this description operation offers.
 const plugin_operations& operations_of(const plugin_registry& registry, plugin_desc_function* desc);
 
 }  // namespace kestrel

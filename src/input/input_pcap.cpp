@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <utility>
 
 #include "base/clock.h"
 #include "base/log.h"
@@ -39,6 +40,10 @@ struct pcap_input {
     uint32_t ethernet_room;     // bytes
     uint32_t sampling;          // deliver every N-th frame, 0 = all
     uint32_t sampling_counter;  // frames up to the next one delivered, from 1
+    uint64_t delivered;         // frames that libpcap has handed over, sampled out or not
+    pcap_stat seen;             // what libpcap told last; its numbers are 32 bits wide
+    input_counts counts;        // ring and card drops by the last look; sampled out
+    uint64_t received;          // frames that the kernel has put into the ring or dropped
     bool failing;               // the last attempt to read met an error, which has been reported
 };
 
@@ -110,6 +115,22 @@ bool is_sampled(pcap_input& input) {
     return true;
 }
 
+// How far a 32-bit counter has come, which may have wrapped once.
+uint64_t advance(u_int& seen, u_int now) {
+    return static_cast<uint32_t>(now - std::exchange(seen, now));
+}
+
+// Takes libpcap's numbers into ours. Its count of received frames has those that were dropped, and
+// it is libpcap that adds up what the kernel resets with each look.
+void count_drops(pcap_input& input) {
+    pcap_stat now{};
+    if (pcap_stats(input.handle, &now) != 0)
+        return;
+    input.received += advance(input.seen.ps_recv, now.ps_recv);
+    input.counts.ring_dropped_packets += advance(input.seen.ps_drop, now.ps_drop);
+    input.counts.card_dropped_packets += advance(input.seen.ps_ifdrop, now.ps_ifdrop);
+}
+
 }  // namespace
 }  // namespace kestrel
 
@@ -143,8 +164,12 @@ const uint8_t* input_pcap_packet(void* instance, packet_header* header) {
         return nullptr;
     }
     input.failing = false;
-    if (!is_sampled(input))
+    input.delivered += 1;
+    if (!is_sampled(input)) {
+        input.counts.sampled_out_packets += 1;
+        input.counts.sampled_out_bytes += captured.len;
         return nullptr;
+    }
     header->timestamp = static_cast<uint64_t>(captured.ts.tv_sec) * ns_per_second +
                         static_cast<uint64_t>(captured.ts.tv_usec) * ns_per_us;
     header->captured_length = captured.caplen;
@@ -155,4 +180,11 @@ const uint8_t* input_pcap_packet(void* instance, packet_header* header) {
         return link_to_ethernet(input.format, frame, header, input.ethernet_frame,
                                 input.ethernet_room);
     return frame;
+}
+
+void input_pcap_counters(void* instance, uint32_t, input_counts* counts) {
+    auto& input = *static_cast<pcap_input*>(instance);
+    count_drops(input);
+    *counts = input.counts;
+    counts->is_up = 1;
 }
