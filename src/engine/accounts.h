@@ -12,7 +12,7 @@
 
 namespace kestrel {
 
-enum class handed_metric { records, packets, count };
+enum class handed_metric { records, packets, rejected_records, rejected_packets, count };
 enum class kept_back_metric {
     filtered_records,
     filtered_packets,
@@ -21,6 +21,7 @@ enum class kept_back_metric {
     count
 };
 enum class answer_metric { records, packets, refused_records, refused_packets, count };
+enum class export_state_metric { is_up, count };
 
 // What becomes of the records of one export.
 class export_account {
@@ -58,6 +59,11 @@ class record_accounts {
     void add_handed(uint64_t packets) const {
         handed_.add(handed_metric::records);
         handed_.add(handed_metric::packets, packets);
+    }
+    // A record that a global filter did not let pass.
+    void add_rejected(uint64_t packets) const {
+        handed_.add(handed_metric::rejected_records);
+        handed_.add(handed_metric::rejected_packets, packets);
     }
     const export_account& of_export(size_t position) const { return exports_[position]; }
 

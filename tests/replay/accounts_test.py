@@ -1,6 +1,6 @@
 """The sum at the end: every packet read is sent, kept back or lost for a reason that is told."""
 
-from testbed.accounts import (DISCARDED, HANDED, IN_CACHE, IN_RINGS, LOST, RECEIVED, SENT, Sum,
+from testbed.accounts import (DISCARDED, HANDED, IN_CACHE, IN_RINGS, LOST, RECEIVED, SAMPLED_OUT, SENT, Sum,
                               without_sum)
 from testbed.capture import NS, pcap
 from testbed.frames import arp_request, ethernet, ipv4, ipv6, tcp, udp
@@ -120,6 +120,16 @@ class Accounts(ReplayCase):
         self.assertEqual(found.reasons(LOST, FIRST), {"sampling": 6})
         self.assertEqual((found.total(SENT, FIRST), packets_in(collector.finish())), (4, 4))
         self.assertEqual((found.total(SENT, SECOND), found.total(LOST, SECOND)), (10, 0))
+
+    def test_frames_that_the_input_passes_over_are_received_and_sampled_out(self):
+        # Every third of ten frames is delivered: 3, 6 and 9.
+        frames = [v4(1000 + number) for number in range(10)]
+        capture = self.file(pcap(timed(frames)))
+        found = Sum(self.replay(capture, "-E", "null", options=",sampling=3").lines)
+        found.check(self)
+        self.assertEqual((found.total(RECEIVED), found.total(SAMPLED_OUT), found.total(HANDED)),
+                         (10, 7, 3))
+        self.assertEqual(found.total("kestrelexp_capture_bytes_total"), sum(map(len, frames)))
 
     def test_ipv6_under_netflow_v5_is_told(self):
         found = self.run_to_collector([v4(1)] * 4 + [v6(2)] * 5 + [v6(3)] * 6)
