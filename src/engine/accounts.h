@@ -72,9 +72,9 @@ class record_accounts {
     std::vector<export_account> exports_;
 };
 
-// Prints every metric at level 0, then what is still in the program, then each difference in the
-// sums of packets. Nothing more is read from the input and handed to the exports, so that the
-// packets stand still. Does nothing when such messages are not shown.
+// Prints every counter that has counted at level 0, then what is still in the program, then each
+// difference in the sums of packets. Nothing more is read from the input and handed to the exports,
+// so that the packets stand still. Does nothing when such messages are not shown.
 void say_sum(const run_configuration& run, temporal_storage& final_records);
 
 }  // namespace kestrel

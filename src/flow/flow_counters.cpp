@@ -21,8 +21,8 @@ constexpr metric_row undelivered_rows[] = {
      METRIC_COUNTER},
     {"kestrelexp_capture_interface_changes_total",
      "Times that the interface went down or away, or came back.", nullptr, METRIC_COUNTER},
-    {"kestrelexp_capture_unread_packets", "Packets in the capture ring that were not read yet.",
-     nullptr, METRIC_GAUGE},
+    {unread_packets_name, "Packets in the capture ring that were not read yet.", nullptr,
+     METRIC_GAUGE},
 };
 constexpr metric_row input_state_rows[] = {
     {"kestrelexp_capture_up", "1 while frames can be taken.", nullptr, METRIC_GAUGE},

@@ -41,6 +41,7 @@ enum class cache_metric {
 inline constexpr const char* capture_packets_name = "kestrelexp_capture_packets_total";
 inline constexpr const char* sampled_out_packets_name =
     "kestrelexp_capture_sampled_out_packets_total";
+inline constexpr const char* unread_packets_name = "kestrelexp_capture_unread_packets";
 inline constexpr const char* discarded_packets_name = "kestrelexp_parser_discarded_packets_total";
 inline constexpr const char* removed_packets_name = "kestrelexp_cache_removed_packets_total";
 

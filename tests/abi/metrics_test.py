@@ -59,7 +59,6 @@ class Metrics(Run):
                             (f"capture_sampled_out_packets_total{{{own}}}", "10"),
                             (f"capture_interface_changes_total{{{own}}}", "3"),
                             (f"capture_unread_packets{{{own}}}", "11"),
-                            (f"capture_up{{{own}}}", "0"),
                             # Five flows of 1 to 5 packets, and what was passed over.
                             (f"capture_packets_total{{{own}}}", "25"),
                             (f"capture_bytes_total{{{own}}}", "2000"),

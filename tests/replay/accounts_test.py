@@ -58,9 +58,10 @@ class Accounts(ReplayCase):
         totals = probe.lines.index("VERBOSE: 0:Input ended: 3 packets read, 2 in 1 flows, "
                                    "1 no flow")
         self.assertEqual(probe.lines[totals + 1:], [f"VERBOSE: 0:{line}" for line in (
+            'kestrelexp_cache_records_total 2',
             'kestrelexp_cache_packets_total 2',
-            'kestrelexp_cache_flows 0',
-            'kestrelexp_cache_slots 32',
+            # Two datagrams of four bytes with their headers, 20 and 8 bytes.
+            'kestrelexp_cache_bytes_total 64',
             'kestrelexp_cache_removed_flows_total{reason="forced"} 1',
             'kestrelexp_cache_removed_packets_total{reason="forced"} 2',
             'kestrelexp_capture_packets_total{input="capture-file"} 3',
