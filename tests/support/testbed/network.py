@@ -4,6 +4,7 @@ The namespace belongs to this process and the children that it starts, and is go
 them. Neither end answers or speaks on its own: no addresses, no ARP, no IPv6.
 """
 
+import os
 import socket
 import subprocess
 
@@ -44,6 +45,16 @@ class FrameSender:
 
     def close(self):
         self._socket.close()
+
+
+def blaster(flows, frames_per_second):
+    """The command that sends one frame for each of so many flows (frame_blaster.c)."""
+    return [os.environ["KESTREL_FRAME_BLASTER"], SENDER, str(flows), str(frames_per_second)]
+
+
+def blast(flows, frames_per_second):
+    """Sends one frame for each of so many flows, no faster than that."""
+    subprocess.run(blaster(flows, frames_per_second), check=True, stdin=subprocess.DEVNULL)
 
 
 def udp_receiver(buffer_bytes=128 << 20, port=0):
