@@ -103,9 +103,9 @@ struct input_counts {
     uint64_t card_dropped_packets; /* the interface lost them before that, by its own counters */
     uint64_t sampled_out_packets;  /* taken and passed over by the input's own sampling */
     uint64_t sampled_out_bytes;    /* of these, on the wire */
-    uint64_t interface_changes;    /* the interface went down or away, came back or got a new name */
-    uint64_t unread_packets;       /* in the capture ring just now, where that can be told */
-    uint64_t is_up;                /* 1: frames can be taken; 0: not, the interface is down or away */
+    uint64_t interface_changes; /* the interface went down or away, came back or got a new name */
+    uint64_t unread_packets;    /* in the capture ring just now, where that can be told */
+    uint64_t is_up;             /* 1: frames can be taken; 0: not, the interface is down or away */
 };
 
 /* Optional: tells what the input has counted. counts is zeroed, with is_up 1. queue: 0 (for inputs
