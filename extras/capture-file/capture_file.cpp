@@ -40,6 +40,7 @@ struct input {
     char* filter_path;
     int32_t sampling;        // deliver every N-th frame, 0 = all
     int32_t frames_to_skip;  // up to the next one delivered
+    input_counts counts;     // of what the sampling passed over
     pcap_t* handle;
     const link_format* format;  // null: Ethernet frames, handed on where libpcap has them
     uint8_t* ethernet_frame;    // room for one that was translated; null for Ethernet
@@ -196,11 +197,15 @@ bool read_frame(input& self) {
     return false;
 }
 
+// Whether the frame in hand is to be delivered; counts it otherwise.
 bool is_sampled(input& self) {
     if (self.sampling == 0)
         return true;
-    if (--self.frames_to_skip > 0)
+    if (--self.frames_to_skip > 0) {
+        self.counts.sampled_out_packets += 1;
+        self.counts.sampled_out_bytes += self.captured->len;
         return false;
+    }
     self.frames_to_skip = self.sampling;
     return true;
 }
@@ -269,4 +274,9 @@ int plugin_input_clock(void* instance, uint64_t* now) {
     if (!self.has_ended)
         return INPUT_CLOCK_RUNS;
     return self.has_broken_off ? INPUT_CLOCK_FAILED : INPUT_CLOCK_ENDED;
+}
+
+void plugin_input_counters(void* instance, uint32_t, input_counts* counts) {
+    *counts = static_cast<const input*>(instance)->counts;
+    counts->is_up = 1;
 }

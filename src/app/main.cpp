@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "app/daemon.h"
+#include "app/help.h"
 #include "app/options.h"
 #include "base/counters.h"
 #include "base/log.h"
@@ -17,6 +18,7 @@
 #include "contract/plugin_loader.h"
 #include "contract/plugin_registry.h"
 #include "engine/engine.h"
+#include "engine/housekeeper.h"
 #include "engine/signals.h"
 #include "kestrelexp/flow.h"
 #include "kestrelexp/getter.h"
@@ -38,6 +40,7 @@ void build_base_getters(run_configuration& run);
 void init_processes(run_configuration& run);
 void init_filters(std::vector<filter_plugin>& filters, getter** getters);
 void show_getters(const char* title, const getter* table);
+void show_build();
 void check_exports(const run_configuration& run);
 void init_exports(run_configuration& run);
 void start_flow_thread(const engine& engine, flow_switch* flow_switch);
@@ -77,9 +80,11 @@ int main(int argc, char** argv) {
     show_getters("Base Getter", run.base_getters);
     check_exports(run);
     init_exports(run);
+    show_build();
     alarm(first_alarm_s);
     verbose_msg(0, "Kestrel OK");
     start_flow_thread(engine, flow_switch);
+    start_housekeeper(*flow_switch, *final_records);
 
     const unsigned record_size = FLOW_RECORD_BASE_SIZE + run.registry.extension_length;
     // It comes back only when a global filter said no: the program just ends.
@@ -132,7 +137,9 @@ flow_switch* make_switch(settings& settings, const engine& engine, flow_queue* q
     if (flow_switch == nullptr)
         die(exit_config, "Driver initialization failed");
     run.input_switch = flow_switch;
-    engine.start_clock(*flow_switch, operations_of(run.registry, input->desc));
+    const plugin_operations& operations = operations_of(run.registry, input->desc);
+    switch_take_operations(*flow_switch, operations);
+    engine.start_clock(*flow_switch, operations);
     return flow_switch;
 }
 
@@ -166,6 +173,12 @@ void init_filters(std::vector<filter_plugin>& filters, getter** getters) {
 void show_getters(const char* title, const getter* table) {
     for (; table != nullptr && table->name != nullptr; ++table)
         verbose_msg(1, "%s: %s - %i", title, table->name, static_cast<int>(table->length));
+}
+
+void show_build() {
+    constexpr metric_row row = {"kestrelexp_build_info", "The version of the program that runs.",
+                                nullptr, METRIC_GAUGE};
+    metric_set(metrics_register(&row, 1, metric_label("version", program_version).c_str()), 1);
 }
 
 void check_exports(const run_configuration& run) {

@@ -11,6 +11,13 @@
 #include "base/stop.h"
 
 namespace kestrel {
+
+uint64_t system_uptime_ns() {
+    timespec now;
+    (void)clock_gettime(CLOCK_MONOTONIC, &now);  // cannot fail with this clock
+    return static_cast<uint64_t>(now.tv_sec) * ns_per_second + static_cast<uint64_t>(now.tv_nsec);
+}
+
 namespace {
 
 uint64_t system_wall_ns() {
@@ -18,12 +25,6 @@ uint64_t system_wall_ns() {
     (void)gettimeofday(&now, nullptr);  // cannot fail with a valid pointer
     return static_cast<uint64_t>(now.tv_sec) * ns_per_second +
            static_cast<uint64_t>(now.tv_usec) * ns_per_us;
-}
-
-uint64_t system_uptime_ns() {
-    timespec now;
-    (void)clock_gettime(CLOCK_MONOTONIC, &now);  // cannot fail with this clock
-    return static_cast<uint64_t>(now.tv_sec) * ns_per_second + static_cast<uint64_t>(now.tv_nsec);
 }
 
 void system_sleep_ns(uint64_t ns) {

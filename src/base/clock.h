@@ -25,6 +25,9 @@ struct clock_source {
 // until it is replaced. The start-up time is kept: see timer_startup_time_update.
 void set_clock_source(const clock_source* source);
 
+// The system's own uptime, in a replay as well: for how long the program itself waited.
+uint64_t system_uptime_ns();
+
 // Blocks the calling thread for so many ns, or until the program is asked to stop (base/stop.h).
 // Signals as such are handled meanwhile and do not shorten the sleep.
 void sleep_unless_stopped(uint64_t ns);

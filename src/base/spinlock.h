@@ -1,6 +1,6 @@
 // A busy-waiting lock for two threads that hold it for well under a microsecond, as a rule. The
 // exceptions (a removal that waits for room in the final storage, a flush) can be long, so a waiter
-// that had no luck for a while yields its processor, and sleeps in the end.
+// that had no luck for a while yields its processor, and sleeps in the end, longer and longer.
 #pragma once
 
 #include <pthread.h>

@@ -4,9 +4,10 @@
 // fail.
 #include "engine/accounts.h"
 
+#include <algorithm>
 #include <cstddef>
-#include <cstring>
 #include <optional>
+#include <string_view>
 
 #include "base/log.h"
 #include "base/wire.h"
@@ -24,10 +25,21 @@ constexpr const char* lost_packets_name = "kestrelexp_export_lost_packets_total"
 constexpr const char* lost_records_help = "Records that the export has not sent, by reason.";
 constexpr const char* lost_packets_help = "Packets in the records that were not sent, by reason.";
 
+constexpr const char* rejected_packets_name = "kestrelexp_rejected_packets_total";
+constexpr const char* export_up_name = "kestrelexp_export_up";
+
 constexpr metric_row handed_rows[] = {
     {"kestrelexp_handed_records_total", "Records of flows handed to the exports.", nullptr,
      METRIC_COUNTER},
     {handed_packets_name, "Packets in the records handed to the exports.", nullptr, METRIC_COUNTER},
+    {"kestrelexp_rejected_records_total", "Records that a global filter rejected.", nullptr,
+     METRIC_COUNTER},
+    {rejected_packets_name, "Packets in these records.", nullptr, METRIC_COUNTER},
+};
+
+constexpr metric_row export_state_rows[] = {
+    {export_up_name, "1 while the export has its collector, 0 while it does not.", nullptr,
+     METRIC_GAUGE},
 };
 
 constexpr metric_row kept_back_rows[] = {
@@ -91,9 +103,10 @@ uint64_t packets_in_exchange(const flow_switch& sw) {
 }
 
 int64_t difference_of(const packets_inside& inside) {
-    const uint64_t accounted = metrics_sum(discarded_packets_name, "") + inside.exchange +
-                               inside.cache + inside.final_records +
-                               metrics_sum(handed_packets_name, "");
+    const uint64_t accounted =
+        metrics_sum(sampled_out_packets_name, "") + metrics_sum(discarded_packets_name, "") +
+        inside.exchange + inside.cache + inside.final_records +
+        metrics_sum(handed_packets_name, "") + metrics_sum(rejected_packets_name, "");
     return static_cast<int64_t>(metrics_sum(capture_packets_name, "") - accounted);
 }
 
@@ -110,13 +123,15 @@ uint64_t take_final_records(temporal_storage& final_records) {
 // is made again, up to a second or so. Returns what was found last; nothing when the queue was
 // never free.
 std::optional<packets_inside> sum_up(flow_switch& sw, temporal_storage& final_records) {
-    sw.is_closed.store(true, std::memory_order_relaxed);
+    ask_reader(sw, close_input);
     flow_queue& queue = *sw.queue;
     std::optional<packets_inside> inside;
     uint64_t taken = 0;
     for (unsigned look = 0; look < looks_limit; ++look) {
         if (look > 0)
             taken += take_final_records(final_records);
+        // Looked at first: what is counted before that is in what follows.
+        const bool is_closed = sw.is_closed.load(std::memory_order_acquire);
         if (!queue.lock.try_lock())
             continue;
         inside = {.exchange = packets_in_exchange(sw),
@@ -125,15 +140,19 @@ std::optional<packets_inside> sum_up(flow_switch& sw, temporal_storage& final_re
                   .difference = 0};
         inside->difference = difference_of(*inside);
         queue.lock.unlock();
-        if (inside->difference == 0)
+        if (inside->difference == 0 && is_closed)
             break;
     }
     return inside;
 }
 
-// A reason that never came up is left out.
+// The table is short: what never came up is left out, and so is the state of things.
 bool is_worth_a_line(const metric_sample& sample) {
-    return sample.value != 0 || std::strstr(sample.labels, "reason=\"") == nullptr;
+    constexpr std::string_view always[] = {capture_packets_name, handed_packets_name,
+                                           sent_packets_name};
+    if (sample.type == METRIC_GAUGE && sample.name != std::string_view(unread_packets_name))
+        return false;
+    return sample.value != 0 || std::ranges::find(always, sample.name) != std::end(always);
 }
 
 void say_value(const char* name, const char* labels, uint64_t value) {
@@ -170,6 +189,9 @@ export_account::export_account(const export_entry& entry)
       keeps_own_account_(metrics_known(sent_packets_name, entry.label)) {
     if (!keeps_own_account_)
         answers_ = counter_block<answer_metric>(answer_rows, entry.label.c_str());
+    if (!metrics_known(export_up_name, entry.label))
+        counter_block<export_state_metric>(export_state_rows, entry.label.c_str())
+            .set(export_state_metric::is_up, 1);
 }
 
 record_accounts::record_accounts(const run_configuration& run) : handed_(handed_rows, nullptr) {

@@ -12,7 +12,7 @@
 
 namespace kestrel {
 
-enum class handed_metric { records, packets, count };
+enum class handed_metric { records, packets, rejected_records, rejected_packets, count };
 enum class kept_back_metric {
     filtered_records,
     filtered_packets,
@@ -21,6 +21,7 @@ enum class kept_back_metric {
     count
 };
 enum class answer_metric { records, packets, refused_records, refused_packets, count };
+enum class export_state_metric { is_up, count };
 
 // What becomes of the records of one export.
 class export_account {
@@ -59,6 +60,11 @@ class record_accounts {
         handed_.add(handed_metric::records);
         handed_.add(handed_metric::packets, packets);
     }
+    // A record that a global filter did not let pass.
+    void add_rejected(uint64_t packets) const {
+        handed_.add(handed_metric::rejected_records);
+        handed_.add(handed_metric::rejected_packets, packets);
+    }
     const export_account& of_export(size_t position) const { return exports_[position]; }
 
   private:
@@ -66,9 +72,9 @@ class record_accounts {
     std::vector<export_account> exports_;
 };
 
-// Prints every metric at level 0, then what is still in the program, then each difference in the
-// sums of packets. Nothing more is read from the input and handed to the exports, so that the
-// packets stand still. Does nothing when such messages are not shown.
+// Prints every counter that has counted at level 0, then what is still in the program, then each
+// difference in the sums of packets. Nothing more is read from the input and handed to the exports,
+// so that the packets stand still. Does nothing when such messages are not shown.
 void say_sum(const run_configuration& run, temporal_storage& final_records);
 
 }  // namespace kestrel

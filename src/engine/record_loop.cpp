@@ -101,8 +101,10 @@ struct dispatcher {
 // Returns a global filter's rejection, or 0.
 inline int32_t deliver(dispatcher& self, flow_record* record) {
     // A global filter is expected to keep everything; one that does not ends the run.
-    if (const int32_t rejection = run_filters(self.global_filters, record); rejection != 0)
+    if (const int32_t rejection = run_filters(self.global_filters, record); rejection != 0) {
+        self.accounts.add_rejected(record->packets);
         return rejection;
+    }
     self.accounts.add_handed(record->packets);
     for (size_t n = 0; n < self.exports.size(); ++n)
         if (dispatch(self.exports[n], self.accounts.of_export(n), record, self.record_counter))
@@ -201,8 +203,10 @@ int replay_record_loop(temporal_storage* storage, unsigned record_size,
         flow_record& record = flow.in(slot);
         out.flows += 1;
         out.packets += record.packets;
-        if (const int32_t rejection = deliver(self, &record); rejection != 0)
+        if (const int32_t rejection = deliver(self, &record); rejection != 0) {
+            say_sum(*configuration, *storage);
             return rejection;
+        }
     }
 }
 
@@ -218,8 +222,10 @@ int main_record_loop(temporal_storage* storage, unsigned record_size,
         void* const slot = temporal_storage_get(storage, get_timeout_ms);
         if (slot == nullptr)
             (void)flush_when_idle(self);
-        else if (const int32_t rejection = deliver(self, &flow.in(slot)); rejection != 0)
+        else if (const int32_t rejection = deliver(self, &flow.in(slot)); rejection != 0) {
+            say_sum(*configuration, *storage);
             return rejection;
+        }
     } while (!is_stop_due(*storage));
 
     flush_exports(self);

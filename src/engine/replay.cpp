@@ -166,6 +166,8 @@ void put_stamped(flow_queue& queue, const flow_record& record) {
 
 // Ends the flows that are left at the time of the last packet, as an interrupt would have.
 [[noreturn]] void finish(replay& r) {
+    ask_reader(r.sw, close_input);
+    (void)serve_requests(r.sw);
     queue_flush(&r.queue);
     temporal_storage& finals = *r.queue.final_storage;
     uint8_t* slot = static_cast<uint8_t*>(storage_reserve(finals));
@@ -221,9 +223,10 @@ void* replay_loop(void* argument) {
         .keys = {},
         .times = {},
     });
-    while (!r.has_ended && !is_stop_wanted.load(std::memory_order_acquire)) {
+    while (!r.has_ended && !is_stop_wanted.load(std::memory_order_acquire) && reads_on(sw)) {
         read_batch(r);
         update_batch(r);
+        queue_publish(queue);
         advance_clock(r, r.reached);
         (void)queue_serve_flush_request(queue);
     }

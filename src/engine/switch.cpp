@@ -35,10 +35,6 @@ void name_thread(const char* name) {
     (void)pthread_setname_np(pthread_self(), name);
 }
 
-bool is_open(const flow_switch& sw) {
-    return !sw.is_closed.load(std::memory_order_relaxed);
-}
-
 // Up to the end of the process.
 [[noreturn]] void rest() {
     for (;;)
@@ -143,7 +139,7 @@ template <typename Frames>
 // Reading and updating on one thread, so that process plugins see the frame of the record.
 [[noreturn]] void direct_loop(flow_switch& sw) {
     auto& record = *static_cast<flow_record*>(malloc_wrapper(sw.queue->record_size, 1));
-    while (is_open(sw)) {
+    while (reads_on(sw)) {
         prepare_slot(record);
         const flow_key key = sw.reader(sw.context, &record);
         if (!occupied(key))
@@ -181,7 +177,7 @@ template <typename Frames, flow_key reader(flow_switch&, flow_record&)>
     const slot_record packet(sw.queue->record_size);
     temporal_storage& exchange = exchange_of(sw);
     void* slot = storage_reserve(exchange);
-    while (is_open(sw)) {
+    while (reads_on(sw)) {
         flow_record& record = packet.empty(slot);
         prepare_slot(record);
         const flow_key key = reader(sw, record);
@@ -237,6 +233,26 @@ bool init_input(input_mode mode, bool needs_packets, input_plugin& input) {
 
 }  // namespace
 
+[[gnu::noinline]] bool serve_requests(flow_switch& sw) {
+    const uint32_t requests = sw.requests.fetch_and(~count_undelivered, std::memory_order_relaxed);
+    if (sw.counts != nullptr) {
+        input_counts now{};
+        now.is_up = 1;
+        sw.counts(sw.instance, 0, &now);
+        sw.counters.take(now);
+    }
+    const bool is_last = (requests & close_input) != 0;
+    if (is_last)
+        sw.is_closed.store(true, std::memory_order_release);
+    return !is_last;
+}
+
+void switch_take_operations(flow_switch& sw, const plugin_operations& input) {
+    sw.counts = input.counters;
+    if (sw.counts != nullptr)
+        sw.counters.expect_counts(metrics_label());
+}
+
 void* sw_split_loop(void* argument) {
     name_thread("switch");
     split_loop(*static_cast<flow_switch*>(argument));
@@ -268,6 +284,7 @@ flow_switch* sw_init(flow_queue* queue, uint32_t flow_mask, int needs_packets,
     sw->counters = input_counters(metrics_label());
     sw->needs_packets = needs_packets != 0;
     sw->context = input->instance;
+    sw->instance = input->instance;
     if (mode == input_mode::packets) {
         sw->reader = packet_to_flow_reader;
         sw->context = plugin_flow_reader_init(input);
@@ -302,7 +319,7 @@ void* plugin_final_flow_loop(void* argument) {
     temporal_storage& storage = *sw.queue->final_storage;
     const slot_record flow(sw.queue->record_size);
     void* slot = storage_reserve(storage);
-    while (is_open(sw)) {
+    while (reads_on(sw)) {
         flow_record& record = flow.empty(slot);
         prepare_slot(record);
         if (sw.reader(sw.context, &record) != 0)

@@ -10,6 +10,7 @@
 
 #include <atomic>
 
+#include "contract/operations.h"
 #include "flow/flow_cache.h"
 #include "flow/flow_counters.h"
 #include "flow/frame_ring.h"
@@ -27,13 +28,42 @@ struct flow_switch {
     flow_queue* queue;
     kestrel::frame_ring* frames;       // made by sw_split_loop when frames are needed, else null
     bool needs_packets;                // some process plugin looks at the packet of each record
+    void* instance;                    // of the input
+    input_counters_function* counts;   // what it did not deliver; may be null
     kestrel::input_counters counters;  // written by the thread that calls the input
-    // Set when the program ends, so that the packets can be summed up: nothing more is read from
-    // the input. Carries no data: relaxed.
+    // A sum of kestrel::reader_request, for the thread that calls the input; it looks at them
+    // between two packets. They carry no data: relaxed.
+    std::atomic<uint32_t> requests;
+    // Set by that thread once it reads no more; release, after it has counted for the last time.
     std::atomic<bool> is_closed;
 };
 
 namespace kestrel {
+
+enum reader_request : uint32_t {
+    count_undelivered = 1,  // ask the input what it did not deliver
+    close_input = 2,        // and read no more, as the program ends
+};
+
+// Any thread.
+inline void ask_reader(flow_switch& sw, reader_request request) {
+    sw.requests.fetch_or(request, std::memory_order_relaxed);
+}
+
+// What is left to do for the thread that calls the input, once there is a request. Returns whether
+// it reads on.
+bool serve_requests(flow_switch& sw);
+
+// Between two packets. Cost: one load of a word that hardly ever changes.
+inline bool reads_on(flow_switch& sw) {
+    if (sw.requests.load(std::memory_order_relaxed) == 0) [[likely]]
+        return true;
+    return serve_requests(sw);
+}
+
+// What the input offers beyond its entry points. While the program starts, in the scope of the
+// input's metrics label.
+void switch_take_operations(flow_switch& sw, const plugin_operations& input);
 
 // The two forms of sw_main_loop (kestrelexp/flow.h), which chooses between them: reading and
 // updating on two threads, or on one. Thread bodies; argument: the switch. They never return.

@@ -47,7 +47,7 @@ struct probe {
     void wait_for_packets(uint64_t packets) const {
         for (uint64_t seen = 0; seen < packets; usleep(1'000)) {
             queue->lock.lock();
-            seen = queue->statistics.packets;
+            seen = queue->tally.packets;
             queue->lock.unlock();
         }
     }
@@ -248,7 +248,7 @@ TEST(SwitchLoop, FinishedFlowsBypassTheQueue) {
                 say("record " + std::to_string(n) + " is wrong\n");
         }
         say(temporal_storage_get(p.finals, 50) ? "more" : "no more");
-        say(p.queue->statistics.packets == 0 ? ", queue untouched" : ", queue used");
+        say(p.queue->tally.packets == 0 ? ", queue untouched" : ", queue used");
     });
     EXPECT_EQ("no more, queue untouched", said);
 }

@@ -114,7 +114,9 @@ bool is_connected(const ipfix_exporter& self) {
 void reconnect(ipfix_exporter& self) {
     if (is_connected(self))
         self.socket = net_reconnect(self.to, self.socket);
-    if (!is_connected(self))
+    if (is_connected(self))
+        self.account.add_reconnect();
+    else
         self.unsent += self.templates->records_added - self.sequence;
 }
 
@@ -142,7 +144,7 @@ uint32_t flush(ipfix_exporter& self) {
     if (!sent) {
         reconnect(self);
         // The collector of the new connection may know no template yet.
-        self.pending += write_templates(self, now_s);
+        self.pending += restart_templates(self, now_s);
     }
     self.pending += refresh_templates(self, now_s);
     count_message();

@@ -23,12 +23,21 @@ counter_block<send_metric> make_block(const char* refusal) {
         {"kestrelexp_export_bytes_total", "Bytes of these messages.", nullptr, METRIC_COUNTER},
         {"kestrelexp_export_failed_messages_total", "Messages that could not be sent.", nullptr,
          METRIC_COUNTER},
+        {"kestrelexp_export_reconnects_total", "Connections that replaced one that broke.", nullptr,
+         METRIC_COUNTER},
+        {"kestrelexp_export_up", "1 while the export has its collector, 0 while it does not.",
+         nullptr, METRIC_GAUGE},
+        {"kestrelexp_export_last_success_timestamp_seconds",
+         "When a message was sent last, seconds since the epoch; 0: never.", nullptr, METRIC_GAUGE},
     };
     return {rows, metrics_label()};
 }
 
 }  // namespace
 
-send_account::send_account(const char* refusal) : block_(make_block(refusal)) {}
+// The exporter ends the program when it cannot connect.
+send_account::send_account(const char* refusal) : block_(make_block(refusal)) {
+    block_.set(send_metric::is_up, 1);
+}
 
 }  // namespace kestrel

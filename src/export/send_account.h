@@ -1,10 +1,12 @@
 // What an exporter counts of its own: records and packets sent, those lost and why, messages and
-// bytes. Made while the exporter is initialised; counts on the thread of the record loop.
+// bytes, and whether its collector is there. Made while the exporter is initialised; counts on the
+// thread of the record loop.
 #pragma once
 
 #include <cstdint>
 #include <utility>
 
+#include "base/clock.h"
 #include "base/counters.h"
 #include "kestrelexp/record.h"
 
@@ -20,6 +22,9 @@ enum class send_metric {
     messages,
     bytes,
     failures,
+    reconnects,
+    is_up,
+    last_success_s,
     count
 };
 
@@ -45,6 +50,14 @@ class send_account {
                    std::exchange(pending_records_, 0));
         block_.add(is_sent ? send_metric::packets : send_metric::unsent_packets,
                    std::exchange(pending_packets_, 0));
+        block_.set(send_metric::is_up, is_sent ? 1 : 0);
+        if (is_sent)
+            block_.set(send_metric::last_success_s, timer_get_sec());
+    }
+    // A connection that broke was replaced.
+    void add_reconnect() const {
+        block_.add(send_metric::reconnects);
+        block_.set(send_metric::is_up, 1);
     }
 
   private:

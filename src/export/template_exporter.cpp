@@ -61,7 +61,25 @@ bool templates_fit_at(const template_exporter& self, uint32_t offset) {
     return offset + self.templates_length + first_record <= TEMPLATE_SETS_SIZE;
 }
 
+// Returns the number of templates.
+uint32_t write_templates(template_exporter& self, uint64_t now_s) {
+    self.last_templates_s = now_s;
+    // A set after another one tells the collector nothing new: records go first.
+    if (self.cursor.offset > 0 && !templates_fit_at(self, self.cursor.offset))
+        return 0;
+    return exporter_template_fill_packet_templates(self.templates, &self.cursor);
+}
+
+constexpr metric_row template_rows[] = {
+    {"kestrelexp_export_template_restarts_total", "Times that the templates were sent again.",
+     nullptr, METRIC_COUNTER},
+};
+
 }  // namespace
+
+counter_block<template_metric> count_templates() {
+    return {template_rows, metrics_label()};
+}
 
 void read_parameters(template_exporter& self, char* params,
                      std::initializer_list<config_setting> more) {
@@ -124,7 +142,7 @@ void connect_collector(template_exporter& self) {
 
 void open_packet(template_exporter& self) {
     self.cursor.buffer = self.packet + self.protocol->header_length;
-    write_templates(self, timer_get_sec());
+    (void)write_templates(self, timer_get_sec());  // an empty packet has room for them
 }
 
 uint32_t close_packet(template_exporter& self) {
@@ -139,21 +157,19 @@ void start_packet(template_exporter& self) {
     self.pending = 0;
 }
 
-uint32_t write_templates(template_exporter& self, uint64_t now_s) {
-    self.last_templates_s = now_s;
-    // A set after another one tells the collector nothing new: records go first.
-    if (self.cursor.offset > 0 && !templates_fit_at(self, self.cursor.offset))
-        return 0;
-    return exporter_template_fill_packet_templates(self.templates, &self.cursor);
+uint32_t restart_templates(template_exporter& self, uint64_t now_s) {
+    const uint32_t count = write_templates(self, now_s);
+    self.template_counter.add(template_metric::restarts, count > 0 ? 1 : 0);
+    return count;
 }
 
 uint32_t refresh_templates(template_exporter& self, uint64_t now_s) {
     uint32_t count = 0;
     if (self.templates->packets_built % static_cast<uint32_t>(self.refresh_packets) == 0)
-        count += write_templates(self, now_s);
+        count += restart_templates(self, now_s);
     // A negative time is always over, even right after the set above: unsigned on purpose.
     if (now_s > self.last_templates_s + static_cast<uint64_t>(int64_t{self.refresh_time_s}))
-        count += write_templates(self, now_s);
+        count += restart_templates(self, now_s);
     return count;
 }
 

@@ -31,6 +31,9 @@ struct template_protocol {
 extern const template_protocol ipfix_protocol;
 extern const template_protocol netflow_v9_protocol;
 
+enum class template_metric { restarts, count };
+counter_block<template_metric> count_templates();
+
 struct template_exporter {
     const template_protocol* protocol;
 
@@ -42,6 +45,7 @@ struct template_exporter {
     char* template_file = nullptr;
 
     send_account account{"reason=\"no_template\""};
+    counter_block<template_metric> template_counter = count_templates();
     int socket = -1;
     template_collection* templates = nullptr;
     uint32_t templates_length = 0;  // bytes of a template set
@@ -84,8 +88,8 @@ uint32_t close_packet(template_exporter& self);
 // Empties the packet and what is pending.
 void start_packet(template_exporter& self);
 
-// Writes a template set into the packet; returns the number of templates.
-uint32_t write_templates(template_exporter& self, uint64_t now_s);
+// Writes a template set into the packet once more; returns the number of templates.
+uint32_t restart_templates(template_exporter& self, uint64_t now_s);
 
 // Writes the template sets that are due after a packet; returns the number of templates written.
 uint32_t refresh_templates(template_exporter& self, uint64_t now_s);

@@ -1,7 +1,6 @@
 #include "flow/ageing.h"
 
 #include <pthread.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include "base/clock.h"
@@ -15,7 +14,6 @@ namespace {
 constexpr uint64_t ticks_divisor_ns = 4 * tick_ns;  // four passes per timeout
 constexpr uint32_t forced_checks_limit = 3;
 static_assert(forced_checks_limit == idle_passes_cycle);
-constexpr uint64_t statistics_interval_s = 10;
 
 // The lock, asked for so that the switch thread lets go of it soon.
 class remover_lock {
@@ -24,7 +22,10 @@ class remover_lock {
         queue_.yield_wanted.store(1, std::memory_order_relaxed);
         queue_.lock.lock();
     }
-    ~remover_lock() { queue_.lock.unlock(); }
+    ~remover_lock() {
+        queue_publish(queue_);
+        queue_.lock.unlock();
+    }
     remover_lock(const remover_lock&) = delete;
     remover_lock& operator=(const remover_lock&) = delete;
 
@@ -37,37 +38,6 @@ void tick(flow_queue& queue) {
     queue.now.store(timer_get_nsec(), std::memory_order_relaxed);
 }
 
-uint64_t process_cpu_ms() {
-    rusage usage{};
-    (void)getrusage(RUSAGE_SELF, &usage);  // fails only for a bad first argument
-    const auto ms = [](const timeval& time) {
-        return static_cast<uint64_t>(time.tv_sec) * 1000 +
-               static_cast<uint64_t>(time.tv_usec) / 1000;
-    };
-    return ms(usage.ru_utime) + ms(usage.ru_stime);
-}
-
-void postpone_statistics(ageing& state, uint64_t now_s) {
-    state.next_statistics_s = now_s + statistics_interval_s;
-}
-
-void statistics_if_due(flow_queue& queue, ageing& state, uint64_t now_s) {
-    if (now_s <= state.next_statistics_s)
-        return;
-    const uint64_t elapsed_s =
-        now_s > state.last_statistics_s ? now_s - state.last_statistics_s : 1;
-    const uint64_t cpu_ms = process_cpu_ms();
-    queue_report report;
-    {
-        const remover_lock locked(queue);
-        report = queue_take_report(queue);
-    }
-    queue_print_report(report, now_s, elapsed_s, cpu_ms - state.last_cpu_ms);
-    state.last_statistics_s = now_s;
-    state.last_cpu_ms = cpu_ms;
-    postpone_statistics(state, now_s);
-}
-
 void end_pass(flow_queue& queue, ageing& state, uint64_t now) {
     if (verbose(3))
         verbose_msg(3, "queue check start %lu", timer_get_nsec());
@@ -77,7 +47,7 @@ void end_pass(flow_queue& queue, ageing& state, uint64_t now) {
     }
     if (verbose(3))
         verbose_msg(3, "queue check end %lu", timer_get_nsec());
-    statistics_if_due(queue, state, now / ns_per_second);
+    queue.statistics.print_if_due(queue.counters, now / ns_per_second);
     state.ticks_left = queue_pass_ticks(queue);
 }
 
@@ -98,29 +68,10 @@ void queue_restart_scan(flow_queue& queue, uint64_t now) {
     queue.scan_cursor = static_cast<int32_t>(queue.size) - 1;
 }
 
-queue_report queue_take_report(flow_queue& queue) {
-    const queue_report report{queue.statistics, queue.record_count};
-    queue.statistics = {};
-    return report;
-}
-
-void queue_print_report(const queue_report& report, uint64_t now_s, uint64_t elapsed_s,
-                        uint64_t cpu_ms) {
-    const queue_statistics& counted = report.counted;
-    verbose_msg(0, "now: %14lu", now_s);
-    verbose_msg(0,
-                "stat -     packets/s,       bytes/s,       flows,   queue,    collisions/s,"
-                "         cpu,       invalid");
-    // flows and invalid are counts of the interval, the others are per second.
-    verbose_msg(0, "stat%14lu,%14lu,%14lu,%8u,%14lu,%14lu,%14lu", counted.packets / elapsed_s,
-                counted.bytes / elapsed_s, counted.flows, report.record_count,
-                counted.collisions / elapsed_s, cpu_ms * 100 / (elapsed_s * 1000), counted.invalid);
-}
-
-ageing queue_start_ageing(const flow_queue& queue, uint64_t now) {
+ageing queue_start_ageing(flow_queue& queue, uint64_t now) {
     verbose_msg(0, "timeouts: %lu %lu", queue.active_timeout, queue.inactive_timeout);
-    const uint64_t now_s = now / ns_per_second;
-    return {queue_pass_ticks(queue), now_s, now_s + statistics_interval_s, 0};
+    queue.statistics.start(now / ns_per_second);
+    return {queue_pass_ticks(queue)};
 }
 
 void queue_age(flow_queue& queue, ageing& state, uint64_t ticks, uint64_t now) {
@@ -160,6 +111,7 @@ void queue_flush(flow_queue* queue) {
             ++removed;
         }
     }
+    queue_publish(*queue);
     verbose_msg(-1, "Queue flushed. %i records out.", removed);
 }
 
@@ -170,7 +122,7 @@ void* queue_remover(void* argument) {
     for (;;) {
         tick(queue);
         if (queue_serve_flush_request(queue))
-            postpone_statistics(state, timer_get_sec());
+            queue.statistics.postpone(timer_get_sec());
         queue_age(queue, state, 1, queue.now.load(std::memory_order_relaxed));
     }
 }

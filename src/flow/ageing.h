@@ -17,24 +17,10 @@ namespace kestrel {
 // in a row finishes it here; the first two make the path finish it with its next packet.
 void queue_restart_scan(flow_queue& queue, uint64_t now);
 
-// What one line of statistics tells; taking it sets the counters to 0.
-struct queue_report {
-    queue_statistics counted;
-    uint32_t record_count;  // flows in the queue
-};
-queue_report queue_take_report(flow_queue& queue);
-
-// Prints the report of elapsed_s seconds at level 0. cpu_ms: processor time of the process in them.
-void queue_print_report(const queue_report& report, uint64_t now_s, uint64_t elapsed_s,
-                        uint64_t cpu_ms);
-
 // Where the ageing of a queue stands. A pass is about a quarter of the inactive timeout, counted in
 // ticks of 10 ms; at its end the idle scan is started anew and statistics are printed when due.
 struct ageing {
     uint64_t ticks_left;  // of the pass
-    uint64_t last_statistics_s;
-    uint64_t next_statistics_s;
-    uint64_t last_cpu_ms;
 };
 
 inline constexpr uint64_t tick_ns = 10'000'000;
@@ -47,7 +33,7 @@ uint64_t queue_pass_ticks(const flow_queue& queue);
 inline constexpr uint64_t idle_passes_cycle = 3;
 
 // The ageing of a queue from now (ns) on; tells of the timeouts at level 0.
-ageing queue_start_ageing(const flow_queue& queue, uint64_t now);
+ageing queue_start_ageing(flow_queue& queue, uint64_t now);
 
 // So many ticks have passed, at most those left of the pass; it is now (ns).
 void queue_age(flow_queue& queue, ageing& state, uint64_t ticks, uint64_t now);

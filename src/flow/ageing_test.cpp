@@ -336,45 +336,45 @@ TEST_F(FlushRequest, ProducerThatGoesOnDoesNotHoldItUp) {
 
 // ---- Statistics ----
 
-TEST_F(Remover, TakingTheReportSetsTheCountersToZero) {
+TEST_F(Remover, AReportTellsWhatHasComeSinceTheLastOne) {
     make();
     start_flows(3);
     update(key_of(2), {.end = 99});
-    const queue_report report = queue_take_report(*queue_);
-    EXPECT_EQ(4u, report.counted.packets);
-    EXPECT_EQ(160u, report.counted.bytes);
+    const cache_report report = queue_->statistics.take(queue_->counters);
+    EXPECT_EQ(4u, report.packets);
+    EXPECT_EQ(160u, report.bytes);
     EXPECT_EQ(3u, report.record_count);
-    EXPECT_EQ(1u, report.counted.flows);
-    EXPECT_EQ(1u, report.counted.collisions);
-    const queue_report next = queue_take_report(*queue_);
-    EXPECT_EQ(0u, next.counted.packets);
-    EXPECT_EQ(0u, next.counted.bytes);
-    EXPECT_EQ(0u, next.counted.flows);
-    EXPECT_EQ(0u, next.counted.collisions);
+    EXPECT_EQ(1u, report.flows);
+    EXPECT_EQ(1u, report.collisions);
+    const cache_report next = queue_->statistics.take(queue_->counters);
+    EXPECT_EQ(0u, next.packets);
+    EXPECT_EQ(0u, next.bytes);
+    EXPECT_EQ(0u, next.flows);
+    EXPECT_EQ(0u, next.collisions);
     EXPECT_EQ(3u, next.record_count);
 }
 
 TEST_F(Remover, ReportIsPerSecondButForFlowsAndInvalid) {
     verbose_level = 0;
-    const queue_report report{{.packets = 1'234'567,
-                               .bytes = 987'654'321,
-                               .flows = 4321,
-                               .collisions = 105,
-                               .invalid = 0},
-                              65'536};
+    const cache_report report{.packets = 1'234'567,
+                              .bytes = 987'654'321,
+                              .flows = 4321,
+                              .collisions = 105,
+                              .invalid = 0,
+                              .record_count = 65'536};
     EXPECT_EQ(
         "VERBOSE: 0:now:     1700000000\n"
         "VERBOSE: 0:stat -     packets/s,       bytes/s,       flows,   queue,    collisions/s,"
         "         cpu,       invalid\n"
         "VERBOSE: 0:stat        123456,      98765432,          4321,   65536,            10,"
         "            25,             0\n",
-        messages_of([&] { queue_print_report(report, 1'700'000'000, 10, 2'599); }));
+        messages_of([&] { print_report(report, 1'700'000'000, 10, 2'599); }));
 }
 
 // Its table has a row "| `column` | meaning |" for each name of the heading, in that order.
 TEST_F(Remover, OperationsPageExplainsEveryColumn) {
     verbose_level = 0;
-    std::istringstream said(messages_of([] { queue_print_report({}, 1'700'000'000, 10, 0); }));
+    std::istringstream said(messages_of([] { print_report({}, 1'700'000'000, 10, 0); }));
     const std::string before = "VERBOSE: 0:stat -";
     std::string heading;
     while (std::getline(said, heading) && !heading.starts_with(before))
@@ -398,7 +398,7 @@ TEST_F(Remover, OperationsPageExplainsEveryColumn) {
 }
 
 TEST_F(Remover, ReportIsNotShownByDefault) {
-    EXPECT_EQ("", messages_of([] { queue_print_report({}, 1'700'000'000, 10, 0); }));
+    EXPECT_EQ("", messages_of([] { print_report({}, 1'700'000'000, 10, 0); }));
 }
 
 }  // namespace

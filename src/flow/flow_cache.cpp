@@ -83,12 +83,10 @@ void queue_remove_record(flow_queue* queue, uint32_t slot, int32_t reason) {
     fast.packets_and_flags = 0;
     queue->keys[slot] = 0;
     queue->record_count -= 1;
-    queue->counters.set_flows(queue->record_count);
     --queue->block_flows[slot / block_slots];
 }
 
 void queue_remove_record_oneshot(flow_queue* queue, flow_record* record, int32_t reason) {
-    queue->statistics.flows += 1;
     queue->counters.add_removed(*record, reason);
     for (int32_t i = 0; i < queue->plugin_count; ++i) {
         const process_plugin& plugin = queue->plugins[i];

@@ -15,6 +15,7 @@
 #include "base/spinlock.h"
 #include "flow/flow_counters.h"
 #include "flow/ring.h"
+#include "flow/statistics_line.h"
 #include "kestrelexp/flow.h"
 
 namespace kestrel {
@@ -38,15 +39,6 @@ struct fast_record {
 };
 static_assert(sizeof(fast_record) == 24);
 
-// Counters since the last statistics line.
-struct queue_statistics {
-    uint64_t packets;
-    uint64_t bytes;
-    uint64_t flows;  // records output
-    uint64_t collisions;
-    uint64_t invalid;  // printed, never counted: frames that are no flow do not reach the queue
-};
-
 }  // namespace kestrel
 
 namespace kestrel {
@@ -68,9 +60,9 @@ struct flow_queue {
     kestrel::fast_record* fast;
     flow_key* keys;  // negative: the slot holds this flow; else it is free
     int32_t plugin_count;
-    kestrel::queue_statistics statistics;
-    uint64_t inactive_timeout;  // ns
-    uint32_t forced_checks;     // scans in a row that the packet path did not complete
+    kestrel::cache_tally tally;  // published by queue_publish
+    uint64_t inactive_timeout;   // ns
+    uint32_t forced_checks;      // scans in a row that the packet path did not complete
     kestrel::spinlock lock;
     uint8_t* records;
     uint32_t size;         // slots, 2^q
@@ -90,6 +82,7 @@ struct flow_queue {
     uint16_t* block_flows;     // flows in each block of slots
     kestrel::flow_sink* sink;  // queue_put_final, unless the engine sets another one
     kestrel::cache_counters counters;
+    kestrel::statistics_line statistics;
 };
 
 namespace kestrel {
@@ -106,6 +99,11 @@ inline flow_record& queue_record(flow_queue& queue, uint32_t slot) {
     return *reinterpret_cast<flow_record*>(queue.records + slot * queue.stride);
 }
 
+// Before the lock is let go.
+inline void queue_publish(const flow_queue& queue) {
+    queue.counters.publish(queue.tally, queue.record_count);
+}
+
 inline bool occupied(flow_key key) {
     return key < 0;
 }
@@ -118,16 +116,15 @@ inline bool longer_than(uint64_t from, uint64_t to, uint64_t limit) {
 static_assert(offsetof(flow_queue, now) == 0 && offsetof(flow_queue, victim_counter) == 8 &&
               offsetof(flow_queue, active_timeout) == 16 && offsetof(flow_queue, fast) == 24 &&
               offsetof(flow_queue, keys) == 32 && offsetof(flow_queue, plugin_count) == 40 &&
-              offsetof(flow_queue, statistics) == 48 &&
-              offsetof(flow_queue, inactive_timeout) == 88 &&
-              offsetof(flow_queue, forced_checks) == 96 && offsetof(flow_queue, lock) == 100 &&
-              offsetof(flow_queue, records) == 104 && offsetof(flow_queue, size) == 112 &&
-              offsetof(flow_queue, bucket_mask) == 116 &&
-              offsetof(flow_queue, record_count) == 120 &&
-              offsetof(flow_queue, scan_cursor) == 124 &&
-              offsetof(flow_queue, yield_wanted) == 128 && offsetof(flow_queue, data_size) == 136 &&
-              offsetof(flow_queue, plugins) == 144 && offsetof(flow_queue, directory) == 152 &&
-              offsetof(flow_queue, final_storage) == 160);
+              offsetof(flow_queue, tally) == 48 && offsetof(flow_queue, inactive_timeout) == 72 &&
+              offsetof(flow_queue, forced_checks) == 80 && offsetof(flow_queue, lock) == 84 &&
+              offsetof(flow_queue, records) == 88 && offsetof(flow_queue, size) == 96 &&
+              offsetof(flow_queue, bucket_mask) == 100 &&
+              offsetof(flow_queue, record_count) == 104 &&
+              offsetof(flow_queue, scan_cursor) == 108 &&
+              offsetof(flow_queue, yield_wanted) == 112 && offsetof(flow_queue, data_size) == 120 &&
+              offsetof(flow_queue, plugins) == 128 && offsetof(flow_queue, directory) == 136 &&
+              offsetof(flow_queue, final_storage) == 144);
 
 // Copies what the fast record knows better into the slot's full record.
 inline flow_record& queue_refresh_record(flow_queue& queue, uint32_t slot) {

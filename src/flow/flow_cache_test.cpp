@@ -110,7 +110,7 @@ TEST_F(Queue, NinthFlowOfABucketEvictsAVictim) {
     ASSERT_EQ(1u, taken().size());
     EXPECT_EQ(100u, flow(0).start);
     EXPECT_EQ(key_of(8), queue_->keys[0]);
-    EXPECT_EQ(1u, queue_->statistics.collisions);
+    EXPECT_EQ(1u, queue_->counters.collided_flows());
     EXPECT_EQ(8u, queue_->record_count);
 }
 
@@ -143,7 +143,7 @@ TEST_F(Queue, PacketOlderThanTheLastOneEndsTheFlow) {
     update(key_of(1), {.end = 199, .bytes = 60});
     ASSERT_EQ(1u, taken().size());
     EXPECT_EQ(200u, flow(0).end);
-    EXPECT_EQ(1u, queue_->statistics.collisions);
+    EXPECT_EQ(1u, queue_->counters.collided_flows());
     EXPECT_EQ(199u, queue_->fast[0].start);
     EXPECT_EQ(1u, queue_->fast[0].packets());
 }
@@ -161,7 +161,7 @@ TEST_F(Queue, PacketOlderThanTheStartIsOutOfOrderAndNoTimeout) {
     update(key_of(1), {.end = 5'000'000'000});
     update(key_of(1), {.end = 1});
     EXPECT_EQ(std::vector<int32_t>{REMOVAL_COLLISION}, plugin_.reasons);
-    EXPECT_EQ(1u, queue_->statistics.collisions);
+    EXPECT_EQ(1u, queue_->counters.collided_flows());
 }
 
 TEST_F(Queue, PacketAtTheActiveTimeoutEndsTheFlow) {
@@ -172,7 +172,7 @@ TEST_F(Queue, PacketAtTheActiveTimeoutEndsTheFlow) {
     EXPECT_TRUE(plugin_.reasons.empty());
     update(key_of(1), {.end = 100 + active_ns});
     EXPECT_EQ(std::vector<int32_t>{REMOVAL_ACTIVE}, plugin_.reasons);
-    EXPECT_EQ(0u, queue_->statistics.collisions);
+    EXPECT_EQ(0u, queue_->counters.collided_flows());
     EXPECT_EQ(1u, queue_->record_count);
 }
 
@@ -225,7 +225,7 @@ TEST_F(Queue, RemovingAnEmptySlotIsReportedAndChangesNothing) {
     update(key_of(1), {.end = 100});
     EXPECT_EQ("Invalid record: 5\n", messages_of([this] { queue_remove_record(queue_, 5, 3); }));
     EXPECT_TRUE(taken().empty());
-    EXPECT_EQ(0u, queue_->statistics.flows);
+    EXPECT_EQ(0u, queue_->counters.removed_flows());
     EXPECT_EQ(1u, queue_->record_count);
 }
 
@@ -246,7 +246,7 @@ TEST_F(Queue, OneshotOutputsARecordThatIsNotInTheQueue) {
     queue_remove_record_oneshot(queue_, &packet.record(), REMOVAL_INACTIVE);
     ASSERT_EQ(1u, taken().size());
     EXPECT_EQ(77u, flow(0).bytes);
-    EXPECT_EQ(1u, queue_->statistics.flows);
+    EXPECT_EQ(1u, queue_->counters.removed_flows());
     EXPECT_EQ(std::vector<int32_t>{REMOVAL_INACTIVE}, plugin_.reasons);
 }
 
@@ -281,11 +281,10 @@ TEST_F(Queue, CountsPacketsBytesAndFlows) {
     update(key_of(1), {.end = 100, .bytes = 40});
     update(key_of(2), {.end = 100, .bytes = 60});
     update(key_of(2), {.end = 99, .bytes = 1});
-    EXPECT_EQ(3u, queue_->statistics.packets);
-    EXPECT_EQ(101u, queue_->statistics.bytes);
-    EXPECT_EQ(1u, queue_->statistics.flows);
-    EXPECT_EQ(1u, queue_->statistics.collisions);
-    EXPECT_EQ(0u, queue_->statistics.invalid);
+    EXPECT_EQ(3u, queue_->tally.packets);
+    EXPECT_EQ(101u, queue_->tally.bytes);
+    EXPECT_EQ(1u, queue_->counters.removed_flows());
+    EXPECT_EQ(1u, queue_->counters.collided_flows());
 }
 
 // ---- Process plugins ----
@@ -299,7 +298,7 @@ TEST_F(Queue, PacketMarkedForExportLeavesAtOnce) {
     EXPECT_EQ("r3 ", plugin_.calls);
     EXPECT_EQ(1u, taken().size());
     EXPECT_EQ(0u, queue_->record_count);
-    EXPECT_EQ(1u, queue_->statistics.packets);
+    EXPECT_EQ(1u, queue_->tally.packets);
 }
 
 TEST_F(Queue, PluginSeesAFlowFromItsFirstPacketToItsEnd) {

@@ -26,7 +26,6 @@ namespace kestrel {
     const uint32_t victim =
         start + (static_cast<uint32_t>(queue.victim_counter) & (bucket_slots - 1));
     queue.victim_counter += 1;
-    queue.statistics.collisions += 1;
     queue_remove_record(&queue, victim, REMOVAL_COLLISION);
     return victim;
 }
@@ -48,7 +47,6 @@ namespace kestrel {
     fast.bytes = packet.bytes;
     fast.set(packet.packets, packet.tcpflags);
     queue.record_count += 1;
-    queue.counters.set_flows(queue.record_count);
     ++queue.block_flows[slot / block_slots];
     queue.keys[slot] = key;
 }

@@ -83,7 +83,6 @@ inline bool queue_join_flow(flow_queue& queue, uint32_t slot, flow_record& packe
         return false;
     }
     if (packet.end < fast.end) [[unlikely]] {
-        queue.statistics.collisions += 1;
         queue_remove_record(&queue, slot, REMOVAL_COLLISION);
         return false;
     }
@@ -102,9 +101,7 @@ inline void queue_update_locked(flow_queue& queue, flow_record& packet, flow_key
     queue_scan_step(queue, now);
     if (queue.forced_checks != 0) [[unlikely]]
         queue_finish_scan(queue, now);
-    queue.statistics.packets += 1;
-    queue.statistics.bytes += packet.bytes;
-    queue.counters.add_packets(packet.packets);
+    queue.tally.add(packet);
     if (packet.export_flag != 0) [[unlikely]] {
         queue_remove_record_oneshot(&queue, &packet, REMOVAL_FORCED);
         return;
@@ -152,6 +149,7 @@ inline void queue_update_locked(flow_queue& queue, flow_record& packet, flow_key
 // Lets go of the lock, and of the processor when the remover asked for the lock meanwhile.
 void queue_yield(flow_queue& queue);
 inline void queue_unlock(flow_queue& queue) {
+    queue_publish(queue);
     queue.lock.unlock();
     if (queue.yield_wanted.load(std::memory_order_relaxed) != 0) [[unlikely]]
         queue_yield(queue);

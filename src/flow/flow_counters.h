@@ -7,6 +7,7 @@
 #include "base/counters.h"
 #include "flow/parser.h"
 #include "kestrelexp/packet.h"
+#include "kestrelexp/plugin.h"
 #include "kestrelexp/record.h"
 
 namespace kestrel {
@@ -14,10 +15,21 @@ namespace kestrel {
 // Written by the thread that reads the input.
 enum class capture_metric { packets, bytes, count };
 enum class parser_metric { not_ip, truncated, ip_version, count };
+enum class undelivered_metric {
+    ring_dropped,
+    card_dropped,
+    sampled_out,
+    interface_changes,
+    unread,
+    count
+};
+enum class input_state_metric { is_up, count };
 
 // Written under the queue's lock. The removal reasons stand in the order of enum removal_reason.
 enum class cache_metric {
+    records,
     packets,
+    bytes,
     flows,
     slots,
     removed_flows,
@@ -27,6 +39,9 @@ enum class cache_metric {
 
 // The names that the sum of packets is made of.
 inline constexpr const char* capture_packets_name = "kestrelexp_capture_packets_total";
+inline constexpr const char* sampled_out_packets_name =
+    "kestrelexp_capture_sampled_out_packets_total";
+inline constexpr const char* unread_packets_name = "kestrelexp_capture_unread_packets";
 inline constexpr const char* discarded_packets_name = "kestrelexp_parser_discarded_packets_total";
 inline constexpr const char* removed_packets_name = "kestrelexp_cache_removed_packets_total";
 
@@ -35,6 +50,8 @@ class input_counters {
     input_counters() = default;
     // labels: the input's.
     explicit input_counters(const char* labels);
+    // The input will be asked for what it did not deliver.
+    void expect_counts(const char* labels);
 
     void add_frame(const packet_header& header) const {
         capture_.add(capture_metric::packets);
@@ -47,10 +64,15 @@ class input_counters {
     }
     // A frame that is no flow; result: what parse_packet returned.
     void add_discarded(flow_key result) const;
+    // What the input tells of frames that it did not deliver; after expect_counts.
+    void take(const input_counts& now);
 
   private:
     counter_block<capture_metric> capture_;
     counter_block<parser_metric> parser_;
+    counter_block<undelivered_metric> undelivered_;
+    counter_block<input_state_metric> state_;
+    input_counts told_{};  // last time
 };
 
 // Takes a frame that the input has delivered into a prepared record. Returns the key, or
@@ -64,17 +86,39 @@ inline flow_key take_frame(const input_counters& counters, const uint8_t* frame,
     return key;
 }
 
+// What came into the flow cache since it was made, as its own plain numbers.
+struct cache_tally {
+    uint64_t records;  // packet records; one is a packet, or several of an input that sums them up
+    uint64_t packets;
+    uint64_t bytes;
+
+    void add(const flow_record& packet) {
+        records += 1;
+        packets += packet.packets;
+        bytes += packet.bytes;
+    }
+};
+
 class cache_counters {
   public:
     cache_counters() = default;
     // For a queue of so many slots.
     explicit cache_counters(uint32_t slots);
 
-    void add_packets(uint32_t packets) const { block_.add(cache_metric::packets, packets); }
-    void set_flows(uint32_t flows) const { block_.set(cache_metric::flows, flows); }
+    // Shows readers what has come in and how many flows there are. Not for each packet but whenever
+    // the lock is let go, so that a batch of packets pays once.
+    void publish(const cache_tally& tally, uint32_t flows) const {
+        block_.set(cache_metric::records, tally.records);
+        block_.set(cache_metric::packets, tally.packets);
+        block_.set(cache_metric::bytes, tally.bytes);
+        block_.set(cache_metric::flows, flows);
+    }
     void add_removed(const flow_record& flow, int32_t reason) const;
 
-    uint64_t packets() const { return block_.value(cache_metric::packets); }
+    // Any thread.
+    uint64_t value(cache_metric metric) const { return block_.value(metric); }
+    uint64_t removed_flows() const;  // for whatever reason
+    uint64_t collided_flows() const;
 
   private:
     counter_block<cache_metric> block_;

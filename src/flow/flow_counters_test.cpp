@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "flow/flow_cache_update.h"
 #include "tests/support/parser_fixture.h"
 #include "tests/support/queue_fixture.h"
 
@@ -93,6 +94,48 @@ TEST_F(DiscardedFrames, PluginsSeeNoReason) {
     EXPECT_EQ(0u, parse({}));
 }
 
+// ---- What the input did not deliver ----
+
+TEST(Undelivered, WhatTheInputTellsIsShownAndItsSampledFramesAreReceivedOnes) {
+    const std::string label = "input=\"telling\"";
+    input_counters counters(label.c_str());
+    const auto value = [&label](const std::string& name, const std::string& more = "") {
+        return metrics_sum("kestrelexp_capture_" + name, label + more);
+    };
+    EXPECT_EQ(1u, value("up"));
+    EXPECT_FALSE(metrics_known("kestrelexp_capture_dropped_packets_total", label));
+    counters.expect_counts(label.c_str());
+    packet_header header{};
+    header.wire_length = 60;
+    counters.add_frame(header);
+    counters.take({.ring_dropped_packets = 7,
+                   .card_dropped_packets = 3,
+                   .sampled_out_packets = 20,
+                   .sampled_out_bytes = 2000,
+                   .interface_changes = 1,
+                   .unread_packets = 5,
+                   .is_up = 0});
+    EXPECT_EQ(7u, value("dropped_packets_total", ",stage=\"ring\""));
+    EXPECT_EQ(3u, value("dropped_packets_total", ",stage=\"card\""));
+    EXPECT_EQ(20u, value("sampled_out_packets_total"));
+    EXPECT_EQ(1u, value("interface_changes_total"));
+    EXPECT_EQ(5u, value("unread_packets"));
+    EXPECT_EQ(0u, value("up"));
+    EXPECT_EQ(21u, value("packets_total"));
+    EXPECT_EQ(2060u, value("bytes_total"));
+    counters.take({.ring_dropped_packets = 7,
+                   .card_dropped_packets = 3,
+                   .sampled_out_packets = 22,
+                   .sampled_out_bytes = 2200,
+                   .interface_changes = 2,
+                   .unread_packets = 0,
+                   .is_up = 1});
+    EXPECT_EQ(23u, value("packets_total"));
+    EXPECT_EQ(2260u, value("bytes_total"));
+    EXPECT_EQ(0u, value("unread_packets"));
+    EXPECT_EQ(1u, value("up"));
+}
+
 // ---- The cache ----
 
 class CacheCounters : public queue_fixture {
@@ -154,6 +197,21 @@ TEST_F(CacheCounters, AReasonOfAPluginsOwnIsAnotherOne) {
         queue_remove_record_oneshot(queue_, &packet.record(), reason);
     EXPECT_EQ(3u, flows());
     EXPECT_EQ(18u, packets());
+}
+
+TEST_F(CacheCounters, RecordsPacketsAndBytesAreShownWhenTheLockIsLetGo) {
+    make();
+    const growth records{"kestrelexp_cache_records_total", ""};
+    const growth bytes{"kestrelexp_cache_bytes_total", ""};
+    packet_buffer packet = make_packet({.end = 100, .bytes = 500});
+    packet.record().packets = 4;
+    queue_->lock.lock();
+    queue_update_locked(*queue_, packet.record(), key_of(1));
+    EXPECT_EQ(0u, records());
+    queue_unlock(*queue_);
+    EXPECT_EQ(1u, records());
+    EXPECT_EQ(4u, packets_());
+    EXPECT_EQ(500u, bytes());
 }
 
 TEST_F(CacheCounters, TheGaugesTellFlowsAndSlots) {

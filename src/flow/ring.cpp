@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "base/clock.h"
 #include "base/log.h"
 #include "base/memory.h"
 
@@ -57,12 +58,39 @@ uint32_t usable_count(uint32_t count) {
     return count;
 }
 
+constexpr metric_row ring_rows[] = {
+    {"kestrelexp_ring_slots", "Slots of the ring.", nullptr, METRIC_GAUGE},
+    {"kestrelexp_ring_used_slots", "Slots that were put and not taken yet.", nullptr, METRIC_GAUGE},
+    {"kestrelexp_ring_waits_total", "Times that a producer had to wait for room.", nullptr,
+     METRIC_COUNTER},
+    {"kestrelexp_ring_wait_microseconds_total", "Time that producers have waited for room.",
+     nullptr, METRIC_COUNTER},
+};
+
+bool is_credit_there(const storage_producer& producer) {
+    pollfd credit{producer.credit_read, POLLIN, 0};
+    return poll(&credit, 1, 0) > 0;
+}
+
 }  // namespace
 
 [[gnu::noinline]] void storage_wait_for_credits(temporal_storage& storage) {
     storage_producer& p = storage.producer;
+    while (p.credits < p.batch && is_credit_there(p))
+        p.credits += receive_count(p.credit_read);
+    if (p.credits >= p.batch)
+        return;
+    storage.counters.add(ring_metric::waits);
+    const uint64_t start_ns = system_uptime_ns();
     while (p.credits < p.batch)
         p.credits += receive_count(p.credit_read);
+    storage.counters.add(ring_metric::wait_us, (system_uptime_ns() - start_ns) / ns_per_us);
+}
+
+void storage_show(const temporal_storage& storage) {
+    // In this order, so that the difference is never below 0.
+    const uint64_t taken = storage_taken(storage);
+    storage.counters.set(ring_metric::used_slots, storage_committed(storage) - taken);
 }
 
 [[gnu::noinline]] void storage_announce(temporal_storage& storage, uint64_t pending) {
@@ -120,6 +148,8 @@ temporal_storage* temporal_storage_init(uint32_t count, uint32_t slot_size, cons
     auto* storage = make_lifelong<temporal_storage>();
     storage->buffer =
         static_cast<uint8_t*>(big_array(uint64_t{count} * slot_size, directory, name));
+    storage->counters = counter_block<ring_metric>(ring_rows, metric_label("ring", name).c_str());
+    storage->counters.set(ring_metric::slots, count);
 
     storage_producer& p = storage->producer;
     p.credits = count;

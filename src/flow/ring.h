@@ -19,9 +19,13 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "base/counters.h"
 #include "kestrelexp/storage.h"
 
 namespace kestrel {
+
+// Waits are written by the producers in turn, the rest by who looks at the ring (storage_show).
+enum class ring_metric { slots, used_slots, waits, wait_us, count };
 
 inline constexpr size_t cache_line_pair = 128;  // the adjacent-line prefetcher works on pairs
 
@@ -73,6 +77,7 @@ struct temporal_storage {
     // Slots committed when the last flush of the flow cache ended. Published by the end of the
     // flush (flush_request.h), so relaxed.
     std::atomic<uint64_t> flushed;
+    kestrel::counter_block<kestrel::ring_metric> counters;
 };
 
 namespace kestrel {
@@ -158,5 +163,8 @@ inline uint64_t storage_flushed(const temporal_storage& storage) {
 inline uint64_t storage_taken(const temporal_storage& storage) {
     return storage.consumer.taken.load(std::memory_order_relaxed);
 }
+
+// Shows readers how full the ring is. One thread at a time.
+void storage_show(const temporal_storage& storage);
 
 }  // namespace kestrel

@@ -281,6 +281,29 @@ TEST_F(FullRing, ReserveWaitsForACreditedBatch) {
     EXPECT_TRUE(came_back_within(10s));
 }
 
+TEST_F(FullRing, TheWaitsOfProducersAreCountedWithTheirTime) {
+    const auto value = [this](ring_metric metric) { return ring_->counters.value(metric); };
+    EXPECT_EQ(0u, value(ring_metric::waits));
+    start(temporal_storage_reserve);
+    EXPECT_FALSE(came_back_within(60ms));
+    EXPECT_EQ(1u, value(ring_metric::waits));
+    for (int64_t n = 0; n < 5; ++n)
+        ASSERT_EQ(n, get(ring_));
+    EXPECT_TRUE(came_back_within(10s));
+    EXPECT_EQ(1u, value(ring_metric::waits));
+    EXPECT_LE(50'000u, value(ring_metric::wait_us));
+}
+
+TEST_F(FullRing, FillIsShown) {
+    storage_show(*ring_);
+    EXPECT_EQ(ring_->producer.count, ring_->counters.value(ring_metric::slots));
+    EXPECT_EQ(ring_->producer.count, ring_->counters.value(ring_metric::used_slots));
+    ASSERT_EQ(0, get(ring_));
+    ASSERT_EQ(1, get(ring_));
+    storage_show(*ring_);
+    EXPECT_EQ(ring_->producer.count - 2, ring_->counters.value(ring_metric::used_slots));
+}
+
 // All credits are spent, so the current slot is the oldest one again.
 TEST_F(FullRing, CurrentSlotIsTheOldestRecord) {
     const void* oldest = temporal_storage_current(ring_);

@@ -51,6 +51,30 @@ class Metrics(Run):
         self.assertEqual(found['export_packets_total{export="null-0"}'], "15")
         self.assertEqual([name for name in found if name.startswith("unaccounted")], [])
 
+    def test_an_input_in_c_tells_what_it_did_not_deliver(self):
+        found = self.sum_of(self.lines_of("-E", "null", objects="final_counting collect"))
+        own = 'input="final"'
+        for name, value in ((f'capture_dropped_packets_total{{{own},stage="ring"}}', "5000000000"),
+                            (f'capture_dropped_packets_total{{{own},stage="card"}}', "7"),
+                            (f"capture_sampled_out_packets_total{{{own}}}", "10"),
+                            (f"capture_interface_changes_total{{{own}}}", "3"),
+                            (f"capture_unread_packets{{{own}}}", "11"),
+                            # Five flows of 1 to 5 packets, and what was passed over.
+                            (f"capture_packets_total{{{own}}}", "25"),
+                            (f"capture_bytes_total{{{own}}}", "2000"),
+                            ("handed_packets_total", "15")):
+            self.assertEqual(found[name], value, name)
+        self.assertEqual([name for name in found if name.startswith("unaccounted")], [])
+
+    def test_what_the_input_did_not_deliver_is_told_while_the_program_runs(self):
+        running = self.start_program("-v", "0", "-X", ",".join(map(plugin, (
+            "final_counting", "collect"))), "-I", "final:count=1", "-E",
+            f"collect:file={self.out}")
+        running.wait_for_line(
+            "VERBOSE: 0:Packets lost in the last 10 s: 7, "
+            'kestrelexp_capture_dropped_packets_total{input="final",stage="card"}', 20)
+        self.interrupt(running)
+
     def test_what_an_export_refuses_is_told_for_it(self):
         found = self.sum_of(self.lines_of("-E", "refuse", objects="final refuse collect"))
         self.assertEqual(found['export_packets_total{export="refuse-0"}'], "9")

@@ -1,6 +1,6 @@
 """The sum at the end: every packet read is sent, kept back or lost for a reason that is told."""
 
-from testbed.accounts import (DISCARDED, HANDED, IN_CACHE, IN_RINGS, LOST, RECEIVED, SENT, Sum,
+from testbed.accounts import (DISCARDED, HANDED, IN_CACHE, IN_RINGS, LOST, RECEIVED, SAMPLED_OUT, SENT, Sum,
                               without_sum)
 from testbed.capture import NS, pcap
 from testbed.frames import arp_request, ethernet, ipv4, ipv6, tcp, udp
@@ -58,9 +58,10 @@ class Accounts(ReplayCase):
         totals = probe.lines.index("VERBOSE: 0:Input ended: 3 packets read, 2 in 1 flows, "
                                    "1 no flow")
         self.assertEqual(probe.lines[totals + 1:], [f"VERBOSE: 0:{line}" for line in (
+            'kestrelexp_cache_records_total 2',
             'kestrelexp_cache_packets_total 2',
-            'kestrelexp_cache_flows 0',
-            'kestrelexp_cache_slots 32',
+            # Two datagrams of four bytes with their headers, 20 and 8 bytes.
+            'kestrelexp_cache_bytes_total 64',
             'kestrelexp_cache_removed_flows_total{reason="forced"} 1',
             'kestrelexp_cache_removed_packets_total{reason="forced"} 2',
             'kestrelexp_capture_packets_total{input="capture-file"} 3',
@@ -120,6 +121,16 @@ class Accounts(ReplayCase):
         self.assertEqual(found.reasons(LOST, FIRST), {"sampling": 6})
         self.assertEqual((found.total(SENT, FIRST), packets_in(collector.finish())), (4, 4))
         self.assertEqual((found.total(SENT, SECOND), found.total(LOST, SECOND)), (10, 0))
+
+    def test_frames_that_the_input_passes_over_are_received_and_sampled_out(self):
+        # Every third of ten frames is delivered: 3, 6 and 9.
+        frames = [v4(1000 + number) for number in range(10)]
+        capture = self.file(pcap(timed(frames)))
+        found = Sum(self.replay(capture, "-E", "null", options=",sampling=3").lines)
+        found.check(self)
+        self.assertEqual((found.total(RECEIVED), found.total(SAMPLED_OUT), found.total(HANDED)),
+                         (10, 7, 3))
+        self.assertEqual(found.total("kestrelexp_capture_bytes_total"), sum(map(len, frames)))
 
     def test_ipv6_under_netflow_v5_is_told(self):
         found = self.run_to_collector([v4(1)] * 4 + [v6(2)] * 5 + [v6(3)] * 6)

@@ -103,6 +103,7 @@ class queue_fixture : public testing::Test {
             if (queue_->keys[slot] < 0)
                 queue_remove_record(queue_, slot, REMOVAL_FORCED);
         }
+        kestrel::queue_publish(*queue_);
     }
 
     // All records that have come out so far, in order.

@@ -173,6 +173,10 @@ static void check_capture(void* pcap) {
     CHECK(second != NULL && memcmp(second + 42, "flow", 4) == 0);
     CHECK(header.captured_length == 46 && header.wire_length == 46);
     CHECK(header.input_interface == 0 && header.output_interface == 0);
+    struct input_counts counts = {0};
+    input_pcap_counters(pcap, 0, &counts);
+    CHECK(counts.is_up == 1 && counts.sampled_out_packets == 1 && counts.sampled_out_bytes == 46);
+    CHECK(counts.ring_dropped_packets == 0 && counts.interface_changes == 0);
 }
 
 static void check_connection(void) {

@@ -5,6 +5,8 @@ import re
 LINE = re.compile(r"VERBOSE: 0:(kestrelexp_\w+)(?:\{(.*)\})? (-?\d+)$")
 
 RECEIVED = "kestrelexp_capture_packets_total"
+SAMPLED_OUT = "kestrelexp_capture_sampled_out_packets_total"
+REJECTED = "kestrelexp_rejected_packets_total"
 DISCARDED = "kestrelexp_parser_discarded_packets_total"
 HANDED = "kestrelexp_handed_packets_total"
 SENT = "kestrelexp_export_packets_total"
@@ -43,10 +45,11 @@ class Sum:
                        if (match := re.search(r'(export="[^"]*")', texts))})
 
     def check(self, case):
-        """Received = no flow + inside + handed, and for each export handed = sent + lost."""
+        """Received = sampled out + no flow + inside + handed, save what global filters rejected,
+        and for each export handed = sent + lost."""
         case.assertEqual([key for key in self.values if key[0] == UNACCOUNTED], [])
-        case.assertEqual(self.total(RECEIVED), self.total(DISCARDED) + self.total(IN_CACHE) +
-                         self.total(IN_RINGS) + self.total(HANDED))
+        case.assertEqual(self.total(RECEIVED), sum(map(self.total, (
+            SAMPLED_OUT, DISCARDED, IN_CACHE, IN_RINGS, HANDED, REJECTED))))
         case.assertNotEqual(self.exports(), [])
         for export in self.exports():
             case.assertEqual(self.total(HANDED),

@@ -1,0 +1,14 @@
+// What has to go on while everything else may be held up: asking the input what it did not deliver,
+// showing how full the rings are, the line of statistics when the remover waits, and a word about
+// what was lost. A thread of its own that wakes four times a second and waits for nobody.
+#pragma once
+
+#include "engine/switch.h"
+#include "flow/ring.h"
+
+namespace kestrel {
+
+// Starts the thread. Both are borrowed for the rest of the run. Ends the program when it cannot.
+void start_housekeeper(flow_switch& sw, temporal_storage& final_records);
+
+}  // namespace kestrel
