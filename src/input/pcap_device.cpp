@@ -4,15 +4,9 @@
 // once a second.
 #include "input/pcap_device.h"
 
-#include <arpa/inet.h>
-#include <linux/filter.h>
-#include <linux/if_ether.h>
-#include <linux/if_packet.h>
 #include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -21,6 +15,7 @@
 
 #include "base/clock.h"
 #include "base/log.h"
+#include "input/packet_socket.h"
 
 namespace kestrel {
 namespace {
@@ -82,69 +77,18 @@ void attach(pcap_device& device, const link_sight& sight) {
     device.state.attach(sight.index);
 }
 
-// ---- The handle's socket and the interface ----
-
-// On the interface of this index, as libpcap has asked for it at the start.
-int change_membership(const pcap_device& device, int option, int index) {
-    packet_mreq request{};
-    request.mr_ifindex = index;
-    request.mr_type = PACKET_MR_PROMISC;
-    return setsockopt(pcap_fileno(device.handle), SOL_PACKET, option, &request, sizeof request);
-}
-
-// Takes no more frames of an interface whose name is not ours any more, and leaves it alone. One
-// that was removed has done all that itself.
-void unbind(const pcap_device& device, int index) {
-    sock_filter none = BPF_STMT(BPF_RET | BPF_K, 0);
-    const sock_fprog program = {1, &none};
-    (void)setsockopt(pcap_fileno(device.handle), SOL_SOCKET, SO_ATTACH_FILTER, &program,
-                     sizeof program);
-    (void)change_membership(device, PACKET_DROP_MEMBERSHIP, index);
-}
-
-bool rebind(const pcap_device& device, int index) {
-    sockaddr_ll address{};
-    address.sll_family = AF_PACKET;
-    address.sll_protocol = htons(ETH_P_ALL);
-    address.sll_ifindex = index;
-    const int descriptor = pcap_fileno(device.handle);
-    if (bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-        return false;
-    (void)change_membership(device, PACKET_ADD_MEMBERSHIP, index);  // else without other's frames
-    const int unused = 0;
-    (void)setsockopt(descriptor, SOL_SOCKET, SO_DETACH_FILTER, &unused, sizeof unused);
-    return true;
-}
-
 // ---- Counting ----
 
-// How far a 32-bit counter has come, which may have wrapped once.
-uint64_t advance(u_int& seen, u_int now) {
-    return static_cast<uint32_t>(now - std::exchange(seen, now));
-}
-
-// The same for one that begins anew with another interface.
-uint64_t advance_if_ahead(u_int& seen, u_int now) {
-    const auto step = static_cast<int32_t>(now - std::exchange(seen, now));
-    return step > 0 ? static_cast<uint64_t>(step) : 0;
-}
-
-// Takes libpcap's numbers into ours. Its count of received frames has those that were dropped, and
-// it is libpcap that adds up what the kernel resets with each look.
+// libpcap adds up what the kernel resets with each look.
 void take_numbers(pcap_device& device) {
     pcap_stat now{};
-    if (pcap_stats(device.handle, &now) != 0)
-        return;
-    device.received += advance(device.seen.ps_recv, now.ps_recv);
-    device.ring_dropped += advance(device.seen.ps_drop, now.ps_drop);
-    device.card_dropped += advance_if_ahead(device.seen.ps_ifdrop, now.ps_ifdrop);
+    if (pcap_stats(device.handle, &now) == 0)
+        device.counts.take({now.ps_recv, now.ps_drop, now.ps_ifdrop});
 }
 
-// Frames in the capture ring. On loopback and "any" libpcap itself passes over some, uncounted.
+// On loopback and "any" libpcap itself passes over some frames, uncounted.
 uint64_t unread(const pcap_device& device) {
-    const uint64_t gone = device.ring_dropped + device.delivered;
-    const bool is_exact = device.is_watched && !device.is_loopback;
-    return is_exact && device.received > gone ? device.received - gone : 0;
+    return device.is_watched && !device.is_loopback ? device.counts.unread() : 0;
 }
 
 // ---- Changes ----
@@ -182,7 +126,7 @@ void follow(pcap_device& device, link_change change) {
 
 // new_name: what it is called now; null: it is not there, or that is not known.
 void lose(pcap_device& device, const char* new_name) {
-    unbind(device, device.state.index());
+    packet_socket_leave(pcap_fileno(device.handle), device.state.index());
     device.state.lose();
     char what[64];
     (void)snprintf(what, sizeof what, "is gone%s%s%s: trying every second",
@@ -201,9 +145,8 @@ bool reopen(pcap_device& device) {
         return false;
     }
     take_numbers(device);
-    device.ring_dropped += unread(device);  // none, unless they have come just now
+    device.counts.begin_anew();
     pcap_close(std::exchange(device.handle, handle));
-    device.seen = {};
     return true;
 }
 
@@ -213,7 +156,8 @@ void try_again(pcap_device& device, const link_sight& sight, bool may_reopen) {
     if (sight.index == 0 || !sight.is_up)
         return;
     const bool is_same_kind = sight.hardware == device.hardware;
-    if (is_same_kind ? !rebind(device, sight.index) : !may_reopen || !reopen(device))
+    if (is_same_kind ? !packet_socket_bind(pcap_fileno(device.handle), sight.index)
+                     : !may_reopen || !reopen(device))
         return;
     attach(device, sight);
     say(device, "is back: capturing again");
@@ -314,7 +258,7 @@ const uint8_t* pcap_device_next(pcap_device& device, pcap_pkthdr& header) {
         wait_for_news(device);
         return nullptr;
     }
-    device.delivered += 1;
+    device.counts.add_delivered();
     return frame;
 }
 
@@ -322,8 +266,8 @@ void pcap_device_count(pcap_device& device, input_counts& counts) {
     if (device.is_watched)
         take_events(device, timer_get_uptime());  // with frames at hand nobody waits for news
     take_numbers(device);
-    counts.ring_dropped_packets = device.ring_dropped;
-    counts.card_dropped_packets = device.card_dropped;
+    counts.ring_dropped_packets = device.counts.ring_dropped();
+    counts.card_dropped_packets = device.counts.card_dropped();
     counts.interface_changes = device.changes;
     counts.unread_packets = unread(device);
     counts.is_up = !device.is_watched || device.state.is_up() ? 1 : 0;

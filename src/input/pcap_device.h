@@ -12,6 +12,7 @@
 #include <cstdint>
 
 #include "base/message_limit.h"
+#include "input/capture_counts.h"
 #include "input/link_state.h"
 #include "input/network_link.h"
 #include "kestrelexp/link.h"
@@ -37,11 +38,7 @@ struct pcap_device {
     uint64_t changes;
     message_limit fault_limit;
 
-    uint64_t delivered;  // frames that libpcap has handed over
-    uint64_t received;   // frames that the kernel has put into the capture ring or dropped
-    uint64_t ring_dropped;
-    uint64_t card_dropped;
-    pcap_stat seen;  // what libpcap told last; its numbers are 32 bits wide
+    capture_counts counts;
 };
 
 // Opens the device, at the start. libpcap's own words about one that cannot be opened are not
