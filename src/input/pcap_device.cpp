@@ -95,7 +95,7 @@ uint64_t unread(const pcap_device& device) {
 
 // A fault that may come again at once.
 void say_limited(pcap_device& device, const char* joint, const char* fault) {
-    const uint64_t times = device.fault_limit.count(timer_get_uptime());
+    const uint64_t times = device.fault_limit.count(system_uptime_ns());
     if (times == 1)
         verbose_msg(-1, "Device %s%s%s", device.name, joint, fault);
     else if (times > 1)
@@ -198,7 +198,7 @@ void take_events(pcap_device& device, uint64_t now_ns) {
 }
 
 void watch(pcap_device& device) {
-    const uint64_t now_ns = timer_get_uptime();
+    const uint64_t now_ns = system_uptime_ns();
     take_events(device, now_ns);
     if (now_ns < device.next_look_ns)
         return;
@@ -264,7 +264,7 @@ const uint8_t* pcap_device_next(pcap_device& device, pcap_pkthdr& header) {
 
 void pcap_device_count(pcap_device& device, input_counts& counts) {
     if (device.is_watched)
-        take_events(device, timer_get_uptime());  // with frames at hand nobody waits for news
+        take_events(device, system_uptime_ns());  // with frames at hand nobody waits for news
     take_numbers(device);
     counts.ring_dropped_packets = device.counts.ring_dropped();
     counts.card_dropped_packets = device.counts.card_dropped();
