@@ -1,6 +1,6 @@
 // Opening, waiting, following the device's changes, counting; see pcap_device.h.
 //
-// Cost of a frame: one call of libpcap. Without frames: a wait of 10 ms, and a look at the name
+// Cost of a frame: one call of libpcap. Without frames: a wait of 25 ms, and a look at the name
 // once a second.
 #include "input/pcap_device.h"
 
@@ -22,6 +22,9 @@ namespace {
 
 constexpr int promiscuous = 1;
 constexpr int timeout_ms = 10;
+// Frames that have come are handed over after timeout_ms and a tick of the kernel: one call sees
+// them.
+constexpr int wait_ms = 25;
 constexpr useconds_t pause_after_error_us = 10'000;
 constexpr uint64_t look_period_ns = ns_per_second;
 
@@ -218,11 +221,11 @@ void note_error(pcap_device& device, bool is_explained) {
     usleep(pause_after_error_us);
 }
 
-// The capture ring is empty: waits for frames or changes, at most timeout_ms.
+// The capture ring is empty: waits for frames or changes, at most wait_ms.
 [[gnu::noinline]] void wait_for_news(pcap_device& device) {
     pollfd waits[] = {{pcap_fileno(device.handle), POLLIN, 0},
                       {device.events.descriptor(), POLLIN, 0}};
-    (void)poll(waits, std::size(waits), timeout_ms);  // a signal ends it as well
+    (void)poll(waits, std::size(waits), wait_ms);  // a signal ends it as well
     const uint64_t changes = device.changes;
     if (device.is_watched)
         watch(device);
@@ -253,10 +256,12 @@ bool pcap_device_open(pcap_device& device, const char* name, int snap_length) {
 }
 
 const uint8_t* pcap_device_next(pcap_device& device, pcap_pkthdr& header) {
-    const uint8_t* const frame = pcap_next(device.handle, &header);
+    const uint8_t* frame = pcap_next(device.handle, &header);
     if (frame == nullptr) [[unlikely]] {
         wait_for_news(device);
-        return nullptr;
+        frame = pcap_next(device.handle, &header);
+        if (frame == nullptr)
+            return nullptr;
     }
     device.counts.add_delivered();
     return frame;

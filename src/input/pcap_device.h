@@ -45,7 +45,7 @@ struct pcap_device {
 // shown, those about a link type that cannot be translated are. Returns whether it captures.
 bool pcap_device_open(pcap_device& device, const char* name, int snap_length);
 
-// The next frame, valid until the next call; null when none came within some 10 ms.
+// The next frame, valid until the next call; null when none came within some 25 ms.
 const uint8_t* pcap_device_next(pcap_device& device, pcap_pkthdr& header);
 
 // Fills in all but what was sampled out.
