@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "bench/workload.h"
+#include "flow/flow_cache_update.h"
 #include "kestrelexp/packet.h"
 #include "kestrelexp/storage.h"
 
@@ -50,10 +51,16 @@ void parse_udp(uint64_t count) {
     parse_all(transport::udp, count);
 }
 
+// As the switch thread does it: the lock once for a batch of packets.
 void update_first(flow_queue* queue, const std::vector<flow_key>& keys, uint64_t count) {
+    constexpr uint64_t packets_per_lock = 32;
     flow_record record = packet_record();
-    for (uint64_t i = 0; i < count; ++i)
-        queue_update(queue, &record, keys[i]);
+    for (uint64_t done = 0; done < count; done += packets_per_lock) {
+        queue->lock.lock();
+        for (uint64_t i = done; i < done + packets_per_lock; ++i)
+            kestrel::queue_update_locked(*queue, record, keys[i]);
+        kestrel::queue_unlock(*queue);
+    }
 }
 
 void hit(uint64_t count) {

@@ -65,14 +65,6 @@ constexpr metric_row cache_rows[] = {
     {removed_packets_name, removed_packets_help, reason_forced, METRIC_COUNTER},
     {removed_packets_name, removed_packets_help, reason_other, METRIC_COUNTER},
 };
-static_assert(REMOVAL_ACTIVE == 0 && REMOVAL_INACTIVE == 1 && REMOVAL_COLLISION == 2 &&
-              REMOVAL_FORCED == 3);
-constexpr int other_removals = 4;
-
-constexpr cache_metric at(cache_metric first, int reason) {
-    return static_cast<cache_metric>(static_cast<int>(first) + reason);
-}
-
 // The row of a reason; the reasons count from 1, as 0 is no frame at all.
 constexpr parser_metric row_of(discard_reason reason) {
     return static_cast<parser_metric>(static_cast<int>(reason) - 1);
@@ -116,19 +108,13 @@ cache_counters::cache_counters(uint32_t slots) : block_(cache_rows, nullptr) {
 
 uint64_t cache_counters::removed_flows() const {
     uint64_t flows = 0;
-    for (int reason = 0; reason <= other_removals; ++reason)
-        flows += block_.value(at(cache_metric::removed_flows, reason));
+    for (uint32_t row = 0; row <= other_removals; ++row)
+        flows += block_.value(removal_metric(cache_metric::removed_flows, row));
     return flows;
 }
 
 uint64_t cache_counters::collided_flows() const {
-    return block_.value(at(cache_metric::removed_flows, REMOVAL_COLLISION));
-}
-
-void cache_counters::add_removed(const flow_record& flow, int32_t reason) const {
-    const int row = reason >= 0 && reason < other_removals ? reason : other_removals;
-    block_.add(at(cache_metric::removed_flows, row));
-    block_.add(at(cache_metric::removed_packets, row), flow.packets);
+    return block_.value(removal_metric(cache_metric::removed_flows, REMOVAL_COLLISION));
 }
 
 }  // namespace kestrel

@@ -2,6 +2,7 @@
 // the flow cache and out of it. Rows of the tables are named by the enumerations here.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 
 #include "base/counters.h"
@@ -86,6 +87,14 @@ inline flow_key take_frame(const input_counters& counters, const uint8_t* frame,
     return key;
 }
 
+// The row of a removal reason; any that is not enum removal_reason's is another one.
+inline constexpr uint32_t other_removals = 4;
+static_assert(REMOVAL_ACTIVE == 0 && REMOVAL_INACTIVE == 1 && REMOVAL_COLLISION == 2 &&
+              REMOVAL_FORCED == 3);
+constexpr cache_metric removal_metric(cache_metric first, uint32_t row) {
+    return static_cast<cache_metric>(static_cast<uint32_t>(first) + row);
+}
+
 // What came into the flow cache since it was made, as its own plain numbers.
 struct cache_tally {
     uint64_t records;  // packet records; one is a packet, or several of an input that sums them up
@@ -113,7 +122,12 @@ class cache_counters {
         block_.set(cache_metric::bytes, tally.bytes);
         block_.set(cache_metric::flows, flows);
     }
-    void add_removed(const flow_record& flow, int32_t reason) const;
+    // A flow has left; reason: enum removal_reason, or a plugin's own.
+    void add_removed(const flow_record& flow, int32_t reason) const {
+        const uint32_t row = std::min(static_cast<uint32_t>(reason), other_removals);
+        block_.add(removal_metric(cache_metric::removed_flows, row));
+        block_.add(removal_metric(cache_metric::removed_packets, row), flow.packets);
+    }
 
     // Any thread.
     uint64_t value(cache_metric metric) const { return block_.value(metric); }

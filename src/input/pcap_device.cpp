@@ -248,10 +248,12 @@ bool pcap_device_open(pcap_device& device, const char* name, int snap_length) {
     }
     const auto sight = look_at_link(name);
     device.is_watched = std::strcmp(name, "any") != 0 && sight && sight->index != 0;
-    if (device.is_watched)
-        attach(device, *sight);
-    else
+    if (!device.is_watched) {
         device.events.close();
+        return true;
+    }
+    attach(device, *sight);
+    take_events(device, system_uptime_ns());  // our own opening is among them
     return true;
 }
 
