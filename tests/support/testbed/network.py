@@ -35,9 +35,9 @@ def enter_private_network(mtu=1500):
 class FrameSender:
     """Puts frames on the sender's end exactly as given (14 bytes at least: an Ethernet header)."""
 
-    def __init__(self):
+    def __init__(self, device=SENDER):
         self._socket = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, 0)
-        self._socket.bind((SENDER, 0))
+        self._socket.bind((device, 0))
 
     def send(self, *frames):
         for frame in frames:
