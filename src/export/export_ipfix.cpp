@@ -79,7 +79,7 @@ struct ipfix_exporter : template_exporter {
     char* transport_name = nullptr;
     uint32_t sequence = 0;  // of the next message
     uint64_t unsent = 0;    // records lost since the collector was given up, not yet reported
-    message_limit connected_again;
+    message_limit connected_again = {};
 };
 
 constexpr uint64_t messages_per_report = 1000;

@@ -6,7 +6,7 @@ that were on the wire when nobody took them + losses that the probe counts, exac
 import struct
 from collections import Counter
 
-from testbed.accounts import HANDED, LOST, SENT, Sum
+from testbed.accounts import HANDED, LOST, SENT, UNREAD, Sum
 from testbed.case import E2eCase
 from testbed.returning_collector import ReturningCollector
 from testbed.flow_sets import Message, Reader, split_stream
@@ -179,8 +179,9 @@ class Outages(E2eCase):
         self.assertEqual(8000, collector.packets + nobodys + found.kept_from(ONE))
         self.assertEqual(found.total("kestrelexp_export_reconnects_total"), 1)
 
-    def test_an_interrupt_in_an_outage_leaves_nothing_out(self):
-        probe, collector = self.start_stream(LARGE)
+    def interrupt_an_outage(self, cache):
+        """Ends a probe whose collector is away; returns its sum, which has all 2,000 frames."""
+        probe, collector = self.start_stream(cache)
         collector.die()
         self.sender.send(*flows_of_one_packet(2, 1000))
         probe.wait_for_line(FAILED)
@@ -195,4 +196,15 @@ class Outages(E2eCase):
         self.assertIn("Reconnect to collector interrupted, "
                       f"{found.total(LOST_RECORDS, ONE)} records lost", probe.lines)
         self.assertEqual(2000, collector.packets + nobodys + found.kept_from(ONE))
+        return found
+
+    def test_an_interrupt_in_an_outage_leaves_nothing_out(self):
+        found = self.interrupt_an_outage(LARGE)
         self.assertGreaterEqual(found.total(LOST, ONE), 900)
+        self.assertEqual(found.total(UNREAD), 0)
+
+    def test_an_interrupt_in_an_outage_tells_what_nobody_has_read(self):
+        # The rings have room for twelve packets, the cache for 64.
+        found = self.interrupt_an_outage(SMALL)
+        self.assertGreater(found.total(LOST, ONE), 0)
+        self.assertGreater(found.total(UNREAD), 100)

@@ -6,7 +6,7 @@
 
 import signal
 
-from testbed.accounts import DROPPED, LOST, RECEIVED, SENT, Sum
+from testbed.accounts import DROPPED, LOST, RECEIVED, SENT, UNREAD, Sum
 from testbed.case import E2eCase
 from testbed.flow_model import packets_and_octets
 from testbed.network import blast, received_frames
@@ -24,13 +24,16 @@ class Overload(E2eCase):
         found.check(self)
         return found
 
+    def stop_still(self, probe):
+        probe.signal(signal.SIGSTOP)
+        wait_until(lambda: status_field(probe.pid, "State")[0] == "T", "standstill")
+
     def test_a_starved_probe_counts_what_the_kernel_dropped(self):
         collector = self.collector()
         probe = self.probe("-q", "17", "-t", "600:300", *netflow_v5(collector.port))
         for _ in range(3):
             # Its ring of 2 MiB holds a fraction of that.
-            probe.signal(signal.SIGSTOP)
-            wait_until(lambda: status_field(probe.pid, "State")[0] == "T", "standstill")
+            self.stop_still(probe)
             blast(60_000, 200_000)
             probe.signal(signal.SIGCONT)
             settle(1)
@@ -44,6 +47,23 @@ class Overload(E2eCase):
         self.assertEqual(found.total(LOST), 0)
         exported = packets_and_octets(collector.flows)[0]
         self.assertEqual(180_000, exported + found.kept_from(V5))
+
+    def test_an_interrupt_in_the_middle_tells_what_nobody_has_read(self):
+        collector = self.collector()
+        probe = self.probe("-q", "17", "-t", "600:300", *netflow_v5(collector.port))
+        blast(5_000, 20_000)
+        self.stop_still(probe)
+        blast(60_000, 200_000)
+        probe.signal(signal.SIGINT)
+        probe.signal(signal.SIGCONT)
+        wait_until(lambda: collector.drain(0.05) or not probe.running, "its end")
+        self.assertEqual(probe.wait(), 0, probe.describe())
+        collector.drain()
+        found = self.sum_of(probe)
+        self.assertEqual(received_frames(), 65_000)
+        self.assertGreater(found.total(DROPPED), 1000)
+        self.assertEqual(65_000, sum(map(found.total, (RECEIVED, DROPPED, UNREAD))))
+        self.assertEqual(65_000, packets_and_octets(collector.flows)[0] + found.kept_from(V5))
 
     def test_100000_flows_through_a_cache_of_256(self):
         collector, stream = self.collector(), StreamCollector()

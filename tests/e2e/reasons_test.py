@@ -3,12 +3,13 @@ counted under the reason that was worked out by hand."""
 
 # Not under the thread sanitizer: the threads are those of shutdown_test, which runs there.
 
-from testbed.accounts import DISCARDED, DROPPED, LOST, RECEIVED, SENT, Sum
+from testbed.accounts import DISCARDED, DROPPED, LOST, RECEIVED, SAMPLED_OUT, SENT, Sum
 from testbed.case import E2eCase
 from testbed.returning_collector import ReturningCollector
 from testbed.flow_model import packets_and_octets
 from testbed.flow_sets import Reader
 from testbed.frames import arp_request, ethernet, ipv4, ipv6, tcp, udp
+from testbed.netflow_v5 import SAMPLING_MODE
 from testbed.network import received_frames
 from testbed.probe import ipfix, netflow_v5, netflow_v9
 from testbed.process import settle
@@ -24,7 +25,7 @@ V6_FLOWS = [ethernet(ipv6(tcp(1000 + n % 4, 443), f"2001:db8::{n + 1:x}", "2001:
             for n in range(200)]
 NO_IP = ethernet(arp_request())
 CUT = V4_FLOWS[0][:14]  # no byte of the IP header
-FRAMES = V4_FLOWS * 2 + V6_FLOWS * 3 + [NO_IP] * 30 + [CUT] * 20
+DELIVERED = V4_FLOWS * 2 + V6_FLOWS * 3 + [NO_IP] * 30 + [CUT] * 20
 
 
 def records_and_packets(datagrams):
@@ -45,19 +46,22 @@ class Reasons(E2eCase):
         rules.write_text("src port 1001\n", encoding="ascii")
         templates.write_text("BEGIN-TEMPLATE\nIPV4_SRC_ADDR=L3_IPV4_ADDR_SRC,IN_PKTS=PACKETS\n",
                              encoding="ascii")
-        v5 = self.collector()
+        v5 = self.collector(sampling=SAMPLING_MODE | 2)
         v9, sampled = self.opened(ReturningCollector), self.opened(ReturningCollector)
         probe = self.probe("-F", f"filter:{rules}", *netflow_v5(v5.port),
                            *netflow_v9(v9.port, f",template-file={templates}"),
-                           "-S", "3", *ipfix(sampled.port), "-E", "null")
-        self.sender.send(*FRAMES)
+                           "-S", "3", *ipfix(sampled.port), "-E", "null",
+                           input_options=",sampling=2")
+        # The input delivers the second of every two frames.
+        self.sender.send(*[frame for frame in DELIVERED for _ in range(2)])
         self.stop_in_order(probe, v5, v9, sampled)
         found = Sum(probe.lines)
         found.check(self)
 
-        frames = 1200 + 600 + 30 + 20
+        frames = 2 * (1200 + 600 + 30 + 20)
         self.assertEqual(received_frames(), frames)
-        self.assertEqual((found.total(RECEIVED), found.total(DROPPED)), (frames, 0))
+        self.assertEqual((found.total(RECEIVED), found.total(SAMPLED_OUT), found.total(DROPPED)),
+                         (frames, frames // 2, 0))
         self.assertEqual(found.reasons(DISCARDED), {"not_ip": 30, "truncated": 20})
         # Of 1,800 packets the rules leave 150 flows of two, and 50 flows of three with IPv6.
         self.assertEqual(found.reasons(LOST, V5), {"filter": 1350, "ip_version": 150})

@@ -7,6 +7,7 @@ at once, one that reads nothing for a while. Nothing of it is silent, and nothin
 
 import os
 import re
+import signal
 import socket
 import threading
 import time
@@ -14,9 +15,9 @@ import time
 from testbed.accounts import DROPPED, LOST, SENT, Sum
 from testbed.case import E2eCase
 from testbed.flow_sets import Reader, split_stream
-from testbed.network import PROBED, blast, blaster, received_frames
+from testbed.network import PROBED, blast, blaster, limit_send_buffers, received_frames
 from testbed.probe import FLUSHED, ipfix
-from testbed.process import WatchedProcess, wait_until
+from testbed.process import WatchedProcess, settle, wait_until
 from testbed.stream_collector import StreamCollector
 from testbed.wire import LoopbackWitness
 
@@ -67,6 +68,19 @@ class Stalls(E2eCase):
         self.assertEqual(probe.lines[-1], FLUSHED)
         return found
 
+    def start_stall(self):
+        """A probe, and its collector that has taken some of 2,000 flows and reads no more. Both
+        ends of the connection hold a fraction of what the tests send after that."""
+        limit_send_buffers(16_384)
+        collector = StreamCollector(room=4096)
+        self.addCleanup(collector.close)
+        probe = self.probe(*ipfix(collector.port, ",protocol=tcp"),
+                           source=("-q", "8", "-I", f"pcap:device={PROBED}"))
+        blast(2000, 20_000)
+        wait_until(lambda: collector.packets > 1000, "packets")
+        collector.stall()
+        return probe, collector
+
     def test_a_collector_that_closes_at_once_is_told_of_while_the_probe_runs(self):
         wire, collector = LoopbackWitness(), ClosingCollector()
         self.addCleanup(wire.finish)
@@ -98,13 +112,7 @@ class Stalls(E2eCase):
         self.assertEqual(24_000, nobodys + found.kept_from(ONE))
 
     def test_a_shut_window_stops_neither_statistics_nor_accounts(self):
-        collector = StreamCollector(room=4096)
-        self.addCleanup(collector.close)
-        probe = self.probe(*ipfix(collector.port, ",protocol=tcp"),
-                           source=("-q", "8", "-I", f"pcap:device={PROBED}"))
-        blast(2000, 20_000)
-        wait_until(lambda: collector.packets > 1000, "packets")
-        collector.stall()
+        probe, collector = self.start_stall()
         blast(60_000, 60_000)  # more than the window, the rings, and the kernel's ring take
 
         lines, cpu_before, start = len(probe.lines), cpu_seconds(probe.pid), time.monotonic()
@@ -127,8 +135,23 @@ class Stalls(E2eCase):
         frames = 2000 + 60_000 + 500 * STALL_S
         self.assertEqual(received_frames(), frames)
         # A word about losses comes every ten seconds, also while nothing moves.
-        self.assertGreater(told, 500 * (STALL_S - 12))
+        self.assertGreater(told, 30_000)
         self.assertGreaterEqual(told, found.total(DROPPED, 'stage="ring"') - 500 * 12)
         self.assertEqual(found.total(LOST, ONE), 0)
         self.assertEqual(found.total(SENT, ONE), collector.packets)
         self.assertEqual(frames, collector.packets + found.kept_from(ONE))
+
+    def test_an_interrupt_in_a_stall_waits_for_the_collector(self):
+        probe, collector = self.start_stall()
+        blast(60_000, 60_000)
+        probe.signal(signal.SIGINT)
+        settle(2)
+        self.assertTrue(probe.running)
+        collector.read_on()
+        self.assertEqual(probe.wait(), 0, probe.describe())
+        collector.drain()
+        found = self.sum_of(probe)
+        self.assertEqual(received_frames(), 62_000)
+        self.assertGreater(found.total(DROPPED), 10_000)
+        self.assertEqual(found.total(SENT, ONE), collector.packets)
+        self.assertEqual(62_000, collector.packets + found.kept_from(ONE))

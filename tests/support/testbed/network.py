@@ -57,6 +57,13 @@ def blast(flows, frames_per_second):
     subprocess.run(blaster(flows, frames_per_second), check=True, stdin=subprocess.DEVNULL)
 
 
+def limit_send_buffers(size):
+    """TCP sockets of this namespace, from now on, take no more bytes than that (the kernel's least
+    is 4,096) from who writes faster than the other side reads."""
+    with open("/proc/sys/net/ipv4/tcp_wmem", "w", encoding="ascii") as setting:
+        setting.write(f"4096 {size} {size}")
+
+
 def udp_receiver(buffer_bytes=128 << 20, port=0):
     """A bound loopback socket whose buffer holds whatever a test sends before it is read."""
     receiver = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
