@@ -4,7 +4,6 @@
 #pragma once
 
 #include <array>
-#include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -15,7 +14,12 @@ struct hitter_key {
     uint64_t high;
     uint64_t low;
 
-    friend auto operator<=>(const hitter_key&, const hitter_key&) = default;
+    bool operator==(const hitter_key& other) const {
+        return high == other.high && low == other.low;
+    }
+    bool operator<(const hitter_key& other) const {
+        return high != other.high ? high < other.high : low < other.low;
+    }
 };
 
 struct hitter {

@@ -30,7 +30,7 @@ struct history_sample {
 
 class history {
   public:
-    static constexpr size_t most_samples = 15 * 60;
+    static constexpr size_t most_samples = size_t{15} * 60;
 
     // seconds: on a clock that nobody sets, since the last call. The first call gives no sample,
     // and neither does one at the time of the last.

@@ -39,10 +39,9 @@ struct exporter {
 
 uint64_t random_seed() {
     uint64_t seed = 0;
-    // Early in the boot there may be no random numbers yet; then the address of a variable is one
-    // that few know.
+    // Early in the boot there may be no random numbers yet; the time is better than nothing.
     if (getrandom(&seed, sizeof seed, GRND_NONBLOCK) != sizeof seed)
-        seed = reinterpret_cast<uintptr_t>(&seed);
+        seed = timer_get_nsec();
     return seed;
 }
 

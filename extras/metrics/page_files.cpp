@@ -1,22 +1,16 @@
 #include "page_files.h"
 
-// page/ and the chart library, put into this object by the assembler. The directories are defined
-// by CMakeLists.txt.
-#define EMBED(symbol, file)                                                           \
-    __asm__(".pushsection .rodata\n" #symbol "_begin: .incbin \"" file "\"\n" #symbol \
-            "_end: .byte 0\n.popsection\n");                                          \
-    extern const char symbol##_begin[] __attribute__((visibility("hidden")));         \
-    extern const char symbol##_end[] __attribute__((visibility("hidden")))
+// page_data.c
+#define EMBEDDED(symbol) \
+    extern "C" __attribute__((visibility("hidden"))) const char symbol##_begin[], symbol##_end[]
 
-extern "C" {
-EMBED(page_index, METRICS_PAGE_DIR "/index.html");
-EMBED(page_style, METRICS_PAGE_DIR "/page.css");
-EMBED(page_script, METRICS_PAGE_DIR "/page.js");
-EMBED(page_charts, METRICS_PAGE_DIR "/charts.js");
-EMBED(page_icon, METRICS_PAGE_DIR "/icon.svg");
-EMBED(chart_script, METRICS_CHART_DIR "/dygraph.min.js");
-EMBED(chart_style, METRICS_CHART_DIR "/dygraph.min.css");
-}
+EMBEDDED(page_index);
+EMBEDDED(page_style);
+EMBEDDED(page_script);
+EMBEDDED(page_charts);
+EMBEDDED(page_icon);
+EMBEDDED(chart_script);
+EMBEDDED(chart_style);
 
 namespace metrics {
 

@@ -1,6 +1,9 @@
 // One chart of one number over the last 15 minutes. The library draws; the caption tells the same in
 // words, and arrow keys walk from second to second.
 
+// The caption is the legend; the library's own brings styles of its own, which the page forbids.
+Dygraph.PLUGINS = Dygraph.PLUGINS.filter((plugin) => plugin !== Dygraph.Plugins.Legend);
+
 const WINDOW_MS = 15 * 60 * 1000;
 const PREFIXES = [[1e12, "T"], [1e9, "G"], [1e6, "M"], [1e3, "k"]];
 
@@ -14,7 +17,17 @@ export function short(value) {
 }
 
 export function clock(milliseconds) {
-  return new Date(milliseconds).toLocaleTimeString();
+  return new Date(milliseconds).toLocaleTimeString("en-GB");
+}
+
+// As short, without zeros at the end: 1.5 k, 4 M.
+function tick(value) {
+  const text = short(value);
+  return text.includes(".") ? text.replace(/\.?0+(?=\D*$)/, "") : text;
+}
+
+function minute(date) {
+  return clock(date).slice(0, 5);
 }
 
 function colour(name) {
@@ -57,9 +70,8 @@ export class Chart {
       highlightCircleSize: 4,
       axisLineWidth: 1,
       axes: {
-        x: { drawGrid: false, axisLabelFormatter: (date) => clock(date).replace(/:\d\d(?=\D*$)/, ""),
-          pixelsPerLabel: 90 },
-        y: { axisLabelFormatter: short, axisLabelWidth: 52, pixelsPerLabel: 34 },
+        x: { drawGrid: false, axisLabelFormatter: minute, pixelsPerLabel: 70 },
+        y: { axisLabelFormatter: tick, axisLabelWidth: 52, pixelsPerLabel: 34 },
       },
       highlightCallback: (event, time) => this.describe(time),
       unhighlightCallback: () => this.describe(this.chosen),
