@@ -47,16 +47,19 @@ def raw_connection(port=PORT):
 
 def raw(data, port=PORT):
     """What the server answers to these bytes until it closes the connection."""
+    received = b""
     with raw_connection(port) as client:
-        client.sendall(data)
-        client.shutdown(socket.SHUT_WR)
-        received = b""
+        try:
+            client.sendall(data)
+            client.shutdown(socket.SHUT_WR)
+        except OSError:  # it has closed the connection before the end
+            pass
         try:
             while piece := client.recv(65536):
                 received += piece
         except ConnectionResetError:  # it closed with bytes of ours unread
             pass
-        return received
+    return received
 
 
 def run(*command, **options):

@@ -5,6 +5,8 @@ import { Chart, clock, short } from "./charts.js";
 const PERIOD_MS = 1000;
 const PATIENCE_MS = 5000;
 const MOST_SAMPLES = 900;
+// Flows leave the cache in bursts: the remover looks for idle ones a few times per timeout.
+const FLOWS_MEAN_OF = 5; // samples
 const TITLES = { capture: "Captured", parser: "In flows", cache: "Flow cache",
   records: "Handed to exports" };
 const REASONS = { not_ip: "not IP", truncated: "truncated", ip_version: "IP version",
@@ -24,7 +26,8 @@ const PORTS = { 20: "ftp-data", 21: "ftp", 22: "ssh", 23: "telnet", 25: "smtp", 
   6379: "redis", 8080: "http", 8443: "https", 9090: "prometheus", 9092: "kafka",
   51820: "wireguard" };
 
-const history = []; // { time, packets, bits, flows, lost, cache_flows } a second, oldest first
+// { time, packets, bits, flows, lost, cache_flows, mean_flows } a second, oldest first
+const history = [];
 let charts = [];
 
 const at = (id) => document.getElementById(id);
@@ -63,6 +66,11 @@ function remember(columns) {
     bits: columns.bits[n], flows: columns.flows[n], lost: columns.lost[n],
     cache_flows: columns.cache_flows[n] }));
   history.splice(0, Math.max(0, history.length - MOST_SAMPLES));
+  const first = history.length - columns.time.length;
+  for (let n = Math.max(0, first); n < history.length; ++n) {
+    const some = history.slice(Math.max(0, n + 1 - FLOWS_MEAN_OF), n + 1);
+    history[n].mean_flows = some.reduce((sum, one) => sum + one.flows, 0) / some.length;
+  }
 }
 
 function showState(summary) {
@@ -84,8 +92,8 @@ function warn(text) {
 
 function showNow(summary) {
   const last = history.at(-1);
-  for (const field of ["packets", "bits", "flows"]) {
-    at(`now-${field}`).textContent = last ? short(last[field]) : "–";
+  for (const [id, field] of [["packets", "packets"], ["bits", "bits"], ["flows", "mean_flows"]]) {
+    at(`now-${id}`).textContent = last ? short(last[field]) : "–";
   }
   const lost = summary.totals.lost_packets;
   put(at("total-lost"), whole(lost));
@@ -256,8 +264,8 @@ charts = [
     field: "packets", paint: "--packets" }),
   new Chart(at("chart-bits"), { title: "Bits per second", unit: "bit/s", field: "bits",
     paint: "--bits" }),
-  new Chart(at("chart-flows"), { title: "Flows per second", unit: "flows/s", field: "flows",
-    paint: "--flows" }),
+  new Chart(at("chart-flows"), { title: `Flows per second, mean of ${FLOWS_MEAN_OF} s`,
+    unit: "flows/s", field: "mean_flows", paint: "--flows" }),
   new Chart(at("chart-cache"), { title: "Flows in the cache", unit: "flows",
     field: "cache_flows", paint: "--cache" }),
 ];
