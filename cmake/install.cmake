@@ -1,6 +1,6 @@
 # What is installed, in components. "program": the program, its manual and pages, completions, unit,
-# plugin directories and the files of etc/. "dev": what plugins are built with. "metrics": the plugin
-# of that name with its pages and alerts, where it is built.
+# plugin directories and the files of etc/. "dev": what plugins are built with. "metrics": the
+# plugin of that name with its pages and alerts, where it is built.
 set(KESTREL_PLUGIN_DIR lib64/kestrelexp)     # every object in it is loaded at each start
 set(KESTREL_EXTRAS_DIR lib/kestrelexp)       # objects that we ship, loaded with -X alone
 set(KESTREL_PROGRAM COMPONENT program)
@@ -74,8 +74,8 @@ foreach(page kestrelexp.8 kestrelexp-plugins.7)
 endforeach()
 
 # The pages: those of docs/ and of extras/ for users, the plugin guide with the headers, those about
-# monitoring with their plugin. Links are rewritten from the folders of the source tree to those of a
-# system.
+# monitoring with their plugin. Links are rewritten from the folders of the source tree to those of
+# a system.
 set(KESTREL_PAGES_dev plugin-guide)
 set(KESTREL_PAGES_metrics metrics monitoring)
 function(kestrel_component_of_page name result)

@@ -1,6 +1,6 @@
-# Debian packages of what is installed: kestrelexp (component "program"), kestrelexp-dev ("dev") and,
-# where its libraries are there, kestrelexp-metrics ("metrics").
-# tools/package makes them. tests/package runs lintian, and installs, upgrades and purges them.
+# Debian packages of what is installed: kestrelexp (component "program"), kestrelexp-dev ("dev")
+# and, where its libraries are there, kestrelexp-metrics ("metrics"). tools/package makes them.
+# tests/package runs lintian, and installs, upgrades and purges them.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_VENDOR "The kestrelexp authors")
 set(CPACK_PACKAGE_CONTACT "The kestrelexp authors <maintainers@kestrelexp.example>")

@@ -202,7 +202,10 @@ class Looks(PageCase):
         """Texts whose colour is less than 4.5 times as light or dark as what is under them."""
         return self.browser.run("""
             const light = ([r, g, b]) => {
-                const linear = (c) => (c /= 255) <= 0.03928 ? c / 12.92 : ((c + 0.055) / 1.055)**2.4;
+                const linear = (byte) => {
+                    const c = byte / 255;
+                    return c <= 0.03928 ? c / 12.92 : ((c + 0.055) / 1.055) ** 2.4;
+                };
                 return 0.2126 * linear(r) + 0.7152 * linear(g) + 0.0722 * linear(b);
             };
             const numbers = (text) => text.match(/[\\d.]+/g).map(Number);
@@ -277,7 +280,8 @@ class Looks(PageCase):
         """The share of the pixels of a canvas on which there is something."""
         return self.browser.run("""
             const canvas = document.querySelector(arguments[0]);
-            const { data } = canvas.getContext("2d").getImageData(0, 0, canvas.width, canvas.height);
+            const { data } = canvas.getContext("2d").getImageData(
+                0, 0, canvas.width, canvas.height);
             let painted = 0;
             for (let n = 3; n < data.length; n += 4) painted += data[n] > 0;
             return painted / (data.length / 4);""", selector)
