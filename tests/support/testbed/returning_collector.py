@@ -1,5 +1,5 @@
-"""A collector of datagrams that goes away and comes back on its port. What it cannot tell by itself,
-the witness of the wire can: see testbed.wire."""
+"""A collector of datagrams that goes away and comes back on its port. What it cannot tell, the
+witness of the wire can: see testbed.wire."""
 
 import select
 import socket

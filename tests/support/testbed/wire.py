@@ -33,7 +33,7 @@ class LoopbackWitness:
                     return
 
     def finish(self):
-        """To be called when all has been sent; fails when the witness itself has missed a packet."""
+        """To be called when all has been sent; fails when the witness has missed a packet."""
         if not self._is_over.is_set():
             self._is_over.set()
             self._thread.join()
