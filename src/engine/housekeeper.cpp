@@ -19,7 +19,7 @@ constexpr uint64_t held_up_ns = ns_per_second;
 
 struct house {
     flow_switch& sw;
-    temporal_storage& final_records;
+    std::vector<temporal_storage*> final_records;
     loss_report losses;
 };
 
@@ -30,13 +30,14 @@ bool is_remover_held_up(const flow_queue& queue, uint64_t now_ns) {
 
 void do_round(house& self) {
     ask_reader(self.sw, count_undelivered);
-    storage_show(self.final_records);
+    for (const temporal_storage* final_records : self.final_records)
+        storage_show(*final_records);
     if (const auto* exchange = self.sw.exchange.load(std::memory_order_acquire))
         storage_show(*exchange);
     flow_queue& queue = *self.sw.queue;
     const uint64_t now_ns = timer_get_nsec();
     if (is_remover_held_up(queue, now_ns))
-        queue.statistics.print_if_due(queue.counters, now_ns / ns_per_second);
+        queue.statistics.print_if_due(now_ns / ns_per_second);
     self.losses.say_if_due(system_uptime_ns());
 }
 
@@ -51,9 +52,9 @@ void* keep_house(void* argument) {
 
 }  // namespace
 
-void start_housekeeper(flow_switch& sw, temporal_storage& final_records) {
+void start_housekeeper(flow_switch& sw) {
     auto* const self =
-        make_lifelong<house>(house{sw, final_records, loss_report(system_uptime_ns())});
+        make_lifelong<house>(house{sw, final_rings(sw), loss_report(system_uptime_ns())});
     if (!start_thread(keep_house, self))
         die(exit_config, "Unable to create housekeeper thread");
 }
