@@ -130,7 +130,6 @@ class Life(unittest.TestCase):
         service = f"kestrelexp@{PROBED}"
         with BootedSystem() as system:
             def send(port):
-                time.sleep(1)  # it has no way of saying that it captures
                 sender.send(ethernet(ipv4(udp(port, 53), "10.0.0.1", "10.0.0.2")))
                 settle()
 
@@ -163,7 +162,7 @@ class Life(unittest.TestCase):
         DEFAULTS.write_text("KESTREL_OPTIONS=-E null\n")
         service = "kestrelexp@late"
         with BootedSystem() as system:
-            system.run("systemctl", "start", service)
+            system.run("systemctl", "start", "--no-block", service)
             self.wait_for(lambda: system.state(service)[::2] == ("activating", 255))
             ip("link add late up type veth peer name early")
 
@@ -172,6 +171,26 @@ class Life(unittest.TestCase):
                 time.sleep(1)
                 return before[0] == "active" and system.state(service) == before
             self.wait_for(stays)  # it is tried again every 5 s
+
+    def test_a_probe_that_hangs_is_started_again(self):
+        install(package("kestrelexp"))
+        enter_private_network()
+        DEFAULTS.write_text("KESTREL_OPTIONS=-E null\n")
+        service = f"kestrelexp@{PROBED}"
+        sooner = Path(f"/etc/systemd/system/{service}.service.d/sooner.conf")
+        sooner.parent.mkdir(parents=True)
+        sooner.write_text("[Service]\nWatchdogSec=2\nRestartSec=100ms\n")
+        with BootedSystem() as system:
+            system.run("systemctl", "start", service)
+            before = system.state(service)
+            time.sleep(5)  # more than the watchdog's time, which a probe that lives may take
+            self.assertEqual(system.state(service), before)
+            system.run("kill", "-STOP", str(before[1]))
+
+            def is_another():
+                now = system.state(service)
+                return now[0] == "active" and now[1] not in (0, before[1])
+            self.wait_for(is_another)
 
     def test_a_service_without_options_says_what_it_lacks(self):
         install(package("kestrelexp"))
