@@ -56,7 +56,7 @@ enum filter_flag { FILTER_WHOLE_PARAMS = PLUGIN_WHOLE_PARAMS };
 
 typedef const struct plugin_description* plugin_desc_function(void);
 
-/* ---- Input plugins: exactly one of get_packet, get_flow and get_final_flow ---- */
+/* ---- Input plugins: exactly one of get_packet, get_flow and get_final_flow, or get_batch ---- */
 
 /* Opens the input. needs_packets: some process plugin will look at whole frames. data_offset: where
  * the plugin's own data_size bytes lie in each record. Returns the instance, NULL on failure. */
@@ -108,10 +108,37 @@ struct input_counts {
     uint64_t is_up;             /* 1: frames can be taken; 0: not, the interface is down or away */
 };
 
-/* Optional: tells what the input has counted. counts is zeroed, with is_up 1. queue: 0 (for inputs
- * with several queues to come). Called about four times a second and once at the end of the run, on
- * the thread that calls get_packet or its like, between two calls; an input that waits for frames
- * returns from that now and then (every 10 ms, say). Quick, as frames wait meanwhile. */
+/* ---- Inputs with queues: batches of frames, taken on a thread for each queue ---- */
+
+/* One frame of a batch. */
+struct input_frame {
+    struct packet_header header;
+    const uint8_t* data;
+};
+
+/* Optional, with get_batch: how many queues there are, 1 to INPUT_QUEUES_LIMIT. Called once, on the
+ * main thread, after init and before the first batch, while the program still has the rights that
+ * it was started with. Where the program can serve only one queue (a process plugin that may not be
+ * called from several threads) it does not ask, and queue 0 has everything. A number out of range
+ * ends the program with status 255. */
+typedef uint32_t input_queues_function(void* instance);
+
+enum { INPUT_QUEUES_LIMIT = 64 };
+
+/* Optional: stores up to limit frames of a queue and returns how many. They stay valid until the
+ * next call for the same queue. Waits at most 10 ms for the first and for no other. Each queue has
+ * a thread of its own, so that calls for different queues come at the same time. The frames of a
+ * flow belong into one queue: each queue has a flow cache of its own. The headers are zeroed
+ * before. An input with this needs none of the three older ways to deliver, and where it
+ * has one of those as well, this one is used. */
+typedef uint32_t input_batch_function(void* instance, uint32_t queue, struct input_frame* frames,
+                                      uint32_t limit);
+
+/* Optional: tells what the input has counted. counts is zeroed, with is_up 1. queue: that of
+ * get_batch, else 0; what belongs to no queue is told for queue 0 only. Called about four times a
+ * second and once at the end of the run, on the thread that calls get_packet or its like, between
+ * two calls; an input that waits for frames returns from that now and then (every 10 ms, say).
+ * Quick, as frames wait meanwhile. */
 typedef void input_counters_function(void* instance, uint32_t queue, struct input_counts* counts);
 
 struct input_plugin {
@@ -257,14 +284,16 @@ extern KX_API int32_t plugin_contract_version;
 
 KX_API plugin_desc_function plugin_input_desc;
 KX_API input_init_function plugin_input_init;
-KX_API input_getter_init_function plugin_input_getter_init;     /* optional */
-KX_API input_sampling_function plugin_input_sampling;           /* optional */
-KX_API packet_function plugin_input_get_packet;                 /* one of these three */
-KX_API input_flow_function plugin_input_get_flow;               /* ... */
-KX_API input_final_flow_function plugin_input_get_final_flow;   /* ... */
+KX_API input_getter_init_function plugin_input_getter_init;   /* optional */
+KX_API input_sampling_function plugin_input_sampling;         /* optional */
+KX_API packet_function plugin_input_get_packet;               /* one of these three, or get_batch */
+KX_API input_flow_function plugin_input_get_flow;             /* ... */
+KX_API input_final_flow_function plugin_input_get_final_flow; /* ... */
 KX_API input_flow_packet_function plugin_input_get_flow_packet; /* optional, beside get_flow */
 KX_API input_clock_function plugin_input_clock;                 /* optional, beside get_packet */
 KX_API input_counters_function plugin_input_counters;           /* optional */
+KX_API input_batch_function plugin_input_get_batch;             /* optional */
+KX_API input_queues_function plugin_input_queues;               /* optional, beside get_batch */
 
 KX_API plugin_desc_function plugin_export_desc;
 KX_API export_init_function plugin_export_init;
@@ -277,6 +306,10 @@ KX_API process_create_function plugin_process_create;
 KX_API process_update_function plugin_process_update;
 KX_API process_release_function plugin_process_release;
 KX_API process_getter_init_function plugin_process_getter_init; /* optional */
+
+/* Optional: not 0 says that create, update and release may be called on several threads at the same
+ * time, never for the same flow. Without it, an input with queues is served by one thread. */
+extern KX_API int32_t plugin_process_is_thread_safe;
 
 KX_API plugin_desc_function plugin_filter_desc;
 KX_API filter_init_function plugin_filter_init;
@@ -298,6 +331,8 @@ KX_ASSERT_LAYOUT(offsetof(struct input_plugin, get_final_flow) == 56);
 KX_ASSERT_LAYOUT(offsetof(struct input_plugin, params) == 64);
 KX_ASSERT_LAYOUT(offsetof(struct input_plugin, data_offset) == 72);
 KX_ASSERT_LAYOUT(offsetof(struct input_plugin, instance) == 80);
+KX_ASSERT_LAYOUT(sizeof(struct input_frame) == 32);
+KX_ASSERT_LAYOUT(offsetof(struct input_frame, data) == 24);
 KX_ASSERT_LAYOUT(sizeof(struct input_counts) == 56);
 KX_ASSERT_LAYOUT(offsetof(struct input_counts, unread_packets) == 40);
 KX_ASSERT_LAYOUT(sizeof(struct export_plugin) == 48);

@@ -86,7 +86,7 @@ int main(int argc, char** argv) {
     alarm(first_alarm_s);
     verbose_msg(0, "Kestrel OK");
     start_flow_thread(engine, flow_switch);
-    start_housekeeper(*flow_switch, *final_records);
+    start_housekeeper(*flow_switch);
 
     const unsigned record_size = FLOW_RECORD_BASE_SIZE + run.registry.extension_length;
     // It comes back only when a global filter said no: the program just ends.
@@ -135,13 +135,12 @@ flow_switch* make_switch(settings& settings, const engine& engine, flow_queue* q
         die(exit_config, "Input driver not set");
     const metrics_label_scope label(metric_label("input", input->desc()->name));
     struct flow_switch* const flow_switch =
-        sw_init(queue, settings.flow_mask, run.registry.process_flag, input);
+        engine.make_switch(queue, settings.flow_mask, run.registry.process_flag, input);
     if (flow_switch == nullptr)
         die(exit_config, "Driver initialization failed");
     run.input_switch = flow_switch;
-    const plugin_operations& operations = operations_of(run.registry, input->desc);
-    switch_take_operations(*flow_switch, operations);
-    engine.start_clock(*flow_switch, operations);
+    switch_take_operations(*flow_switch, operations_of(run.registry, input->desc));
+    engine.prepare(*flow_switch, run);
     return flow_switch;
 }
 

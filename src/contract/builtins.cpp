@@ -50,7 +50,13 @@ constexpr builtin builtins[] = {
 
 // What they offer beyond the entry points of their kind.
 constexpr plugin_operations builtin_operations[] = {
-    {.desc = input_pcap_desc, .clock = nullptr, .counters = input_pcap_counters, .next = nullptr},
+    {.desc = input_pcap_desc,
+     .clock = nullptr,
+     .counters = input_pcap_counters,
+     .get_batch = nullptr,
+     .queues = nullptr,
+     .is_thread_safe = nullptr,
+     .next = nullptr},
 };
 
 }  // namespace

@@ -14,19 +14,28 @@ namespace {
 
 constexpr operation_row operation_rows[] = {
     {"plugin_input_clock", PLUGIN_KIND_INPUT, offsetof(plugin_operations, clock),
-     "plugin_input_get_packet", offsetof(input_plugin, get_packet)},
-    {"plugin_input_counters", PLUGIN_KIND_INPUT, offsetof(plugin_operations, counters), nullptr, 0},
+     "plugin_input_get_packet", operation_row::in_plugin, offsetof(input_plugin, get_packet)},
+    {"plugin_input_counters", PLUGIN_KIND_INPUT, offsetof(plugin_operations, counters), nullptr,
+     operation_row::in_plugin, 0},
+    {"plugin_input_get_batch", PLUGIN_KIND_INPUT, offsetof(plugin_operations, get_batch), nullptr,
+     operation_row::in_plugin, 0},
+    {"plugin_input_queues", PLUGIN_KIND_INPUT, offsetof(plugin_operations, queues),
+     "plugin_input_get_batch", operation_row::in_operations,
+     offsetof(plugin_operations, get_batch)},
+    {"plugin_process_is_thread_safe", PLUGIN_KIND_PROCESS,
+     offsetof(plugin_operations, is_thread_safe), nullptr, operation_row::in_plugin, 0},
 };
 
 constexpr plugin_operations no_operations{};
 
 // Whether the plugin has what the operation goes with. Operations are stored by their place in a
 // record, whatever their type.
-bool has_companion(const void* plugin, const operation_row& row) {
+bool has_companion(const void* plugin, const plugin_operations& found, const operation_row& row) {
     if (row.companion == nullptr)
         return true;
+    const void* const record = row.companion_is == operation_row::in_plugin ? plugin : &found;
     void* companion;
-    std::memcpy(&companion, static_cast<const char*>(plugin) + row.companion_place,
+    std::memcpy(&companion, static_cast<const char*>(record) + row.companion_place,
                 sizeof companion);
     return companion != nullptr;
 }
@@ -44,7 +53,7 @@ void load_operations(void* object, const char* path, int32_t kind, const void* p
         void* const operation = row.kind == kind ? dlsym(object, row.symbol) : nullptr;
         if (operation == nullptr)
             continue;
-        if (!has_companion(plugin, row)) {
+        if (!has_companion(plugin, found, row)) {
             verbose_msg(0, "Plugin: %s, %s goes with %s and is not used", path, row.symbol,
                         row.companion);
             continue;

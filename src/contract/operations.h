@@ -1,6 +1,6 @@
-// What a plugin may offer beyond the entry points of its kind: optional symbols, found when its
-// object is loaded. One row of a table for each. Main thread, while the program starts; read-only
-// afterwards.
+// What a plugin may offer beyond the entry points of its kind: optional symbols, functions or
+// numbers, found when its object is loaded. One row of a table for each. Main thread, while the
+// program starts; read-only afterwards.
 #pragma once
 
 #include <cstddef>
@@ -14,17 +14,21 @@ struct plugin_operations {
     plugin_desc_function* desc;  // whose they are
     input_clock_function* clock;
     input_counters_function* counters;
-    plugin_operations* next;  // of the registry's chain
+    input_batch_function* get_batch;
+    input_queues_function* queues;
+    const int32_t* is_thread_safe;  // of a process plugin
+    plugin_operations* next;        // of the registry's chain
 };
 
 namespace kestrel {
 
 struct operation_row {
     const char* symbol;
-    int32_t kind;            // enum plugin_kind
-    size_t place;            // in plugin_operations
-    const char* companion;   // the entry point that it goes with; null: any
-    size_t companion_place;  // in the plugin record of its kind
+    int32_t kind;           // enum plugin_kind
+    size_t place;           // in plugin_operations
+    const char* companion;  // what it goes with; null: any
+    enum { in_plugin, in_operations } companion_is;
+    size_t companion_place;  // in the plugin record of its kind, or in plugin_operations
 };
 
 // Every optional operation.

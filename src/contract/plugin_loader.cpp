@@ -131,8 +131,8 @@ void load_kind(void* object, const char* path, plugin_registry& registry) {
             die(exit_config, "Plugin: %s%s", path, step.fault);
         description = *plugin.desc();
     }
-    register_plugin(registry, plugin);
     load_operations(object, path, kind<Plugin>::bit, &plugin, plugin.desc, registry);
+    register_plugin(registry, plugin);
 }
 
 struct kind_row {

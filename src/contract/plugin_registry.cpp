@@ -8,21 +8,23 @@
 #include <limits>
 
 #include "base/log.h"
+#include "contract/operations.h"
 #include "kestrelexp/service.h"
 
 namespace kestrel {
 
 namespace {
 
-// One way to deliver, and frames on request only beside get_flow. Other kinds have no such rule.
+// One way to deliver beside batches, and frames on request only beside get_flow. Other kinds have
+// no such rule.
 template <typename Plugin>
-void check_operations(const Plugin&) {}
+void check_operations(const plugin_registry&, const Plugin&) {}
 
 template <>
-void check_operations(const input_plugin& plugin) {
+void check_operations(const plugin_registry& registry, const input_plugin& plugin) {
     const int methods = (plugin.get_packet != nullptr) + (plugin.get_flow != nullptr) +
                         (plugin.get_final_flow != nullptr);
-    if (methods == 0)
+    if (methods == 0 && operations_of(registry, plugin.desc).get_batch == nullptr)
         die(exit_config, "Invalid input plugin");
     if (methods > 1)
         die(exit_config, "Invalid input plugin (multiple input methods present)");
@@ -70,7 +72,7 @@ void register_plugin(plugin_registry& registry, const Plugin& plugin) {
     std::free(known.data());
     registry.*kind<Plugin>::array = grown;
     ++(registry.*kind<Plugin>::count);
-    check_operations(plugin);
+    check_operations(registry, plugin);
 }
 
 template void register_plugin(plugin_registry&, const input_plugin&);

@@ -13,6 +13,7 @@
 #include "base/wire.h"
 #include "engine/switch.h"
 #include "flow/flow_counters.h"
+#include "flow/ring_group.h"
 
 namespace kestrel {
 namespace {
@@ -112,38 +113,65 @@ int64_t difference_of(const packets_inside& inside) {
 
 // Takes what is there of the final records, so that who waits for room in them goes on; they are
 // counted and go nowhere.
-uint64_t take_final_records(temporal_storage& final_records) {
+uint64_t take_final_records(ring_group& final_records) {
     uint64_t packets = 0;
-    while (const void* slot = storage_get(final_records, look_pause_ms))
+    while (const void* slot = final_records.get(look_pause_ms))
         packets += packets_of(slot);
     return packets;
 }
 
-// Packets are on the move for as long as threads are at work, so a sum that does not come out even
-// is made again, up to a second or so. Returns what was found last; nothing when the queue was
-// never free.
-std::optional<packets_inside> sum_up(flow_switch& sw, temporal_storage& final_records) {
-    ask_reader(sw, close_input);
+// What is in one lane; nothing when its cache is not free.
+std::optional<packets_inside> look_at(const flow_switch& sw) {
     flow_queue& queue = *sw.queue;
-    std::optional<packets_inside> inside;
+    if (!queue.lock.try_lock())
+        return {};
+    const packets_inside inside = {.exchange = packets_in_exchange(sw),
+                                   .cache = packets_in_cache(queue),
+                                   .final_records = packets_in_final_records(*queue.final_storage),
+                                   .difference = 0};
+    queue.lock.unlock();
+    return inside;
+}
+
+// What is in all of them, and whether their inputs are closed.
+std::optional<packets_inside> look_at_all(const flow_switch& first, bool& is_closed) {
+    packets_inside sum{};
+    is_closed = true;
+    for (const flow_switch* sw = &first; sw; sw = sw->next_lane) {
+        // Looked at first: what is counted before that is in what follows.
+        is_closed &= sw->is_closed.load(std::memory_order_acquire);
+        const auto inside = look_at(*sw);
+        if (!inside)
+            return {};
+        sum.exchange += inside->exchange;
+        sum.cache += inside->cache;
+        sum.final_records += inside->final_records;
+    }
+    return sum;
+}
+
+// Packets are on the move for as long as threads are at work, so a sum that does not come out even
+// is made again, up to a second or so. Returns what was found last; nothing when a queue was never
+// free.
+std::optional<packets_inside> sum_up(flow_switch& sw) {
+    ask_reader(sw, close_input);
+    ring_group final_records(final_rings(sw));
+    std::optional<packets_inside> last;
     uint64_t taken = 0;
     for (unsigned look = 0; look < looks_limit; ++look) {
         if (look > 0)
             taken += take_final_records(final_records);
-        // Looked at first: what is counted before that is in what follows.
-        const bool is_closed = sw.is_closed.load(std::memory_order_acquire);
-        if (!queue.lock.try_lock())
+        bool is_closed = false;
+        auto inside = look_at_all(sw, is_closed);
+        if (!inside)
             continue;
-        inside = {.exchange = packets_in_exchange(sw),
-                  .cache = packets_in_cache(queue),
-                  .final_records = taken + packets_in_final_records(final_records),
-                  .difference = 0};
+        inside->final_records += taken;
         inside->difference = difference_of(*inside);
-        queue.lock.unlock();
+        last = inside;
         if (inside->difference == 0 && is_closed)
             break;
     }
-    return inside;
+    return last;
 }
 
 // The table is short: what never came up is left out, and so is the state of things.
@@ -199,10 +227,10 @@ record_accounts::record_accounts(const run_configuration& run) : handed_(handed_
         exports_.emplace_back(entry);
 }
 
-void say_sum(const run_configuration& run, temporal_storage& final_records) {
+void say_sum(const run_configuration& run) {
     if (!verbose(0) || run.input_switch == nullptr)
         return;
-    const auto inside = sum_up(*run.input_switch, final_records);
+    const auto inside = sum_up(*run.input_switch);
     metrics_snapshot(
         [](void*, const metric_sample* sample) {
             if (is_worth_a_line(*sample))

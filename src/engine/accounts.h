@@ -75,6 +75,6 @@ class record_accounts {
 // Prints every counter that has counted at level 0, then what is still in the program, then each
 // difference in the sums of packets. Nothing more is read from the input and handed to the exports,
 // so that the packets stand still. Does nothing when such messages are not shown.
-void say_sum(const run_configuration& run, temporal_storage& final_records);
+void say_sum(const run_configuration& run);
 
 }  // namespace kestrel

@@ -21,8 +21,11 @@ struct engine {
     uint32_t slot_extra;
     // queue_init (kestrelexp/flow.h) or another function of its form.
     decltype(&queue_init) make_queue;
-    // Once the input is initialised and before any other thread runs.
-    void (*start_clock)(flow_switch& flow_switch, const plugin_operations& input);
+    // Initialises the input. sw_init (kestrelexp/flow.h) or another function of its form.
+    decltype(&sw_init) make_switch;
+    // Once the input is initialised, in the scope of its metrics label, and before any other
+    // thread runs but the remover.
+    void (*prepare)(flow_switch& flow_switch, const run_configuration& run);
     // Body of the flow thread; argument: the switch.
     void* (*flow_thread)(void* flow_switch);
     // Runs on the main thread; comes back only when a global filter rejects a record.

@@ -1,6 +1,7 @@
 // The table of the ways of running. Main thread, while the program starts.
 #include "base/packet_clock.h"
 #include "engine/engine.h"
+#include "engine/lanes.h"
 #include "engine/record_loop.h"
 #include "engine/replay.h"
 #include "engine/signals.h"
@@ -39,19 +40,29 @@ bool serves_all(const run_configuration&, const input_plugin*) {
     return true;
 }
 
-void keep_system_clock(flow_switch&, const plugin_operations&) {}
+void prepare_nothing(flow_switch&, const run_configuration&) {}
+
+void start_clock(flow_switch& sw, const run_configuration& run) {
+    replay_start_clock(sw, operations_of(run.registry, chosen_input(run)->desc));
+}
+
+bool gives_batches(const run_configuration& run, const input_plugin* input) {
+    return input != nullptr && operations_of(run.registry, input->desc).get_batch != nullptr;
+}
 
 // The time of a replay runs faster than any clock; jumps of the wall clock are not its own.
 void ignore_clock_jump() {}
 
 constexpr engine engines[] = {
-    {"replay", has_clock, chosen_size, sizeof(replay_stamp), replay_queue_init, replay_start_clock,
-     replay_loop, replay_record_loop, replay_stop, ignore_clock_jump},
-    {"final flows", delivers_final_flows, token_size, 0, queue_init, keep_system_clock,
+    {"replay", has_clock, chosen_size, sizeof(replay_stamp), replay_queue_init, sw_init,
+     start_clock, replay_loop, replay_record_loop, replay_stop, ignore_clock_jump},
+    {"lanes", gives_batches, chosen_size, 0, lanes_queue_init, lanes_switch_init, lanes_prepare,
+     lanes_loop, main_record_loop, request_flush, flush_for_clock_jump},
+    {"final flows", delivers_final_flows, token_size, 0, queue_init, sw_init, prepare_nothing,
      plugin_final_flow_loop, main_record_loop, request_flush, flush_for_clock_jump},
-    {"direct", shows_frames, chosen_size, 0, queue_init, keep_system_clock, sw_direct_loop,
+    {"direct", shows_frames, chosen_size, 0, queue_init, sw_init, prepare_nothing, sw_direct_loop,
      main_record_loop, request_flush, flush_for_clock_jump},
-    {"split", serves_all, chosen_size, 0, queue_init, keep_system_clock, sw_split_loop,
+    {"split", serves_all, chosen_size, 0, queue_init, sw_init, prepare_nothing, sw_split_loop,
      main_record_loop, request_flush, flush_for_clock_jump},
 };
 

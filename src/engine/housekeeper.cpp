@@ -25,7 +25,7 @@ constexpr uint64_t held_up_ns = ns_per_second;
 
 struct house {
     flow_switch& sw;
-    temporal_storage& final_records;
+    std::vector<temporal_storage*> final_records;
     loss_report losses;
     service_watch watch;
     uint64_t beats = 0;  // of the record loop, at the round before
@@ -42,14 +42,23 @@ bool has_record_loop_shown(house& self) {
 }
 
 // It may wait for room while finished flows wait for the record loop, whose beats count then.
-bool is_reader_excused(const house& self) {
-    const uint64_t taken = storage_taken(self.final_records);
-    const uint64_t waiting = storage_committed(self.final_records) - taken;
-    return waiting * 2 >= self.final_records.producer.count;
+bool is_reader_excused(const flow_switch& sw) {
+    const temporal_storage& final_records = *sw.queue->final_storage;
+    const uint64_t taken = storage_taken(final_records);
+    const uint64_t waiting = storage_committed(final_records) - taken;
+    return waiting * 2 >= final_records.producer.count;
+}
+
+// Those of all lanes.
+bool have_readers_shown(const flow_switch& first) {
+    for (const flow_switch* sw = &first; sw; sw = sw->next_lane)
+        if (!has_reader_served(*sw) && !is_reader_excused(*sw))
+            return false;
+    return true;
 }
 
 void tell_manager(house& self) {
-    const bool has_reader_shown = has_reader_served(self.sw) || is_reader_excused(self);
+    const bool has_reader_shown = have_readers_shown(self.sw);
     switch (self.watch.round(has_reader_shown, has_record_loop_shown(self), system_uptime_ns())) {
         case service_word::none:
             return;
@@ -67,13 +76,14 @@ void tell_manager(house& self) {
 void do_round(house& self) {
     tell_manager(self);
     ask_reader(self.sw, count_undelivered);
-    storage_show(self.final_records);
+    for (const temporal_storage* final_records : self.final_records)
+        storage_show(*final_records);
     if (const auto* exchange = self.sw.exchange.load(std::memory_order_acquire))
         storage_show(*exchange);
     flow_queue& queue = *self.sw.queue;
     const uint64_t now_ns = timer_get_nsec();
     if (is_remover_held_up(queue, now_ns))
-        queue.statistics.print_if_due(queue.counters, now_ns / ns_per_second);
+        queue.statistics.print_if_due(now_ns / ns_per_second);
     self.losses.say_if_due(system_uptime_ns());
 }
 
@@ -89,9 +99,10 @@ void* keep_house(void* argument) {
 
 }  // namespace
 
-void start_housekeeper(flow_switch& sw, temporal_storage& final_records) {
-    auto* const self = make_lifelong<house>(house{
-        sw, final_records, loss_report(system_uptime_ns()), service_watch(service_watchdog_ns())});
+void start_housekeeper(flow_switch& sw) {
+    auto* const self =
+        make_lifelong<house>(house{sw, final_rings(sw), loss_report(system_uptime_ns()),
+                                   service_watch(service_watchdog_ns())});
     if (!start_thread(keep_house, self))
         die(exit_config, "Unable to create housekeeper thread");
 }

@@ -5,11 +5,11 @@
 #pragma once
 
 #include "engine/switch.h"
-#include "flow/ring.h"
 
 namespace kestrel {
 
-// Starts the thread. Both are borrowed for the rest of the run. Ends the program when it cannot.
-void start_housekeeper(flow_switch& sw, temporal_storage& final_records);
+// Starts the thread. The switch (of the first lane) is borrowed for the rest of the run. Ends the
+// program when it cannot.
+void start_housekeeper(flow_switch& sw);
 
 }  // namespace kestrel

@@ -17,8 +17,9 @@
 #include "engine/replay_stamp.h"
 #include "engine/run_configuration.h"
 #include "engine/signals.h"
+#include "engine/switch.h"
 #include "flow/flush_request.h"
-#include "flow/ring.h"
+#include "flow/ring_group.h"
 #include "flow/slot_record.h"
 #include "kestrelexp/program.h"
 #include "kestrelexp/storage.h"
@@ -128,26 +129,33 @@ bool flush_when_idle(dispatcher& self) {
     return true;
 }
 
-// Whether no flush is pending and every record that the last one put into the storage was taken.
-bool is_flush_exported(const temporal_storage& storage) {
-    return !is_flush_pending() && storage_taken(storage) >= storage_flushed(storage);
+// Whether no flush is pending and every record that the last one put into the rings was taken.
+bool is_flush_exported(const ring_group& rings) {
+    return !is_flush_pending() && rings.is_flush_taken();
 }
 
 // Whether the run is over: an interrupt has come and all flushed flows were exported. What was
 // flushed because the clock jumped still belongs to the start-up time from before; what comes after
 // it to the one from now.
-bool is_stop_due(const temporal_storage& storage) {
+bool is_stop_due(const ring_group& rings) {
     const bool is_exit_wanted = exit_requested.load(std::memory_order_relaxed) != 0;
     if (!is_exit_wanted && !is_clock_jump_pending()) [[likely]]
         return false;
     report_interrupt();
-    if (!is_flush_exported(storage))
+    if (!is_flush_exported(rings))
         return false;
     if (is_clock_jump_pending()) {
         take_clock_jump();
         (void)timer_startup_time_update();  // the uptime that it returns is not needed
     }
     return is_exit_wanted;
+}
+
+// Those of the lanes where there are several; storage is that of the first.
+std::vector<temporal_storage*> rings_of(const run_configuration& configuration,
+                                        temporal_storage* storage) {
+    const flow_switch* const sw = configuration.input_switch;
+    return sw == nullptr || sw->next_lane == nullptr ? std::vector{storage} : final_rings(*sw);
 }
 
 [[noreturn]] void say_farewell(int status) {
@@ -200,14 +208,14 @@ int replay_record_loop(temporal_storage* storage, unsigned record_size,
         if (stamp.ended != nullptr) {
             flush_exports(self);
             say_totals(*stamp.ended, out);
-            say_sum(*configuration, *storage);
+            say_sum(*configuration);
             say_farewell(stamp.ended->has_failed ? exit_input_failed : exit_ok);
         }
         flow_record& record = flow.in(slot);
         out.flows += 1;
         out.packets += record.packets;
         if (const int32_t rejection = deliver(self, &record); rejection != 0) {
-            say_sum(*configuration, *storage);
+            say_sum(*configuration);
             return rejection;
         }
     }
@@ -220,20 +228,21 @@ int main_record_loop(temporal_storage* storage, unsigned record_size,
     using namespace kestrel;
     dispatcher self(*configuration);
     const slot_record flow(record_size);
+    ring_group rings(rings_of(*configuration, storage));
 
     own_heartbeat = &record_loop_heartbeat;
     do {
         record_loop_heartbeat.beat();
-        void* const slot = temporal_storage_get(storage, get_timeout_ms);
+        void* const slot = rings.get(get_timeout_ms);
         if (slot == nullptr)
             (void)flush_when_idle(self);
         else if (const int32_t rejection = deliver(self, &flow.in(slot)); rejection != 0) {
-            say_sum(*configuration, *storage);
+            say_sum(*configuration);
             return rejection;
         }
-    } while (!is_stop_due(*storage));
+    } while (!is_stop_due(rings));
 
     flush_exports(self);
-    say_sum(*configuration, *storage);
+    say_sum(*configuration);
     say_farewell(exit_ok);
 }

@@ -116,7 +116,8 @@ uint64_t idle_ticks(const replay& r, uint64_t ticks) {
         ticks -= step;
         r.ticked += step * tick_ns;
         r.queue.now.store(r.ticked, std::memory_order_relaxed);
-        queue_age(r.queue, r.age, step, r.ticked);
+        if (queue_age(r.queue, r.age, step, r.ticked))
+            r.queue.statistics.print_if_due(r.ticked / ns_per_second);
     }
 }
 
@@ -205,6 +206,7 @@ void* replay_loop(void* argument) {
     flow_queue& queue = *sw.queue;
     const uint64_t start = clock_of(sw);
     queue.now.store(start, std::memory_order_relaxed);
+    queue_start_statistics(queue, start);
     auto& r = *make_lifelong<replay>(replay{
         .sw = sw,
         .queue = queue,
@@ -213,7 +215,7 @@ void* replay_loop(void* argument) {
         .now = start,
         .reached = start,
         .ticked = start,
-        .age = queue_start_ageing(queue, start),
+        .age = queue_start_ageing(queue),
         .totals = make_lifelong<replay_totals>(),
         .has_ended = false,
         // Process plugins are to see the frame of the record in hand.

@@ -229,6 +229,12 @@ bool init_input(input_mode mode, bool needs_packets, input_plugin& input) {
         verbose_msg(3, "trying to init final flow plugin");
     else
         verbose_msg(3, "trying to init plugin: %i", static_cast<int>(mode));
+    return switch_init_input(needs_packets, input);
+}
+
+}  // namespace
+
+bool switch_init_input(bool needs_packets, input_plugin& input) {
     input.instance = input.init(input.params, needs_packets, input.data_offset);
     if (!input.instance) {
         verbose_msg(-1, "Unable to init plugin");
@@ -238,14 +244,27 @@ bool init_input(input_mode mode, bool needs_packets, input_plugin& input) {
     return true;
 }
 
-}  // namespace
+std::vector<temporal_storage*> final_rings(const flow_switch& first) {
+    std::vector<temporal_storage*> rings;
+    for (const flow_switch* sw = &first; sw; sw = sw->next_lane)
+        rings.push_back(sw->queue->final_storage);
+    return rings;
+}
+
+void switch_connect(flow_switch& sw, flow_queue& queue, const input_plugin& input, uint32_t lane) {
+    sw.queue = &queue;
+    sw.counters = input_counters(metrics_label());
+    sw.instance = input.instance;
+    sw.context = input.instance;
+    sw.lane = lane;
+}
 
 [[gnu::noinline]] bool serve_requests(flow_switch& sw) {
     const uint32_t requests = sw.requests.fetch_and(~count_undelivered, std::memory_order_relaxed);
     if (sw.counts != nullptr) {
         input_counts now{};
         now.is_up = 1;
-        sw.counts(sw.instance, 0, &now);
+        sw.counts(sw.instance, sw.lane, &now);
         sw.counters.take(now);
     }
     const bool is_last = (requests & close_input) != 0;
@@ -287,11 +306,8 @@ flow_switch* sw_init(flow_queue* queue, uint32_t flow_mask, int needs_packets,
     if (!init_input(mode, needs_packets != 0, *input))
         return nullptr;
     auto* sw = make_lifelong<flow_switch>();
-    sw->queue = queue;
-    sw->counters = input_counters(metrics_label());
+    switch_connect(*sw, *queue, *input, 0);
     sw->needs_packets = needs_packets != 0;
-    sw->context = input->instance;
-    sw->instance = input->instance;
     if (mode == input_mode::packets) {
         sw->reader = packet_to_flow_reader;
         sw->context = plugin_flow_reader_init(input);

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <atomic>
+#include <vector>
 
 #include "contract/operations.h"
 #include "flow/flow_cache.h"
@@ -29,6 +30,10 @@ struct flow_switch {
     kestrel::frame_ring* frames;       // made by sw_split_loop when frames are needed, else null
     bool needs_packets;                // some process plugin looks at the packet of each record
     void* instance;                    // of the input
+    uint32_t lane;                     // queue of the input; see lanes.h
+    input_batch_function* get_batch;   // of inputs with queues, else null
+    uint32_t sampling;                 // of the input, where it gives batches
+    flow_switch* next_lane;            // of the same input; null after the last
     input_counters_function* counts;   // what it did not deliver; may be null
     kestrel::input_counters counters;  // written by the thread that calls the input
     // A sum of kestrel::reader_request, for the thread that calls the input; it looks at them
@@ -45,9 +50,10 @@ enum reader_request : uint32_t {
     close_input = 2,        // and read no more, as the program ends
 };
 
-// Any thread.
-inline void ask_reader(flow_switch& sw, reader_request request) {
-    sw.requests.fetch_or(request, std::memory_order_relaxed);
+// Any thread. Asks the reader of each lane, from this one on.
+inline void ask_reader(flow_switch& first, reader_request request) {
+    for (flow_switch* sw = &first; sw; sw = sw->next_lane)
+        sw->requests.fetch_or(request, std::memory_order_relaxed);
 }
 
 // What is left to do for the thread that calls the input, once there is a request. Returns whether
@@ -69,6 +75,15 @@ inline bool reads_on(flow_switch& sw) {
         return true;
     return serve_requests(sw);
 }
+
+// The rings of finished flows of all lanes, from this one on.
+std::vector<temporal_storage*> final_rings(const flow_switch& first);
+
+// Fills a new switch for an input that is initialised, in the scope of the input's metrics label.
+void switch_connect(flow_switch& sw, flow_queue& queue, const input_plugin& input, uint32_t lane);
+
+// Initialises the input plugin. Returns whether it could.
+bool switch_init_input(bool needs_packets, input_plugin& input);
 
 // What the input offers beyond its entry points. While the program starts, in the scope of the
 // input's metrics label.

@@ -33,9 +33,25 @@ class remover_lock {
     flow_queue& queue_;
 };
 
-void tick(flow_queue& queue) {
-    usleep(tick_ns / ns_per_us);
-    queue.now.store(timer_get_nsec(), std::memory_order_relaxed);
+int remove_all(flow_queue& queue) {
+    int removed = 0;
+    for (uint32_t slot = 0; slot < queue.size; ++slot) {
+        if (!occupied(queue.keys[slot]))
+            continue;
+        queue_remove_record(&queue, slot, REMOVAL_FORCED);
+        ++removed;
+    }
+    queue_publish(queue);
+    return removed;
+}
+
+// Queues of live inputs have their locks; who has none to share (a replay) takes them all the same.
+int flush_locked(flow_queue& queue) {
+    const remover_lock locked(queue);
+    const int removed = remove_all(queue);
+    queue.final_storage->flushed.store(storage_committed(*queue.final_storage),
+                                       std::memory_order_relaxed);
+    return removed;
 }
 
 void end_pass(flow_queue& queue, ageing& state, uint64_t now) {
@@ -47,7 +63,6 @@ void end_pass(flow_queue& queue, ageing& state, uint64_t now) {
     }
     if (verbose(3))
         verbose_msg(3, "queue check end %lu", timer_get_nsec());
-    queue.statistics.print_if_due(queue.counters, now / ns_per_second);
     state.ticks_left = queue_pass_ticks(queue);
 }
 
@@ -68,32 +83,40 @@ void queue_restart_scan(flow_queue& queue, uint64_t now) {
     queue.scan_cursor = static_cast<int32_t>(queue.size) - 1;
 }
 
-ageing queue_start_ageing(flow_queue& queue, uint64_t now) {
+void queue_start_statistics(flow_queue& queue, uint64_t now) {
     verbose_msg(0, "timeouts: %lu %lu", queue.active_timeout, queue.inactive_timeout);
     queue.statistics.start(now / ns_per_second);
-    return {queue_pass_ticks(queue)};
 }
 
-void queue_age(flow_queue& queue, ageing& state, uint64_t ticks, uint64_t now) {
+bool queue_age(flow_queue& queue, ageing& state, uint64_t ticks, uint64_t now) {
     state.ticks_left -= ticks;
-    if (state.ticks_left == 0)
-        end_pass(queue, state, now);
+    if (state.ticks_left != 0)
+        return false;
+    end_pass(queue, state, now);
+    return true;
 }
 
-bool queue_serve_flush_request(flow_queue& queue) {
+bool serve_flush_request(std::span<flow_queue* const> queues) {
     if (!is_flush_pending())
         return false;
     do {
         const uint32_t request = begin_flush();
-        {
-            const remover_lock locked(queue);
-            queue_flush(&queue);
-            queue.final_storage->flushed.store(storage_committed(*queue.final_storage),
-                                               std::memory_order_relaxed);
-        }
+        verbose_msg(-1, "Flushing queue");
+        int removed = 0;
+        for (flow_queue* queue : queues)
+            removed += flush_locked(*queue);
+        verbose_msg(-1, "Queue flushed. %i records out.", removed);
         end_flush(request);
     } while (is_flush_pending());
     return true;
+}
+
+uint64_t tick(std::span<flow_queue* const> queues) {
+    usleep(tick_ns / ns_per_us);
+    const uint64_t now = timer_get_nsec();
+    for (flow_queue* queue : queues)
+        queue->now.store(now, std::memory_order_relaxed);
+    return now;
 }
 
 }  // namespace kestrel
@@ -104,25 +127,22 @@ void queue_flush(flow_queue* queue) {
     int removed = 0;
     if (queue->size >= 1) {
         verbose_msg(-1, "Flushing queue");
-        for (uint32_t slot = 0; slot < queue->size; ++slot) {
-            if (!occupied(queue->keys[slot]))
-                continue;
-            queue_remove_record(queue, slot, REMOVAL_FORCED);
-            ++removed;
-        }
+        removed = remove_all(*queue);
     }
-    queue_publish(*queue);
     verbose_msg(-1, "Queue flushed. %i records out.", removed);
 }
 
 void* queue_remover(void* argument) {
     auto& queue = *static_cast<flow_queue*>(argument);
+    flow_queue* const queues[] = {&queue};
     (void)pthread_setname_np(pthread_self(), "remover");  // a name for top -H, no more
-    ageing state = queue_start_ageing(queue, timer_get_nsec());
+    queue_start_statistics(queue, timer_get_nsec());
+    ageing state = queue_start_ageing(queue);
     for (;;) {
-        tick(queue);
-        if (queue_serve_flush_request(queue))
+        const uint64_t now = tick(queues);
+        if (serve_flush_request(queues))
             queue.statistics.postpone(timer_get_sec());
-        queue_age(queue, state, 1, queue.now.load(std::memory_order_relaxed));
+        if (queue_age(queue, state, 1, now))
+            queue.statistics.print_if_due(now / ns_per_second);
     }
 }

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 
 #include "flow/flow_cache.h"
 
@@ -32,15 +33,29 @@ uint64_t queue_pass_ticks(const flow_queue& queue);
 // every third one finishes its scan itself.
 inline constexpr uint64_t idle_passes_cycle = 3;
 
-// The ageing of a queue from now (ns) on; tells of the timeouts at level 0.
-ageing queue_start_ageing(flow_queue& queue, uint64_t now);
+// The ageing of a queue from now on.
+inline ageing queue_start_ageing(const flow_queue& queue) {
+    return {queue_pass_ticks(queue)};
+}
 
-// So many ticks have passed, at most those left of the pass; it is now (ns).
-void queue_age(flow_queue& queue, ageing& state, uint64_t ticks, uint64_t now);
+// The first line of statistics is an interval away from now (ns); tells of the timeouts at level 0.
+void queue_start_statistics(flow_queue& queue, uint64_t now);
 
-// Flushes the queue when a flush is pending (flush_request.h), again while requests come in
+// So many ticks have passed, at most those left of the pass; it is now (ns). Returns whether the
+// pass has ended, which is when a line of statistics may be due.
+bool queue_age(flow_queue& queue, ageing& state, uint64_t ticks, uint64_t now);
+
+// Flushes the queues when a flush is pending (flush_request.h), again while requests come in
 // meanwhile. Whoever waits for the flushed records counts them: they are in the final storage by
 // then, and nobody has to take them for the request to be done. Returns whether there was one.
-bool queue_serve_flush_request(flow_queue& queue);
+bool serve_flush_request(std::span<flow_queue* const> queues);
+inline bool queue_serve_flush_request(flow_queue& queue) {
+    flow_queue* const queues[] = {&queue};
+    return serve_flush_request(queues);
+}
+
+// A tick of the system's clock for queues that age by it: sleeps, then sets their clocks.
+// Returns now (ns).
+uint64_t tick(std::span<flow_queue* const> queues);
 
 }  // namespace kestrel

@@ -340,13 +340,13 @@ TEST_F(Remover, AReportTellsWhatHasComeSinceTheLastOne) {
     make();
     start_flows(3);
     update(key_of(2), {.end = 99});
-    const cache_report report = queue_->statistics.take(queue_->counters);
+    const cache_report report = queue_->statistics.take();
     EXPECT_EQ(4u, report.packets);
     EXPECT_EQ(160u, report.bytes);
     EXPECT_EQ(3u, report.record_count);
     EXPECT_EQ(1u, report.flows);
     EXPECT_EQ(1u, report.collisions);
-    const cache_report next = queue_->statistics.take(queue_->counters);
+    const cache_report next = queue_->statistics.take();
     EXPECT_EQ(0u, next.packets);
     EXPECT_EQ(0u, next.bytes);
     EXPECT_EQ(0u, next.flows);

@@ -20,7 +20,41 @@ T* slot_array(uint64_t slots, uint64_t bytes_per_slot, const char* directory, co
     return static_cast<T*>(big_array(slots * bytes_per_slot, directory, name));
 }
 
+void set_size(flow_queue& queue, uint32_t slots) {
+    queue.size = slots;
+    queue.bucket_mask = slots - bucket_slots;
+    queue.scan_cursor = static_cast<int32_t>(slots - 1);
+    const uint32_t blocks = (slots + block_slots - 1) / block_slots;
+    queue.block_flows = static_cast<uint16_t*>(malloc_wrapper(blocks * sizeof(uint16_t), 1));
+}
+
 }  // namespace
+
+std::vector<flow_queue*> queue_share_out(flow_queue& whole, uint32_t parts) {
+    std::vector<flow_queue*> others;
+    const uint32_t slots = whole.size / parts;
+    for (uint64_t part = 1; part < parts; ++part) {
+        auto* queue = others.emplace_back(make_lifelong<flow_queue>());
+        queue->now.store(whole.now.load(std::memory_order_relaxed), std::memory_order_relaxed);
+        queue->active_timeout = whole.active_timeout;
+        queue->inactive_timeout = whole.inactive_timeout;
+        queue->plugin_count = whole.plugin_count;
+        queue->plugins = whole.plugins;
+        queue->data_size = whole.data_size;
+        queue->record_size = whole.record_size;
+        queue->stride = whole.stride;
+        queue->directory = whole.directory;
+        queue->sink = whole.sink;
+        queue->records = whole.records + part * slots * whole.stride;
+        queue->fast = whole.fast + part * slots;
+        queue->keys = whole.keys + part * slots;
+        set_size(*queue, slots);
+        queue->counters = cache_counters(slots);
+    }
+    set_size(whole, slots);
+    whole.counters.set_slots(slots);
+    return others;
+}
 
 flow_queue* queue_create(int32_t size_exponent, uint64_t active_ns, uint64_t inactive_ns,
                          temporal_storage* final_storage, const char* directory, uint64_t data_size,
@@ -30,9 +64,7 @@ flow_queue* queue_create(int32_t size_exponent, uint64_t active_ns, uint64_t ina
     queue->inactive_timeout = inactive_ns;
     queue->plugin_count = plugin_count;
     queue->plugins = plugins;
-    queue->size = 1u << size_exponent;
-    queue->bucket_mask = queue->size - bucket_slots;
-    queue->scan_cursor = static_cast<int32_t>(queue->size - 1);
+    set_size(*queue, 1u << size_exponent);
     queue->data_size = data_size;
     queue->record_size = FLOW_RECORD_BASE_SIZE + data_size;
     queue->stride = record_stride(queue->record_size);
@@ -42,9 +74,8 @@ flow_queue* queue_create(int32_t size_exponent, uint64_t active_ns, uint64_t ina
     queue->records = slot_array<uint8_t>(queue->size, queue->stride, directory, "record");
     queue->fast = slot_array<fast_record>(queue->size, sizeof(fast_record), directory, "fast");
     queue->keys = slot_array<flow_key>(queue->size, sizeof(flow_key), directory, "crc");
-    const uint32_t blocks = (queue->size + block_slots - 1) / block_slots;
     queue->counters = cache_counters(queue->size);
-    queue->block_flows = static_cast<uint16_t*>(malloc_wrapper(blocks * sizeof(uint16_t), 1));
+    queue->statistics.watch({&queue->counters, 1});
     return queue;
 }
 

@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 #include "base/spinlock.h"
 #include "flow/flow_counters.h"
@@ -94,6 +95,11 @@ flow_sink queue_put_final;
 flow_queue* queue_create(int32_t size_exponent, uint64_t active_ns, uint64_t inactive_ns,
                          temporal_storage* final_storage, const char* directory, uint64_t data_size,
                          int32_t plugin_count, process_plugin* plugins);
+
+// Shares the slots of a queue that is still empty out among so many (a power of two): it becomes
+// the first part, the others are returned in their order, without a remover thread. The final
+// storage of each part is left to the caller. Before any other thread touches the queue.
+std::vector<flow_queue*> queue_share_out(flow_queue& whole, uint32_t parts);
 
 inline flow_record& queue_record(flow_queue& queue, uint32_t slot) {
     return *reinterpret_cast<flow_record*>(queue.records + slot * queue.stride);

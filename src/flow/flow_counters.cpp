@@ -103,7 +103,7 @@ void input_counters::take(const input_counts& now) {
 }
 
 cache_counters::cache_counters(uint32_t slots) : block_(cache_rows, nullptr) {
-    block_.set(cache_metric::slots, slots);
+    set_slots(slots);
 }
 
 uint64_t cache_counters::removed_flows() const {

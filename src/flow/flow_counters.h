@@ -122,6 +122,7 @@ class cache_counters {
         block_.set(cache_metric::bytes, tally.bytes);
         block_.set(cache_metric::flows, flows);
     }
+    void set_slots(uint32_t slots) const { block_.set(cache_metric::slots, slots); }
     // A flow has left; reason: enum removal_reason, or a plugin's own.
     void add_removed(const flow_record& flow, int32_t reason) const {
         const uint32_t row = std::min(static_cast<uint32_t>(reason), other_removals);

@@ -21,6 +21,14 @@ uint64_t process_cpu_ms() {
     return ms(usage.ru_utime) + ms(usage.ru_stime);
 }
 
+void add(cache_report& report, const cache_counters& cache) {
+    report.packets += cache.value(cache_metric::records);
+    report.bytes += cache.value(cache_metric::bytes);
+    report.flows += cache.removed_flows();
+    report.collisions += cache.collided_flows();
+    report.record_count += static_cast<uint32_t>(cache.value(cache_metric::flows));
+}
+
 }  // namespace
 
 void print_report(const cache_report& report, uint64_t now_s, uint64_t elapsed_s, uint64_t cpu_ms) {
@@ -45,32 +53,27 @@ void statistics_line::postpone(uint64_t now_s) {
     next_s_ = now_s + interval_s;
 }
 
-void statistics_line::print_if_due(const cache_counters& counters, uint64_t now_s) {
+void statistics_line::print_if_due(uint64_t now_s) {
     const std::scoped_lock locked(lock_);
     if (now_s <= next_s_)
         return;
     const uint64_t elapsed_s = now_s > last_s_ ? now_s - last_s_ : 1;
     const uint64_t cpu_ms = process_cpu_ms();
-    print_report(take_locked(counters), now_s, elapsed_s, cpu_ms - last_cpu_ms_);
+    print_report(take_locked(), now_s, elapsed_s, cpu_ms - last_cpu_ms_);
     last_s_ = now_s;
     next_s_ = now_s + interval_s;
     last_cpu_ms_ = cpu_ms;
 }
 
-cache_report statistics_line::take(const cache_counters& counters) {
+cache_report statistics_line::take() {
     const std::scoped_lock locked(lock_);
-    return take_locked(counters);
+    return take_locked();
 }
 
-cache_report statistics_line::take_locked(const cache_counters& counters) {
-    const cache_report now = {
-        .packets = counters.value(cache_metric::records),
-        .bytes = counters.value(cache_metric::bytes),
-        .flows = counters.removed_flows(),
-        .collisions = counters.collided_flows(),
-        .invalid = 0,
-        .record_count = static_cast<uint32_t>(counters.value(cache_metric::flows)),
-    };
+cache_report statistics_line::take_locked() {
+    cache_report now{};
+    for (const cache_counters& cache : caches_)
+        add(now, cache);
     const cache_report before = std::exchange(told_, now);
     return {
         .packets = now.packets - before.packets,

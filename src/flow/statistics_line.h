@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <mutex>
+#include <span>
 
 #include "flow/flow_counters.h"
 
@@ -26,16 +27,20 @@ void print_report(const cache_report& report, uint64_t now_s, uint64_t elapsed_s
 // these; they wait for each other, and while a line is written.
 class statistics_line {
   public:
+    // The caches that it tells of, borrowed for the rest of the run. Before any other thread runs.
+    void watch(std::span<const cache_counters> caches) { caches_ = caches; }
+
     // Times in seconds since the epoch.
     void start(uint64_t now_s);
     void postpone(uint64_t now_s);
-    void print_if_due(const cache_counters& counters, uint64_t now_s);
+    void print_if_due(uint64_t now_s);
     // What has been counted since the last report.
-    cache_report take(const cache_counters& counters);
+    cache_report take();
 
   private:
-    cache_report take_locked(const cache_counters& counters);
+    cache_report take_locked();
 
+    std::span<const cache_counters> caches_;
     std::mutex lock_;
     uint64_t last_s_ = 0;
     uint64_t next_s_ = UINT64_MAX;  // not started

@@ -314,7 +314,7 @@ class two_queues {
 
     void take_report() {
         kestrel::queue_publish(*real_);  // as who let go of the lock would have
-        const kestrel::cache_report report = real_->statistics.take(real_->counters);
+        const kestrel::cache_report report = real_->statistics.take();
         EXPECT_EQ(model_.statistics.packets - reported_.packets, report.packets);
         EXPECT_EQ(model_.statistics.bytes - reported_.bytes, report.bytes);
         EXPECT_EQ(model_.statistics.flows - reported_.flows, report.flows);
