@@ -18,6 +18,12 @@ uint64_t system_uptime_ns() {
     return static_cast<uint64_t>(now.tv_sec) * ns_per_second + static_cast<uint64_t>(now.tv_nsec);
 }
 
+uint64_t system_wall_s() {
+    timespec now;
+    (void)clock_gettime(CLOCK_REALTIME, &now);  // cannot fail with this clock
+    return static_cast<uint64_t>(now.tv_sec);
+}
+
 namespace {
 
 uint64_t system_wall_ns() {

@@ -27,6 +27,8 @@ void set_clock_source(const clock_source* source);
 
 // The system's own uptime, in a replay as well: for how long the program itself waited.
 uint64_t system_uptime_ns();
+// The system's own time (s since the epoch), in a replay as well: for whoever looks at the program.
+uint64_t system_wall_s();
 
 // Blocks the calling thread for so many ns, or until the program is asked to stop (base/stop.h).
 // Signals as such are handled meanwhile and do not shorten the sleep.

@@ -50,20 +50,25 @@ class send_account {
                    std::exchange(pending_records_, 0));
         block_.add(is_sent ? send_metric::packets : send_metric::unsent_packets,
                    std::exchange(pending_packets_, 0));
-        block_.set(send_metric::is_up, is_sent ? 1 : 0);
+        block_.set(send_metric::is_up, is_sent && was_sent_ ? 1 : 0);
+        was_sent_ = is_sent;
         if (is_sent)
-            block_.set(send_metric::last_success_s, timer_get_sec());
+            block_.set(send_metric::last_success_s, system_wall_s());
     }
     // A connection that broke was replaced.
-    void add_reconnect() const {
+    void add_reconnect() {
         block_.add(send_metric::reconnects);
         block_.set(send_metric::is_up, 1);
+        was_sent_ = true;
     }
 
   private:
     counter_block<send_metric> block_;
     uint64_t pending_records_ = 0;
     uint64_t pending_packets_ = 0;
+    // Of the last message. With UDP a failure tells that nobody listened to the message before, so
+    // one that the system takes after it shows nothing yet.
+    bool was_sent_ = true;
 };
 
 }  // namespace kestrel
