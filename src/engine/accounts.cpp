@@ -50,6 +50,13 @@ constexpr metric_row kept_back_rows[] = {
     {lost_packets_name, lost_packets_help, "reason=\"sampling\"", METRIC_COUNTER},
 };
 
+constexpr metric_row filter_rows[] = {
+    {"kestrelexp_filter_rejected_records_total", "Records that a filter of an export rejected.",
+     nullptr, METRIC_COUNTER},
+    {"kestrelexp_filter_rejected_packets_total", "Packets in these records.", nullptr,
+     METRIC_COUNTER},
+};
+
 constexpr metric_row answer_rows[] = {
     {sent_records_name, "Records that the export has sent.", nullptr, METRIC_COUNTER},
     {sent_packets_name, "Packets in the records that the export has sent.", nullptr,
@@ -204,6 +211,13 @@ void say_inside(const packets_inside& inside) {
     say_difference("", inside.difference);
 }
 
+// The filter's name and its position among those of the export.
+std::string label_of_filter(const export_entry& entry, size_t position) {
+    const char* const name = entry.filters[position].desc()->name;
+    return entry.label + "," +
+           metric_label("filter", std::string(name) + "-" + std::to_string(position));
+}
+
 int64_t difference_of(const export_entry& entry) {
     return static_cast<int64_t>(metrics_sum(handed_packets_name, "") -
                                 metrics_sum(sent_packets_name, entry.label) -
@@ -217,6 +231,8 @@ export_account::export_account(const export_entry& entry)
       keeps_own_account_(metrics_known(sent_packets_name, entry.label)) {
     if (!keeps_own_account_)
         answers_ = counter_block<answer_metric>(answer_rows, entry.label.c_str());
+    for (size_t position = 0; position < entry.filters.size(); ++position)
+        filters_.emplace_back(filter_rows, label_of_filter(entry, position).c_str());
     if (!metrics_known(export_up_name, entry.label))
         counter_block<export_state_metric>(export_state_rows, entry.label.c_str())
             .set(export_state_metric::is_up, 1);

@@ -20,6 +20,7 @@ enum class kept_back_metric {
     unsampled_packets,
     count
 };
+enum class filter_metric { records, packets, count };
 enum class answer_metric { records, packets, refused_records, refused_packets, count };
 enum class export_state_metric { is_up, count };
 
@@ -29,9 +30,12 @@ class export_account {
     // entry: an export that is initialised.
     explicit export_account(const export_entry& entry);
 
-    void add_filtered(uint64_t packets) const {
+    // filter: the position of the one that rejected the record, among the export's.
+    void add_filtered(size_t filter, uint64_t packets) const {
         kept_back_.add(kept_back_metric::filtered_records);
         kept_back_.add(kept_back_metric::filtered_packets, packets);
+        filters_[filter].add(filter_metric::records);
+        filters_[filter].add(filter_metric::packets, packets);
     }
     void add_unsampled(uint64_t packets) const {
         kept_back_.add(kept_back_metric::unsampled_records);
@@ -47,6 +51,7 @@ class export_account {
 
   private:
     counter_block<kept_back_metric> kept_back_;
+    std::vector<counter_block<filter_metric>> filters_;
     counter_block<answer_metric> answers_;
     bool keeps_own_account_;
 };

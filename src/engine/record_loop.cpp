@@ -33,12 +33,16 @@ constexpr uint32_t not_exported = 0xFFFFFFFF;  // what an export answers
 // Of a replay: in a longer silence the exports have nothing more to say.
 constexpr unsigned silence_flushes_limit = 16;
 
-// The first non-zero answer of a filter, or 0 when all keep the record.
-inline int32_t run_filters(std::span<const filter_plugin> filters, flow_record* record) {
-    for (const filter_plugin& filter : filters)
-        if (const int32_t result = filter.filter(filter.instance, record); result != 0)
-            return result;
-    return 0;
+struct verdict {
+    int32_t rejection;  // the first non-zero answer of a filter; 0: all keep the record
+    size_t position;    // of the filter that gave it
+};
+
+inline verdict run_filters(std::span<const filter_plugin> filters, flow_record* record) {
+    for (size_t n = 0; n < filters.size(); ++n)
+        if (const int32_t result = filters[n].filter(filters[n].instance, record); result != 0)
+            return {result, n};
+    return {0, filters.size()};
 }
 
 // Returns whether the export took the record.
@@ -69,8 +73,8 @@ inline bool dispatch(const export_entry& entry, const export_account& account, f
         record->inputsnmp = entry.snmp_input_if;
     if (entry.snmp_output_if != SNMP_INTERFACE_UNSET)
         record->outputsnmp = entry.snmp_output_if;
-    if (run_filters(entry.filters, record) != 0) {
-        account.add_filtered(packets);
+    if (const verdict found = run_filters(entry.filters, record); found.rejection != 0) {
+        account.add_filtered(found.position, packets);
         return false;
     }
     if (entry.sampling_rate == 0) {
@@ -103,7 +107,8 @@ struct dispatcher {
 // Returns a global filter's rejection, or 0.
 inline int32_t deliver(dispatcher& self, flow_record* record) {
     // A global filter is expected to keep everything; one that does not ends the run.
-    if (const int32_t rejection = run_filters(self.global_filters, record); rejection != 0) {
+    const int32_t rejection = run_filters(self.global_filters, record).rejection;
+    if (rejection != 0) {
         self.accounts.add_rejected(record->packets);
         return rejection;
     }

@@ -52,8 +52,14 @@ export_entry make_export(const char* name) {
     return entry;
 }
 
+const plugin_description* filter_description() {
+    static constexpr plugin_description description{"tested", "", 0, 0};
+    return &description;
+}
+
 filter_plugin make_filter(filter_filter_function* filter, intptr_t instance = 0) {
     filter_plugin plugin{};
+    plugin.desc = filter_description;
     plugin.filter = filter;
     plugin.instance = reinterpret_cast<void*>(instance);
     return plugin;

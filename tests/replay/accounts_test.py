@@ -113,6 +113,19 @@ class Accounts(ReplayCase):
         self.assertEqual((found.total(SENT, FIRST), packets_in(collector.finish())), (3, 3))
         self.assertEqual((found.total(SENT, SECOND), found.total(LOST, SECOND)), (15, 0))
 
+    def test_it_is_told_which_filter_rejected(self):
+        first = self.file("src port 1001\nsrc port 1002\n", "first")
+        second = self.file("src port 1001\n", "second")
+        found = self.run_over([v4(1001)] * 3 + [v4(1002)] * 5 + [v4(1003)] * 7,
+                              "-F", f"filter:{first}", "-F", f"filter:{second}", "-E", "null")
+        told = {(name, labels): value for (name, labels), value in found.values.items()
+                if name.startswith("kestrelexp_filter_")}
+        self.assertEqual(told, {
+            ("kestrelexp_filter_rejected_records_total", 'export="null-0",filter="filter-0"'): 1,
+            ("kestrelexp_filter_rejected_packets_total", 'export="null-0",filter="filter-0"'): 7,
+            ("kestrelexp_filter_rejected_records_total", 'export="null-0",filter="filter-1"'): 1,
+            ("kestrelexp_filter_rejected_packets_total", 'export="null-0",filter="filter-1"'): 5})
+
     def test_what_an_export_samples_out_is_lost_to_it(self):
         # Single-packet flows; of the records 0 to 9 those are taken that 3 divides.
         collector = self.collector()
