@@ -143,6 +143,22 @@ void report_unsent(ipfix_exporter& self) {
     self.unsent = 0;
 }
 
+// Blocks until the whole message has left, or returns false with errno. A collector that is there
+// and does not read is not up meanwhile.
+bool send_message(const ipfix_exporter& self, uint32_t length) {
+    constexpr int patience_ms = 1000;
+    ssize_t sent = send(self.socket, self.packet, length, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent == static_cast<ssize_t>(length))
+        return true;
+    if (sent < 0 && errno != EAGAIN)
+        return false;
+    sent = sent < 0 ? 0 : sent;
+    if (!net_wait_for_room(self.socket, patience_ms))
+        self.account.note_stall();
+    const auto left = static_cast<uint32_t>(length - sent);
+    return net_send(self.socket, self.packet + sent, left, MSG_NOSIGNAL) >= 0;
+}
+
 // What is pending are records and templates: a template set waits for the next record or flush,
 // whichever comes first. Only the first one waits for a record.
 uint32_t flush(ipfix_exporter& self) {
@@ -153,8 +169,7 @@ uint32_t flush(ipfix_exporter& self) {
     }
     const uint32_t length = close_packet(self);
     write_header(self, now_s, length);
-    const bool sent =
-        is_connected(self) && net_send(self.socket, self.packet, length, MSG_NOSIGNAL) >= 0;
+    const bool sent = is_connected(self) && send_message(self, length);
     const int error = errno;  // of the send, when it failed
     self.account.add_message(sent, length);
     start_packet(self);

@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <optional>
@@ -10,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/counters.h"
 #include "tests/support/export_fixture.h"
 #include "tests/support/tcp_collector.h"
 
@@ -78,6 +80,31 @@ TEST_F(IpfixConnection, EveryAddressFamilyIsReached) {
         connect("::1", six.port(), ",protocol=tcp,ip=" + std::string(ip));
         EXPECT_TRUE(six.accept()) << ip;
     }
+}
+
+// It is there, and its window is shut: nothing is lost, and nothing leaves.
+TEST_F(IpfixConnection, ACollectorThatDoesNotReadIsNotUpMeanwhile) {
+    constexpr const char* label = "export=\"stalled-0\"";
+    const kestrel::metrics_label_scope scope(label);
+    const auto is_up = [&] { return kestrel::metrics_sum("kestrelexp_export_up", label) == 1; };
+    const tcp_connection connection = connect_tcp();
+    std::atomic<bool> is_over = false;
+    std::atomic<bool> is_done = false;
+    std::thread exporting([&] {
+        while (!is_over)
+            exporter_ipfix_export(exporter_, &flow_);
+        flush();
+        is_done = true;
+    });
+    EXPECT_TRUE(is_up());
+    for (int look = 0; look < 3000 && is_up(); ++look)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_FALSE(is_up());
+    is_over = true;
+    while (!is_done)
+        connection.receive(65536, 10);
+    exporting.join();
+    EXPECT_TRUE(is_up());
 }
 
 // ---- Reconnecting ----

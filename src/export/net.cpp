@@ -140,6 +140,19 @@ int net_reconnect(const collector& to, int lost) {
     die(exit_config, "Reconnect to collector failed, exiting");
 }
 
+bool net_wait_for_room(int socket, int longest_ms) {
+    const known_wait wait;
+    const uint64_t end_ns = system_uptime_ns() + static_cast<uint64_t>(longest_ms) * ns_per_ms;
+    pollfd room = {socket, POLLOUT, 0};
+    for (;;) {
+        const uint64_t now_ns = system_uptime_ns();
+        const auto left_ms = now_ns < end_ns ? static_cast<int>((end_ns - now_ns) / ns_per_ms) : 0;
+        const int result = poll(&room, 1, left_ms);
+        if (result >= 0 || errno != EINTR)  // a signal does not shorten the wait
+            return result != 0;
+    }
+}
+
 }  // namespace kestrel
 
 using namespace kestrel;

@@ -20,4 +20,7 @@ int net_connect(const collector& to);
 // none after the eighth. Returns the new descriptor, 0 when the stop left none; lost is closed.
 int net_reconnect(const collector& to, int lost);
 
+// Waits until the socket takes bytes, at most for so long. Returns whether it does, or has failed.
+bool net_wait_for_room(int socket, int longest_ms);
+
 }  // namespace kestrel

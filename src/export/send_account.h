@@ -55,6 +55,8 @@ class send_account {
         if (is_sent)
             block_.set(send_metric::last_success_s, system_wall_s());
     }
+    // The collector takes nothing of the message that is being sent.
+    void note_stall() const { block_.set(send_metric::is_up, 0); }
     // A connection that broke was replaced.
     void add_reconnect() {
         block_.add(send_metric::reconnects);
