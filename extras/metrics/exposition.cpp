@@ -3,6 +3,7 @@
 #include <prometheus/metric_family.h>
 #include <prometheus/text_serializer.h>
 
+#include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "kestrelexp/metrics.h"
@@ -28,6 +29,14 @@ prometheus::ClientMetric metric_of(bool is_counter, double value) {
     return metric;
 }
 
+// Texts come from plugins and may hold any bytes; with one that is no UTF-8, Prometheus would take
+// none of the metrics.
+std::string utf8_of(const std::string& text) {
+    using nlohmann::json;
+    const std::string quoted = json(text).dump(-1, ' ', false, json::error_handler_t::replace);
+    return json::parse(quoted).get<std::string>();
+}
+
 struct shown {
     std::string name;
     double value;
@@ -49,10 +58,10 @@ std::string exposition_text(const reading_list& list, const std::vector<process_
         const bool is_counter = one.type == METRIC_COUNTER;
         shown as = in_base_units(one);
         if (families.empty() || families.back().name != as.name)
-            families.push_back({std::move(as.name), one.help, type_of(is_counter), {}});
+            families.push_back({std::move(as.name), utf8_of(one.help), type_of(is_counter), {}});
         prometheus::ClientMetric metric = metric_of(is_counter, as.value);
         for (const label& each : one.labels)
-            metric.label.push_back({each.name, each.value});
+            metric.label.push_back({each.name, utf8_of(each.value)});
         families.back().metric.push_back(std::move(metric));
     }
     for (const process_reading& one : process)
