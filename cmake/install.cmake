@@ -1,9 +1,11 @@
-# What is installed, in two components. "program": the program, its manual and pages, completions,
-# unit, plugin directories and the files of etc/. "dev": what plugins are built with.
+# What is installed, in components. "program": the program, its manual and pages, completions, unit,
+# plugin directories and the files of etc/. "dev": what plugins are built with. "metrics": the
+# plugin of that name with its pages and alerts, where it is built.
 set(KESTREL_PLUGIN_DIR lib64/kestrelexp)     # every object in it is loaded at each start
 set(KESTREL_EXTRAS_DIR lib/kestrelexp)       # objects that we ship, loaded with -X alone
 set(KESTREL_PROGRAM COMPONENT program)
 set(KESTREL_DEV COMPONENT dev)
+set(KESTREL_METRICS COMPONENT metrics)
 
 # A plugin that is named without a directory (-X capture-file.so) is searched among those that come
 # with the program.
@@ -13,6 +15,13 @@ install(TARGETS kestrelexp RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} ${KESTRE
 install(DIRECTORY DESTINATION ${KESTREL_PLUGIN_DIR} ${KESTREL_PROGRAM})
 get_property(extras GLOBAL PROPERTY KESTREL_EXTRAS)
 install(TARGETS ${extras} LIBRARY DESTINATION ${KESTREL_EXTRAS_DIR} ${KESTREL_PROGRAM})
+if(TARGET metrics)
+  install(TARGETS metrics LIBRARY DESTINATION ${KESTREL_EXTRAS_DIR} ${KESTREL_METRICS})
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/etc/prometheus
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/kestrelexp ${KESTREL_METRICS})
+  install(FILES ${PROJECT_SOURCE_DIR}/docs/page.png
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/kestrelexp-metrics ${KESTREL_METRICS})
+endif()
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/kestrelexp@.service
   DESTINATION lib/systemd/system ${KESTREL_PROGRAM})
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/kestrelexp.sysusers
@@ -64,36 +73,64 @@ foreach(page kestrelexp.8 kestrelexp-plugins.7)
     ${CMAKE_INSTALL_MANDIR}/man${section} ${page} program ${page}.gz)
 endforeach()
 
-# The pages: those of docs/ and of extras/ for users, the plugin guide with the headers. Links are
-# rewritten from the folders of the source tree to those of a system.
+# The pages: those of docs/ and of extras/ for users, the plugin guide with the headers, those about
+# monitoring with their plugin. Links are rewritten from the folders of the source tree to those of
+# a system.
+set(KESTREL_PAGES_dev plugin-guide)
+set(KESTREL_PAGES_metrics metrics monitoring)
+function(kestrel_component_of_page name result)
+  set(${result} program PARENT_SCOPE)
+  foreach(component dev metrics)
+    if(name IN_LIST KESTREL_PAGES_${component})
+      set(${result} ${component} PARENT_SCOPE)
+    endif()
+  endforeach()
+endfunction()
+
+# The folder of a component's pages beside that of another component's.
+function(kestrel_folder_of_pages component result)
+  set(${result} kestrelexp PARENT_SCOPE)
+  if(NOT component STREQUAL "program")
+    set(${result} kestrelexp-${component} PARENT_SCOPE)
+  endif()
+endfunction()
+
 function(kestrel_install_page source name)
   set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${source})
+  kestrel_component_of_page(${name} component)
+  if(component STREQUAL "metrics" AND NOT TARGET metrics)
+    return()
+  endif()
+  kestrel_folder_of_pages(${component} folder)
   file(READ ${source} page)
   string(REPLACE "](../include/" "](../../../${CMAKE_INSTALL_INCLUDEDIR}/" page "${page}")
   string(REGEX REPLACE "\\]\\(\\.\\./extras/([a-z-]+)/README\\.md" "](\\1.md" page "${page}")
-  if(name STREQUAL "plugin-guide")
-    set(package kestrelexp-dev)
-    set(component dev)
-    string(REGEX REPLACE "\\]\\(([a-z-]+\\.md)" "](../kestrelexp/\\1" page "${page}")
-  else()
-    set(package kestrelexp)
-    set(component program)
-    string(REPLACE "](plugin-guide.md" "](../kestrelexp-dev/plugin-guide.md" page "${page}")
-  endif()
+  string(REPLACE "](../../docs/" "](" page "${page}")
+  foreach(other ${KESTREL_ALL_PAGES})
+    kestrel_component_of_page(${other} other_component)
+    if(NOT other_component STREQUAL component)
+      kestrel_folder_of_pages(${other_component} other_folder)
+      string(REPLACE "](${other}.md" "](../${other_folder}/${other}.md" page "${page}")
+    endif()
+  endforeach()
   file(WRITE ${PROJECT_BINARY_DIR}/pages/${name}.md "${page}")
   install(FILES ${PROJECT_BINARY_DIR}/pages/${name}.md
-    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package} COMPONENT ${component})
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${folder} COMPONENT ${component})
 endfunction()
-file(GLOB pages CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/*.md)
+
+file(GLOB pages CONFIGURE_DEPENDS
+  ${PROJECT_SOURCE_DIR}/docs/*.md ${PROJECT_SOURCE_DIR}/extras/*/README.md)
 foreach(page ${pages})
   get_filename_component(name ${page} NAME_WE)
-  kestrel_install_page(${page} ${name})
+  if(name STREQUAL "README")
+    get_filename_component(folder ${page} DIRECTORY)
+    get_filename_component(name ${folder} NAME)
+  endif()
+  list(APPEND KESTREL_ALL_PAGES ${name})
+  set(source_of_${name} ${page})
 endforeach()
-file(GLOB pages CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/extras/*/README.md)
-foreach(page ${pages})
-  get_filename_component(folder ${page} DIRECTORY)
-  get_filename_component(name ${folder} NAME)
-  kestrel_install_page(${page} ${name})
+foreach(name ${KESTREL_ALL_PAGES})
+  kestrel_install_page(${source_of_${name}} ${name})
 endforeach()
 
 # What plugins are built with: headers, a pkg-config file, and plugins to begin with.

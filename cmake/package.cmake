@@ -1,5 +1,6 @@
-# Debian packages of what is installed: kestrelexp (component "program") and kestrelexp-dev ("dev").
-# tools/package makes them. tests/package runs lintian, and installs, upgrades and purges them.
+# Debian packages of what is installed: kestrelexp (component "program"), kestrelexp-dev ("dev")
+# and, where its libraries are there, kestrelexp-metrics ("metrics"). tools/package makes them.
+# tests/package runs lintian, and installs, upgrades and purges them.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_VENDOR "The kestrelexp authors")
 set(CPACK_PACKAGE_CONTACT "The kestrelexp authors <maintainers@kestrelexp.example>")
@@ -9,6 +10,9 @@ set(CPACK_SET_DESTDIR ON)  # so that /etc is /etc
 set(CPACK_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_COMPONENTS_ALL program dev)
+if(TARGET metrics)
+  list(APPEND CPACK_COMPONENTS_ALL metrics)
+endif()
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -40,6 +44,15 @@ The plugin contract of kestrelexp as C11 and C++20 headers, a pkg-config file
 that names the plugin directory, a guide for authors of plugins, and small
 plugins with a Makefile to begin with, in /usr/share/kestrelexp/plugin.")
 
+set(CPACK_DEBIAN_METRICS_PACKAGE_NAME kestrelexp-metrics)
+set(CPACK_DEBIAN_METRICS_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_METRICS_PACKAGE_DEPENDS "kestrelexp (>= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_METRICS_PACKAGE_SUGGESTS prometheus)
+set(CPACK_COMPONENT_METRICS_DESCRIPTION "page and Prometheus metrics of the kestrelexp flow probe
+A plugin of kestrelexp that shows the probe at work over HTTP: a page with
+charts of packets, bits and flows, losses, exports and top talkers; metrics for
+Prometheus; whether the probe lives and is ready. With alert rules and a guide.")
+
 # Maintainer scripts, and the list of files that an operator may change.
 set(debian ${PROJECT_SOURCE_DIR}/packaging/debian)
 list(TRANSFORM KESTREL_CONFFILES PREPEND / OUTPUT_VARIABLE conffiles)
@@ -47,15 +60,18 @@ list(JOIN conffiles "\n" conffiles)
 file(WRITE ${PROJECT_BINARY_DIR}/debian/conffiles "${conffiles}\n")
 set(CPACK_DEBIAN_PROGRAM_PACKAGE_CONTROL_EXTRA
   ${PROJECT_BINARY_DIR}/debian/conffiles ${debian}/postinst ${debian}/prerm ${debian}/postrm)
+set(CPACK_DEBIAN_METRICS_PACKAGE_CONTROL_EXTRA ${debian}/metrics/postinst ${debian}/metrics/postrm)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
-foreach(package kestrelexp kestrelexp-dev)
-  set(component program)
-  if(package MATCHES "-dev$")
-    set(component dev)
-  endif()
+foreach(component ${CPACK_COMPONENTS_ALL})
+  kestrel_folder_of_pages(${component} package)
   set(doc ${CMAKE_INSTALL_DATADIR}/doc/${package})
-  install(FILES ${debian}/copyright DESTINATION ${doc} COMPONENT ${component})
+  # That of a package which has the work of others in it tells of them too.
+  set(copyright ${debian}/copyright)
+  if(EXISTS ${debian}/${package}.copyright)
+    set(copyright ${debian}/${package}.copyright)
+  endif()
+  install(FILES ${copyright} DESTINATION ${doc} RENAME copyright COMPONENT ${component})
   kestrel_install_gzipped(${debian}/changelog ${doc} changelog.${package} ${component} changelog.gz)
   if(EXISTS ${debian}/${package}.lintian-overrides)
     install(FILES ${debian}/${package}.lintian-overrides

@@ -13,6 +13,7 @@
 #include "base/counters.h"
 #include "base/log.h"
 #include "base/memory.h"
+#include "base/service_notify.h"
 #include "base/thread.h"
 #include "contract/builtins.h"
 #include "contract/plugin_loader.h"
@@ -52,6 +53,7 @@ void start_flow_thread(const engine& engine, flow_switch* flow_switch);
 int main(int argc, char** argv) {
     using namespace kestrel;
     keep_standard_descriptors();
+    service_notify_start();
     set_names(argv[0]);
     install_memory_handler();
     // Other threads use it until the very end of the process, so it is never taken down.

@@ -13,7 +13,7 @@ class message_limit {
   public:
     static constexpr uint64_t period_ns = 10 * ns_per_second;
 
-    // The message has come up, at uptime_ns (timer_get_uptime). Returns how often it did since it
+    // The message has come up, at uptime_ns (system_uptime_ns). Returns how often it did since it
     // was last said, this time included, when it may be said now; else 0. The first time is said
     // at once.
     uint64_t count(uint64_t uptime_ns) {

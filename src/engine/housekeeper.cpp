@@ -3,11 +3,17 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <utility>
+
 #include "base/clock.h"
+#include "base/heartbeat.h"
 #include "base/log.h"
 #include "base/memory.h"
+#include "base/service_notify.h"
 #include "base/thread.h"
 #include "engine/loss_report.h"
+#include "engine/service_watch.h"
 
 namespace kestrel {
 namespace {
@@ -21,6 +27,8 @@ struct house {
     flow_switch& sw;
     std::vector<temporal_storage*> final_records;
     loss_report losses;
+    service_watch watch;
+    uint64_t beats = 0;  // of the record loop, at the round before
 };
 
 bool is_remover_held_up(const flow_queue& queue, uint64_t now_ns) {
@@ -28,7 +36,45 @@ bool is_remover_held_up(const flow_queue& queue, uint64_t now_ns) {
     return now_ns > refreshed_ns && now_ns - refreshed_ns > held_up_ns;
 }
 
+bool has_record_loop_shown(house& self) {
+    const uint64_t beats = record_loop_heartbeat.beats();
+    return std::exchange(self.beats, beats) != beats || record_loop_heartbeat.is_waiting();
+}
+
+// It may wait for room while finished flows wait for the record loop, whose beats count then.
+bool is_reader_excused(const flow_switch& sw) {
+    const temporal_storage& final_records = *sw.queue->final_storage;
+    const uint64_t taken = storage_taken(final_records);
+    const uint64_t waiting = storage_committed(final_records) - taken;
+    return waiting * 2 >= final_records.producer.count;
+}
+
+// Those of all lanes.
+bool have_readers_shown(const flow_switch& first) {
+    for (const flow_switch* sw = &first; sw; sw = sw->next_lane)
+        if (!has_reader_served(*sw) && !is_reader_excused(*sw))
+            return false;
+    return true;
+}
+
+void tell_manager(house& self) {
+    const bool has_reader_shown = have_readers_shown(self.sw);
+    switch (self.watch.round(has_reader_shown, has_record_loop_shown(self), system_uptime_ns())) {
+        case service_word::none:
+            return;
+        case service_word::is_ready: {
+            char text[96];
+            (void)snprintf(text, sizeof text,
+                           "READY=1\nMAINPID=%i\nSTATUS=Taking frames, exporting flows", getpid());
+            return service_notify(text);
+        }
+        case service_word::is_alive:
+            return service_notify("WATCHDOG=1");
+    }
+}
+
 void do_round(house& self) {
+    tell_manager(self);
     ask_reader(self.sw, count_undelivered);
     for (const temporal_storage* final_records : self.final_records)
         storage_show(*final_records);
@@ -44,6 +90,7 @@ void do_round(house& self) {
 void* keep_house(void* argument) {
     auto& self = *static_cast<house*>(argument);
     (void)pthread_setname_np(pthread_self(), "housekeeper");  // a name for top -H, no more
+    ask_reader(self.sw, count_undelivered);
     for (;;) {
         usleep(round_us);
         do_round(self);
@@ -54,7 +101,8 @@ void* keep_house(void* argument) {
 
 void start_housekeeper(flow_switch& sw) {
     auto* const self =
-        make_lifelong<house>(house{sw, final_rings(sw), loss_report(system_uptime_ns())});
+        make_lifelong<house>(house{sw, final_rings(sw), loss_report(system_uptime_ns()),
+                                   service_watch(service_watchdog_ns())});
     if (!start_thread(keep_house, self))
         die(exit_config, "Unable to create housekeeper thread");
 }

@@ -1,6 +1,7 @@
 // What has to go on while everything else may be held up: asking the input what it did not deliver,
-// showing how full the rings are, the line of statistics when the remover waits, and a word about
-// what was lost. A thread of its own that wakes four times a second and waits for nobody.
+// showing how full the rings are, the line of statistics when the remover waits, a word about what
+// was lost, and telling the service manager that the program lives. A thread of its own that wakes
+// four times a second and waits for nobody.
 #pragma once
 
 #include "engine/switch.h"

@@ -9,6 +9,7 @@
 #include <span>
 
 #include "base/clock.h"
+#include "base/heartbeat.h"
 #include "base/log.h"
 #include "base/packet_clock.h"
 #include "base/wire.h"
@@ -195,7 +196,9 @@ int replay_record_loop(temporal_storage* storage, unsigned record_size,
     dispatcher self(*configuration);
     const slot_record flow(record_size);
     replay_output out{};
+    own_heartbeat = &record_loop_heartbeat;
     for (;;) {
+        record_loop_heartbeat.beat();
         report_interrupt();
         auto* const slot = static_cast<uint8_t*>(temporal_storage_get(storage, get_timeout_ms));
         if (slot == nullptr)
@@ -227,7 +230,9 @@ int main_record_loop(temporal_storage* storage, unsigned record_size,
     const slot_record flow(record_size);
     ring_group rings(rings_of(*configuration, storage));
 
+    own_heartbeat = &record_loop_heartbeat;
     do {
+        record_loop_heartbeat.beat();
         void* const slot = rings.get(get_timeout_ms);
         if (slot == nullptr)
             (void)flush_when_idle(self);

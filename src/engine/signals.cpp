@@ -12,6 +12,7 @@
 #include "base/clock.h"
 #include "base/handled_signals.h"
 #include "base/log.h"
+#include "base/service_notify.h"
 #include "base/stop.h"
 #include "flow/flush_request.h"
 #include "kestrelexp/program.h"
@@ -55,6 +56,7 @@ void on_interrupt() {
     stop_engine();
     exit_requested.store(1, std::memory_order_relaxed);
     request_stop();
+    service_notify("STOPPING=1\nSTATUS=Interrupted: sending the last flows");
 }
 
 void on_clock_jump() {

@@ -169,6 +169,13 @@ inline flow_key read_flow(flow_switch& sw, flow_record& record) {
     return key;
 }
 
+// A slot of the exchange ring. While there is no room, requests are served: the input counts what
+// it drops meanwhile. Null once the input is to be read no more.
+inline void* reserve_slot(flow_switch& sw, temporal_storage& exchange) {
+    return storage_reserve(
+        exchange, [](void* context) { return reads_on(*static_cast<flow_switch*>(context)); }, &sw);
+}
+
 // Fills the exchange ring. reader: one of the two above.
 template <typename Frames, flow_key reader(flow_switch&, flow_record&)>
 [[noreturn]] void fill_exchange(flow_switch& sw) {
@@ -176,8 +183,8 @@ template <typename Frames, flow_key reader(flow_switch&, flow_record&)>
     const uint64_t key_offset = sw.queue->record_size;
     const slot_record packet(sw.queue->record_size);
     temporal_storage& exchange = exchange_of(sw);
-    void* slot = storage_reserve(exchange);
-    while (reads_on(sw)) {
+    void* slot = reserve_slot(sw, exchange);
+    while (slot != nullptr && reads_on(sw)) {
         flow_record& record = packet.empty(slot);
         prepare_slot(record);
         const flow_key key = reader(sw, record);
@@ -187,7 +194,7 @@ template <typename Frames, flow_key reader(flow_switch&, flow_record&)>
         packet.store(slot);
         store_native(static_cast<uint8_t*>(slot) + key_offset, key);
         storage_commit(exchange);
-        slot = storage_reserve(exchange);
+        slot = reserve_slot(sw, exchange);
     }
     storage_announce_rest(exchange);
     rest();

@@ -60,6 +60,15 @@ inline void ask_reader(flow_switch& first, reader_request request) {
 // it reads on.
 bool serve_requests(flow_switch& sw);
 
+// Whether the thread that calls the input has served the last request to count, or need not: an
+// input that has not promised to come back now and then, or that reads a file, may wait for long.
+// Any thread.
+inline bool has_reader_served(const flow_switch& sw) {
+    const bool is_bound = sw.counts != nullptr && sw.clock == nullptr;
+    return !is_bound || (sw.requests.load(std::memory_order_relaxed) & count_undelivered) == 0 ||
+           sw.is_closed.load(std::memory_order_relaxed);
+}
+
 // Between two packets. Cost: one load of a word that hardly ever changes.
 inline bool reads_on(flow_switch& sw) {
     if (sw.requests.load(std::memory_order_relaxed) == 0) [[likely]]

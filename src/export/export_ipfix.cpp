@@ -5,11 +5,14 @@
 #include <strings.h>
 #include <sys/socket.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstring>
 
+#include "base/clock.h"
 #include "base/log.h"
 #include "base/memory.h"
+#include "base/message_limit.h"
 #include "base/wire.h"
 #include "export/template_exporter.h"
 #include "kestrelexp/builtin.h"
@@ -76,6 +79,7 @@ struct ipfix_exporter : template_exporter {
     char* transport_name = nullptr;
     uint32_t sequence = 0;  // of the next message
     uint64_t unsent = 0;    // records lost since the collector was given up, not yet reported
+    message_limit connected_again = {};
 };
 
 constexpr uint64_t messages_per_report = 1000;
@@ -109,15 +113,27 @@ bool is_connected(const ipfix_exporter& self) {
     return self.socket > 0;
 }
 
-// After a message that could not be sent. Once the program was asked to stop and the collector is
-// not there, it is given up: that message and all later ones are lost.
-void reconnect(ipfix_exporter& self) {
+// A collector that takes connections and closes them is there each time that it is looked for, so
+// nothing else would tell of it. The system's own uptime: a replay's clock runs ahead of whoever
+// reads this.
+void say_connected_again(ipfix_exporter& self, int error) {
+    if (const uint64_t times = self.connected_again.count(system_uptime_ns()); times > 0)
+        verbose_msg(0,
+                    "Export ipfix to %s port %d: sending failed (%s), connected again (%lu times)",
+                    self.to.host, self.to.port, std::strerror(error), times);
+}
+
+// After a message that could not be sent for this error. Once the program was asked to stop and the
+// collector is not there, it is given up: that message and all later ones are lost.
+void reconnect(ipfix_exporter& self, int error) {
     if (is_connected(self))
         self.socket = net_reconnect(self.to, self.socket);
-    if (is_connected(self))
+    if (is_connected(self)) {
         self.account.add_reconnect();
-    else
+        say_connected_again(self, error);
+    } else {
         self.unsent += self.templates->records_added - self.sequence;
+    }
 }
 
 void report_unsent(ipfix_exporter& self) {
@@ -139,10 +155,11 @@ uint32_t flush(ipfix_exporter& self) {
     write_header(self, now_s, length);
     const bool sent =
         is_connected(self) && net_send(self.socket, self.packet, length, MSG_NOSIGNAL) >= 0;
+    const int error = errno;  // of the send, when it failed
     self.account.add_message(sent, length);
     start_packet(self);
     if (!sent) {
-        reconnect(self);
+        reconnect(self, error);
         // The collector of the new connection may know no template yet.
         self.pending += restart_templates(self, now_s);
     }

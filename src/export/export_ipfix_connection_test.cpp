@@ -93,6 +93,18 @@ TEST_F(IpfixConnection, BrokenConnectionIsMadeAgainAtOnce) {
     EXPECT_EQ(message(1, join({template_set, one_record})), again.receive());
 }
 
+// Whoever reads the messages is told at once, and once in ten seconds.
+TEST_F(IpfixConnection, ConnectingAgainIsSaidOnceInAWhileAtLevel0) {
+    connect_tcp().reset();
+    verbose_level = 0;
+    EXPECT_EQ("VERBOSE: 0:Export ipfix to 127.0.0.1 port " + std::to_string(tcp_->port()) +
+                  ": sending failed (Connection reset by peer), connected again (1 times)\n",
+              messages_of([&] { export_one(); }));
+    tcp_->accept().reset();
+    EXPECT_EQ("", messages_of([&] { export_one(); }));
+    EXPECT_TRUE(tcp_->accept());
+}
+
 // The templates are pending after the new connection: they leave also without a record.
 TEST_F(IpfixConnection, NewConnectionGetsItsTemplatesWithTheNextFlush) {
     connect_tcp().reset();

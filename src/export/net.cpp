@@ -16,6 +16,7 @@
 #include <memory>
 
 #include "base/clock.h"
+#include "base/heartbeat.h"
 #include "base/log.h"
 #include "base/stop.h"
 #include "base/wire.h"
@@ -122,6 +123,7 @@ int net_connect(const collector& to) {
 }
 
 int net_reconnect(const collector& to, int lost) {
+    const known_wait wait;
     (void)close(lost);  // its send failed: what is lost is lost
     for (int attempt = 0; attempt < reconnect_attempts; ++attempt) {
         const bool is_last = stop_requested();
@@ -143,6 +145,7 @@ int net_reconnect(const collector& to, int lost) {
 using namespace kestrel;
 
 int net_connect(const char* host, uint16_t port, uint8_t protocol, uint32_t ip) {
+    const known_wait wait;
     if (ip == 46 || ip == 64) {
         const int first = net_connect(host, port, protocol, ip / 10);
         return first > 0 ? first : net_connect(host, port, protocol, ip % 10);
@@ -155,6 +158,7 @@ int net_connect(const char* host, uint16_t port, uint8_t protocol, uint32_t ip) 
 }
 
 int64_t net_send(int socket, const void* buffer, uint32_t length, int flags) {
+    const known_wait wait;  // for a collector that does not read
     const auto* bytes = static_cast<const uint8_t*>(buffer);
     for (uint32_t sent = 0; sent < length;) {
         const ssize_t result = send(socket, bytes + sent, length - sent, flags);

@@ -19,6 +19,8 @@ namespace {
 constexpr uint32_t count_when_zero = 1024;
 constexpr uint32_t count_max = 1u << 20;
 constexpr uint64_t batches_per_ring = 8;
+constexpr int watch_pause_ms = 250;
+constexpr int for_ever_ms = -1;
 
 struct pipe_ends {
     int read;
@@ -67,24 +69,34 @@ constexpr metric_row ring_rows[] = {
      nullptr, METRIC_COUNTER},
 };
 
-bool is_credit_there(const storage_producer& producer) {
+bool is_credit_there(const storage_producer& producer, int timeout_ms) {
     pollfd credit{producer.credit_read, POLLIN, 0};
-    return poll(&credit, 1, 0) > 0;
+    return poll(&credit, 1, timeout_ms) > 0;
 }
 
 }  // namespace
 
-[[gnu::noinline]] void storage_wait_for_credits(temporal_storage& storage) {
+[[gnu::noinline]] bool storage_wait_for_credits(temporal_storage& storage, wait_watch* watch,
+                                                void* context) {
     storage_producer& p = storage.producer;
-    while (p.credits < p.batch && is_credit_there(p))
+    while (p.credits < p.batch && is_credit_there(p, 0))
         p.credits += receive_count(p.credit_read);
     if (p.credits >= p.batch)
-        return;
+        return true;
     storage.counters.add(ring_metric::waits);
-    const uint64_t start_ns = system_uptime_ns();
-    while (p.credits < p.batch)
-        p.credits += receive_count(p.credit_read);
-    storage.counters.add(ring_metric::wait_us, (system_uptime_ns() - start_ns) / ns_per_us);
+    const int pause_ms = watch == nullptr ? for_ever_ms : watch_pause_ms;
+    bool waits_on = true;
+    uint64_t start_ns = system_uptime_ns();
+    while (p.credits < p.batch && waits_on) {
+        if (is_credit_there(p, pause_ms))
+            p.credits += receive_count(p.credit_read);
+        else
+            waits_on = watch == nullptr || watch(context);
+        const uint64_t now_ns = system_uptime_ns();
+        storage.counters.add(ring_metric::wait_us, (now_ns - start_ns) / ns_per_us);
+        start_ns = now_ns;
+    }
+    return p.credits > 0;
 }
 
 void storage_show(const temporal_storage& storage) {
@@ -180,7 +192,7 @@ void* temporal_storage_reserve(temporal_storage* storage) {
 
 void* temporal_storage_put(temporal_storage* storage) {
     if (storage->producer.credits == 0)
-        storage_wait_for_credits(*storage);
+        (void)storage_wait_for_credits(*storage, nullptr, nullptr);  // there are, then
     return storage_commit(*storage);
 }
 

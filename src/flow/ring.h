@@ -82,8 +82,12 @@ struct temporal_storage {
 
 namespace kestrel {
 
-// Blocks until the producer has at least a batch of credits.
-void storage_wait_for_credits(temporal_storage& storage);
+// What a producer that waits for room does about four times a second; returns whether it waits on.
+using wait_watch = bool(void* context);
+
+// Blocks until the producer has at least a batch of credits, or the watch (may be null) waits no
+// more. Returns whether there are credits.
+bool storage_wait_for_credits(temporal_storage& storage, wait_watch* watch, void* context);
 // Tells the consumer of `pending` more slots.
 void storage_announce(temporal_storage& storage, uint64_t pending);
 // Tells the consumer of every slot committed so far, when it does not know of them all.
@@ -93,7 +97,15 @@ bool storage_refill(temporal_storage& storage, int timeout_ms);
 
 inline void* storage_reserve(temporal_storage& storage) {
     if (storage.producer.credits == 0) [[unlikely]]
-        storage_wait_for_credits(storage);
+        (void)storage_wait_for_credits(storage, nullptr, nullptr);  // there are, then
+    return storage.producer.slot;
+}
+
+// The same with a watch; null when that waits no more.
+inline void* storage_reserve(temporal_storage& storage, wait_watch* watch, void* context) {
+    if (storage.producer.credits == 0 && !storage_wait_for_credits(storage, watch, context))
+        [[unlikely]]
+        return nullptr;
     return storage.producer.slot;
 }
 

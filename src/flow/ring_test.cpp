@@ -294,6 +294,32 @@ TEST_F(FullRing, TheWaitsOfProducersAreCountedWithTheirTime) {
     EXPECT_LE(50'000u, value(ring_metric::wait_us));
 }
 
+// The time of a wait shows while it lasts.
+TEST_F(FullRing, AWaitIsLookedAfterUntilItsWatchHasEnough) {
+    unsigned looks = 0;
+    const auto before = steady::now();
+    EXPECT_EQ(
+        nullptr,
+        storage_reserve(
+            *ring_, [](void* context) { return ++*static_cast<unsigned*>(context) < 3; }, &looks));
+    EXPECT_EQ(3u, looks);
+    EXPECT_LE(700ms, steady::now() - before);
+    EXPECT_EQ(1u, ring_->counters.value(ring_metric::waits));
+    EXPECT_LE(700'000u, ring_->counters.value(ring_metric::wait_us));
+}
+
+TEST_F(FullRing, AWatchedWaitEndsWithACreditedBatch) {
+    static temporal_storage* ring;
+    ring = ring_;
+    const auto take_a_batch = [](void*) {
+        for (int64_t n = 0; n < 5; ++n)
+            EXPECT_EQ(n, get(ring));
+        return true;
+    };
+    void* const oldest = temporal_storage_current(ring_);
+    EXPECT_EQ(oldest, storage_reserve(*ring_, take_a_batch, nullptr));
+}
+
 TEST_F(FullRing, FillIsShown) {
     storage_show(*ring_);
     EXPECT_EQ(ring_->producer.count, ring_->counters.value(ring_metric::slots));

@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "base/clock.h"
 #include "base/memory.h"
 
 namespace kestrel {
@@ -124,10 +125,16 @@ void release(rawnetcap_context& device) {
 
 // ---- Records ----
 
-// Said once, until the device works again; and the reader does not spin on it.
+// Said once, until the device works again, and once in ten seconds at most; and the reader does not
+// spin on it.
 void note_error(rawnetcap_context& device) {
-    if (!device.failing)
-        fault("Unable to get records");
+    if (!device.failing) {
+        const uint64_t times = device.fault_limit.count(system_uptime_ns());
+        if (times == 1)
+            fault("Unable to get records");
+        else if (times > 1)
+            fault("Unable to get records (%lu times)", times);
+    }
     device.failing = true;
     usleep(pause_after_error_us);
 }

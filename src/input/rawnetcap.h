@@ -6,6 +6,7 @@
 
 #include <cstdint>
 
+#include "base/message_limit.h"
 #include "kestrelexp/rawnetcap.h"
 
 namespace kestrel {
@@ -36,5 +37,6 @@ struct rawnetcap_context {
     uint64_t read_offset = 0;     // of the next record, bytes
     uint64_t records_left = 0;    // of the batch that the module has announced
     uint8_t touched = 0;          // sum of all bytes of the ring, for the sake of reading them
+    kestrel::message_limit fault_limit;
     bool failing = false;  // the last attempt to get records met an error, which has been reported
 };

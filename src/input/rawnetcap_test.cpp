@@ -391,4 +391,14 @@ TEST_F(RawnetcapWait, SaysOnceThatTheDeviceFailsAndDoesNotSpin) {
     }
 }
 
+TEST_F(RawnetcapWait, SaysNotMoreThanOnceInTenSecondsThatTheDeviceFails) {
+    rawnetcap_module module({{"BATCH", "1"}, {"IDLE", "2"}, {"ANSWERS", "poll=8"}});  // POLLERR
+    module.capture({"one", "two", "three"});
+    ASSERT_NE(nullptr, init("eth0"));
+    CaptureStderr();
+    for (const char* expected : {"one", "none", "two", "none", "three", "none"})
+        EXPECT_EQ(expected, next_frame());
+    EXPECT_EQ("RAWNETCAP: Unable to get records\n", GetCapturedStderr());
+}
+
 }  // namespace

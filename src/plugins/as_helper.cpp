@@ -49,12 +49,21 @@ void look_up(as_helper_state& self, const flow_record& flow) {
     }
 }
 
+// It may come with every flow.
+void say_no_file(as_helper_state& self) {
+    const uint64_t times = self.stat_limit.count(system_uptime_ns());
+    if (times == 1)
+        verbose_msg(-1, "Unable to stat: %s", self.path);
+    else if (times > 1)
+        verbose_msg(-1, "Unable to stat: %s (%lu times)", self.path, times);
+}
+
 void check_file(as_helper_state& self, uint64_t flow_end_ns) {
     verbose_msg(5, "It's time to reread config");
     self.next_check = flow_end_ns + check_period_ns;
     const std::optional<int64_t> mtime = modification_time(self.path);
     if (!mtime) {
-        verbose_msg(-1, "Unable to stat: %s", self.path);
+        say_no_file(self);
     } else if (*mtime == self.mtime) {
         verbose_msg(5, "mtime not changed. leaving old config");
     } else {
@@ -67,7 +76,7 @@ void note_time(as_helper_state& self, std::optional<int64_t> mtime) {
     if (mtime)
         self.mtime = *mtime;
     else
-        verbose_msg(-1, "Unable to stat: %s", self.path);
+        say_no_file(self);
     self.next_check = timer_get_uptime() + check_period_ns;
 }
 

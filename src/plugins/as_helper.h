@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "base/message_limit.h"
 #include "plugins/as_table.h"
 
 struct as_helper_state {
@@ -11,5 +12,6 @@ struct as_helper_state {
     int64_t mtime;        // of the file as loaded, s
     uint32_t src_as;      // of the flow looked up last
     uint32_t dst_as;
+    kestrel::message_limit stat_limit;
     const char* path;  // borrowed from the command line
 };

@@ -255,6 +255,14 @@ TEST_F(AsHelper, AFileThatIsGoneKeepsTheTables) {
     EXPECT_EQ(uptime + 600'001, state_->next_check);
 }
 
+TEST_F(AsHelper, AFileThatIsGoneIsNotReportedWithEveryFlow) {
+    load("65001-192.0.2.0/24\n");
+    file_.remove();
+    EXPECT_NE("", look_up(uptime + 300'001));
+    for (uint64_t flow = 2; flow < 1000; ++flow)
+        EXPECT_EQ("", look_up(uptime + flow * 300'001));
+}
+
 TEST_F(AsHelper, AFileThatCannotBeReadAnyMoreKeepsEverything) {
     load("65001-192.0.2.0/24\n");
     file_.remove();

@@ -20,7 +20,8 @@ SERVERS = {
 }
 # What a command has to show.
 SHOWN = {
-    "./quickstart": r"From the probe to the collector: [1-9]",
+    "./quickstart": r"(?s)( its page is at http://127\.0\.0\.1:\d+/\n|Replaying ).*"
+                    r"From the probe to the collector: [1-9]",
     "nfdump": r"total flows: [1-9]|Top \d+ |10\.0\.0\.1",
     "cat": r"(?m)^10\.0\.0\.1,",
 }

@@ -24,7 +24,7 @@ ROOT = Path(__file__).resolve().parents[2]
 PACKAGES = Path(os.environ.get("KESTREL_PACKAGES", "."))
 PAGES = [ROOT / "README.md", *sorted((ROOT / "docs").glob("*.md")),
          *sorted((ROOT / "extras").glob("*/README.md"))]
-LANGUAGES = {"sh", "console", "", "c", "make"}
+LANGUAGES = {"sh", "console", "", "c", "make", "yaml"}
 PROGRAMS = r"(?m)^[$#]? *(\./|apt|cmake|kestrelexp|make |nf\w+|sudo|systemctl|tools/)"
 
 # Files that the commands of the pages read.
@@ -106,6 +106,12 @@ class Commands(unittest.TestCase):
 
     def test_capture_file(self):
         self.run_page("extras/capture-file/README.md")
+
+    def test_metrics(self):
+        self.run_page("extras/metrics/README.md")
+
+    def test_monitoring(self):
+        self.run_page("docs/monitoring.md")
 
     def test_filter_rules(self):
         self.run_page("docs/filter-rules.md")

@@ -8,6 +8,7 @@ import socket
 import struct
 import time
 import unittest
+import urllib.request
 from pathlib import Path
 
 from packages import UNIT, Unit, install, package, run, second_version, state
@@ -22,6 +23,7 @@ from testbed.process import WatchedProcess, settle
 SOURCE = Path(__file__).resolve().parents[2]
 TEMPLATE, FILTER = Path("/etc/kestrel/ipfix-template.txt"), Path("/etc/kestrel/filter-example.txt")
 DEFAULTS = Path("/etc/default/kestrelexp")
+ALL = ("kestrelexp", "kestrelexp-dev", "kestrelexp-metrics")
 
 
 PAGES = re.compile(r"/usr/share/(?:doc/)?kestrelexp[a-z-]*/[\w./-]*\w")  # pages, scripts, folders
@@ -31,12 +33,20 @@ def files_of_the_system():
     return set(run("find", "/etc", "/usr", "/var/lib/systemd", "-xdev").splitlines())
 
 
+def page_answers():
+    try:
+        with urllib.request.urlopen("http://127.0.0.1:9101/healthz", timeout=20) as answer:
+            return answer.read() == b"ok\n"
+    except OSError:
+        return False
+
+
 class Package(unittest.TestCase):
     maxDiff = None
 
     def test_lintian_has_no_complaint(self):
         output = run("lintian", "--allow-root", "--fail-on", "error,warning", "--tag-display-limit",
-                     "0", str(package("kestrelexp")), str(package("kestrelexp-dev")))
+                     "0", *(str(package(name)) for name in ALL))
         self.assertEqual([line for line in output.splitlines() if not line.startswith("N:")], [])
 
     def test_every_file_of_etc_is_the_operators_to_change(self):
@@ -63,7 +73,7 @@ class Life(unittest.TestCase):
     def setUp(self):
         enter_machine_copy([SOURCE, package("kestrelexp").parent])
         # Were the probe installed on the real machine, the copy would have it too.
-        run("dpkg", "--purge", "kestrelexp", "kestrelexp-dev", check=False)
+        run("dpkg", "--purge", *ALL, check=False)
         # Machines that build in a container forbid their services to run; this one is anybody's.
         Path("/usr/sbin/policy-rc.d").unlink(missing_ok=True)
         Path("/var/lib/man-db/auto-update").unlink(missing_ok=True)  # takes seconds
@@ -130,7 +140,6 @@ class Life(unittest.TestCase):
         service = f"kestrelexp@{PROBED}"
         with BootedSystem() as system:
             def send(port):
-                time.sleep(1)  # it has no way of saying that it captures
                 sender.send(ethernet(ipv4(udp(port, 53), "10.0.0.1", "10.0.0.2")))
                 settle()
 
@@ -163,7 +172,7 @@ class Life(unittest.TestCase):
         DEFAULTS.write_text("KESTREL_OPTIONS=-E null\n")
         service = "kestrelexp@late"
         with BootedSystem() as system:
-            system.run("systemctl", "start", service)
+            system.run("systemctl", "start", "--no-block", service)
             self.wait_for(lambda: system.state(service)[::2] == ("activating", 255))
             ip("link add late up type veth peer name early")
 
@@ -172,6 +181,26 @@ class Life(unittest.TestCase):
                 time.sleep(1)
                 return before[0] == "active" and system.state(service) == before
             self.wait_for(stays)  # it is tried again every 5 s
+
+    def test_a_probe_that_hangs_is_started_again(self):
+        install(package("kestrelexp"))
+        enter_private_network()
+        DEFAULTS.write_text("KESTREL_OPTIONS=-E null\n")
+        service = f"kestrelexp@{PROBED}"
+        sooner = Path(f"/etc/systemd/system/{service}.service.d/sooner.conf")
+        sooner.parent.mkdir(parents=True)
+        sooner.write_text("[Service]\nWatchdogSec=2\nRestartSec=100ms\n")
+        with BootedSystem() as system:
+            system.run("systemctl", "start", service)
+            before = system.state(service)
+            time.sleep(5)  # more than the watchdog's time, which a probe that lives may take
+            self.assertEqual(system.state(service), before)
+            system.run("kill", "-STOP", str(before[1]))
+
+            def is_another():
+                now = system.state(service)
+                return now[0] == "active" and now[1] not in (0, before[1])
+            self.wait_for(is_another)
 
     def test_a_service_without_options_says_what_it_lacks(self):
         install(package("kestrelexp"))
@@ -182,10 +211,10 @@ class Life(unittest.TestCase):
         self.assertEqual(probe.lines[-1], "No export set. Exiting.")
 
     def test_each_example_of_the_options_file_starts(self):
-        install(package("kestrelexp"))
+        install(package("kestrelexp"), package("kestrelexp-metrics"))
         enter_private_network()
         examples = re.findall(r'(?m)^#(KESTREL_OPTIONS=".*")$', DEFAULTS.read_text())
-        self.assertEqual(len(examples), 4)
+        self.assertEqual(len(examples), 5)
         run("ip", "addr", "add", "192.0.2.10/24", "dev", "lo")
         run("ip", "addr", "add", "192.0.2.11/24", "dev", "lo")
         for example in examples:
@@ -220,15 +249,15 @@ class Life(unittest.TestCase):
     def test_removal_stops_the_probes_and_purging_leaves_nothing_but_the_user(self):
         before = files_of_the_system()
         asked = self.use_systemctl_that_notes()
-        install(package("kestrelexp"), package("kestrelexp-dev"))
+        install(*map(package, ALL))
         DEFAULTS.write_text("KESTREL_OPTIONS=-E null\n")
         asked()
-        run("dpkg", "--remove", "kestrelexp-dev", "kestrelexp")
+        run("dpkg", "--remove", *reversed(ALL))
         self.assertEqual(asked(), ["stop kestrelexp@*.service", "--system daemon-reload"])
         self.assertEqual(state("kestrelexp"), "rc")
         self.assertEqual(DEFAULTS.read_text(), "KESTREL_OPTIONS=-E null\n")
         self.assertFalse(Path("/usr/sbin/kestrelexp").exists())
-        run("dpkg", "--purge", "kestrelexp", "kestrelexp-dev")
+        run("dpkg", "--purge", *ALL)
         self.assertEqual(sorted(files_of_the_system() - before), [])
         self.assertIn("/nonexistent", run("getent", "passwd", "kestrelexp"))
         install(package("kestrelexp"))  # and it can come back
@@ -245,7 +274,7 @@ class Life(unittest.TestCase):
         self.assertLess(int(entry[2]), 1000)  # of the system, not a person's
 
     def test_pages_that_are_named_are_there(self):
-        install(package("kestrelexp"), package("kestrelexp-dev"))
+        install(*map(package, ALL))
         named = set()
         for path in (DEFAULTS, *Path("/etc/kestrel").iterdir(),
                      *Path("/usr/share/doc").glob("kestrelexp*/*.md")):
@@ -266,14 +295,14 @@ class Life(unittest.TestCase):
                                                "1 routes, 1 networks, 0 lines left out"])
 
     def test_links_of_the_installed_pages_lead_to_files(self):
-        install(package("kestrelexp"), package("kestrelexp-dev"))
+        install(*map(package, ALL))
         pages = sorted(Path("/usr/share/doc").glob("kestrelexp*/*.md"))
-        sources = [f"kestrelexp/{page.name}" for page in (SOURCE / "docs").glob("*.md")
-                   if page.name != "plugin-guide.md"]
-        sources += [f"kestrelexp/{page.parent.name}.md"
-                    for page in (SOURCE / "extras").glob("*/README.md")]
-        self.assertEqual(sorted(f"{page.parent.name}/{page.name}" for page in pages),
-                         sorted([*sources, "kestrelexp-dev/plugin-guide.md"]))
+        elsewhere = {"plugin-guide": "kestrelexp-dev", "metrics": "kestrelexp-metrics",
+                     "monitoring": "kestrelexp-metrics"}
+        names = [page.stem for page in (SOURCE / "docs").glob("*.md")]
+        names += [page.parent.name for page in (SOURCE / "extras").glob("*/README.md")]
+        self.assertEqual(sorted(f"{page.parent.name}/{page.name}" for page in pages), sorted(
+            f"{elsewhere.get(name, 'kestrelexp')}/{name}.md" for name in names))
         for page in pages:
             for target in re.findall(r"\]\(([^)#]+)", page.read_text()):
                 self.assertTrue((page.parent / target).exists(), f"{page}: {target}")
@@ -297,10 +326,53 @@ class Life(unittest.TestCase):
         run("make", "-C", "/root/plugin", "install")
         self.assertIn("name: at_least", run("kestrelexp", "-l"))
 
-    def test_shipped_plugins_are_loaded_only_when_asked_for(self):
+    def test_the_page_comes_with_a_package_of_its_own(self):
+        depends = run("dpkg-deb", "-f", str(package("kestrelexp")), "Depends")
+        self.assertEqual(re.findall(r"\blib(?!c6|gcc-s1|stdc\+\+6)[\w.+-]+", depends),
+                         ["libgcrypt20", "libpcap0.8"])
         install(package("kestrelexp"))
+        self.assertFalse(Path("/usr/lib/kestrelexp/metrics.so").exists())
+        install(package("kestrelexp-metrics"))
+        enter_private_network()
+        DEFAULTS.write_text("KESTREL_OPTIONS=-v 0 -X metrics.so -E null -E metrics:\n")
+        probe = WatchedProcess(Unit(PROBED).command())
+        self.addCleanup(probe.kill)
+        probe.wait_for_line(READY)
+        with urllib.request.urlopen("http://127.0.0.1:9101/readyz", timeout=20) as answer:
+            self.assertEqual(answer.read(), b'{"ready":true,"not_ready":[]}\n')
+        rules = "/usr/share/kestrelexp/prometheus/kestrelexp-alerts.yml"
+        self.assertIn("SUCCESS", run("promtool", "check", "rules", rules))
+        probe.signal()
+        self.assertEqual(probe.wait(), 0, probe.describe())
+
+    def test_removing_the_page_says_which_probes_will_miss_it(self):
+        install(package("kestrelexp"), package("kestrelexp-metrics"))
+        self.assertNotIn("metrics.so", run("dpkg", "--remove", "kestrelexp-metrics"))
+        install(package("kestrelexp-metrics"))
+        DEFAULTS.write_text("KESTREL_OPTIONS=-X metrics.so -E metrics:\n")
+        self.assertIn("options in /etc/default name metrics.so; probes with them will not start",
+                      run("dpkg", "--remove", "kestrelexp-metrics"))
+
+    def test_an_upgrade_of_the_page_restarts_the_probes_that_show_the_old_one(self):
+        install(package("kestrelexp"), package("kestrelexp-metrics"))
+        enter_private_network()
+        DEFAULTS.write_text("KESTREL_OPTIONS=-v 0 -X metrics.so -E metrics:\n")
+        service = f"kestrelexp@{PROBED}"
+        with BootedSystem() as system:
+            system.run("systemctl", "start", service)
+            self.wait_for(page_answers)
+            first = system.state(service)[1]
+            upgraded = second_version(package("kestrelexp-metrics"), "3.01.02", lambda tree: None)
+            system.run("dpkg", "-i", upgraded)
+            active, second, _ = system.state(service)
+            self.assertEqual(active, "active")
+            self.assertNotEqual(second, first)
+            self.wait_for(page_answers)
+
+    def test_shipped_plugins_are_loaded_only_when_asked_for(self):
+        install(package("kestrelexp"), package("kestrelexp-metrics"))
         shipped = sorted(Path("/usr/lib/kestrelexp").iterdir())
-        self.assertIn("capture-file.so", [path.name for path in shipped])
+        self.assertEqual([path.name for path in shipped], ["capture-file.so", "metrics.so"])
         before = run("kestrelexp", "-l").count("name: ")
         for path in shipped:
             for name in (path, path.name):

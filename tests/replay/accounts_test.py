@@ -1,7 +1,7 @@
 """The sum at the end: every packet read is sent, kept back or lost for a reason that is told."""
 
-from testbed.accounts import (DISCARDED, HANDED, IN_CACHE, IN_RINGS, LOST, RECEIVED, SAMPLED_OUT, SENT, Sum,
-                              without_sum)
+from testbed.accounts import (DISCARDED, HANDED, IN_CACHE, IN_RINGS, LOST, RECEIVED, SAMPLED_OUT,
+                              SENT, Sum, without_sum)
 from testbed.capture import NS, pcap
 from testbed.frames import arp_request, ethernet, ipv4, ipv6, tcp, udp
 from testbed.netflow_v5 import decode

@@ -15,6 +15,9 @@
 #endif
 
 int32_t plugin_type = PLUGIN_KIND_PROCESS;
+#ifdef THREAD_SAFE
+int32_t plugin_process_is_thread_safe = 1;
+#endif
 
 struct area {
     uint32_t packets;

@@ -5,6 +5,8 @@ import re
 LINE = re.compile(r"VERBOSE: 0:(kestrelexp_\w+)(?:\{(.*)\})? (-?\d+)$")
 
 RECEIVED = "kestrelexp_capture_packets_total"
+DROPPED = "kestrelexp_capture_dropped_packets_total"
+UNREAD = "kestrelexp_capture_unread_packets"
 SAMPLED_OUT = "kestrelexp_capture_sampled_out_packets_total"
 REJECTED = "kestrelexp_rejected_packets_total"
 DISCARDED = "kestrelexp_parser_discarded_packets_total"
@@ -43,6 +45,12 @@ class Sum:
     def exports(self):
         return sorted({match[1] for _, texts in self.values
                        if (match := re.search(r'(export="[^"]*")', texts))})
+
+    def kept_from(self, export):
+        """Frames that an export has not sent, for any reason that is told, that of the kernel too:
+        what is missing in frames sent = packets exported + this."""
+        return self.total(LOST, export) + sum(map(self.total, (
+            DROPPED, UNREAD, SAMPLED_OUT, DISCARDED, IN_CACHE, IN_RINGS, REJECTED)))
 
     def check(self, case):
         """Received = sampled out + no flow + inside + handed, save what global filters rejected,

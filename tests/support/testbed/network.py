@@ -4,6 +4,7 @@ The namespace belongs to this process and the children that it starts, and is go
 them. Neither end answers or speaks on its own: no addresses, no ARP, no IPv6.
 """
 
+import os
 import socket
 import subprocess
 
@@ -34,9 +35,9 @@ def enter_private_network(mtu=1500):
 class FrameSender:
     """Puts frames on the sender's end exactly as given (14 bytes at least: an Ethernet header)."""
 
-    def __init__(self):
+    def __init__(self, device=SENDER):
         self._socket = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, 0)
-        self._socket.bind((SENDER, 0))
+        self._socket.bind((device, 0))
 
     def send(self, *frames):
         for frame in frames:
@@ -44,6 +45,23 @@ class FrameSender:
 
     def close(self):
         self._socket.close()
+
+
+def blaster(flows, frames_per_second):
+    """The command that sends one frame for each of so many flows (frame_blaster.c)."""
+    return [os.environ["KESTREL_FRAME_BLASTER"], SENDER, str(flows), str(frames_per_second)]
+
+
+def blast(flows, frames_per_second):
+    """Sends one frame for each of so many flows, no faster than that."""
+    subprocess.run(blaster(flows, frames_per_second), check=True, stdin=subprocess.DEVNULL)
+
+
+def limit_send_buffers(size):
+    """TCP sockets of this namespace, from now on, take no more bytes than that (the kernel's least
+    is 4,096) from who writes faster than the other side reads."""
+    with open("/proc/sys/net/ipv4/tcp_wmem", "w", encoding="ascii") as setting:
+        setting.write(f"4096 {size} {size}")
 
 
 def udp_receiver(buffer_bytes=128 << 20, port=0):

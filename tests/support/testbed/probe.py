@@ -5,8 +5,11 @@ import re
 import signal
 import subprocess
 import time
+from pathlib import Path
 
 from testbed.process import SLOWNESS, WatchedProcess
+
+_TEMPLATES = Path(__file__).resolve().parents[3] / "etc"
 
 READY = "Kestrel OK"
 FLUSHED = "QUIT signal processed. All data flushed. Exiting ..."
@@ -49,6 +52,18 @@ def run_to_its_end(*arguments, name="kestrelexp", timeout=20, **options):
         capture_output=True, timeout=timeout * SLOWNESS, text=True, errors="replace", check=False,
         **options)
     return done.returncode, done.stdout, messages(done.stderr.splitlines())
+
+
+def ipfix(port, options=""):
+    """The same of an IPFIX export with the templates that are shipped."""
+    return ("-E", f"ipfix:host=127.0.0.1,port={port},ip=4,"
+                  f"template_file={_TEMPLATES}/ipfix-template.txt{options}")
+
+
+def netflow_v9(port, options=""):
+    """The same of a NetFlow v9 export."""
+    return ("-E", f"netflow-v9:host=127.0.0.1,port={port},ip=4,"
+                  f"template-file={_TEMPLATES}/nf9-template.txt{options}")
 
 
 def netflow_v5(port, options=""):

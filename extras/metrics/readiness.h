@@ -1,0 +1,20 @@
+// Whether the probe does its work: frames can be taken, and every export is up.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "readings.h"
+
+namespace metrics {
+
+struct missing_part {
+    std::string kind;    // "input" or "export"
+    std::string name;    // the value of that label
+    std::string reason;  // for people
+};
+
+// Empty: ready. What the program does not count is taken as well.
+std::vector<missing_part> missing_parts(const reading_list& list);
+
+}  // namespace metrics
