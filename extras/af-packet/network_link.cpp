@@ -14,7 +14,7 @@
 namespace af_packet {
 namespace {
 
-constexpr size_t answer_bytes = 16 * 1024;  // some 2 KiB are usual
+constexpr size_t answer_bytes = size_t{16} * 1024;  // some 2 KiB are usual
 
 struct request {
     nlmsghdr header;

@@ -1,6 +1,6 @@
-"""Devices of af-packet that go down or away, or get another name, and come back: each change is said
-once and counted, and the frames before and after it are exported to the packet. A lane alone moves
-its ring to the new interface; several open new ones in a new group."""
+"""Devices of af-packet that go down or away, or get another name, and come back: each change is
+said once and counted, and the frames before and after it are exported to the packet. A lane alone
+moves its ring to the new interface; several open new ones in a new group."""
 
 # Not under the thread sanitizer: the threads are those of af_packet_lanes_test, which runs there.
 
