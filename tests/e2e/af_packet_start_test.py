@@ -2,7 +2,7 @@
 
 # Not under the thread sanitizer: nothing of it runs on a thread.
 
-import resource
+import ctypes
 import socket
 
 from testbed.af_packet import AfPacketCase, words
@@ -23,11 +23,6 @@ class Refusals(AfPacketCase):
     def refused(self, *said, device=PROBED, options="", **run_options):
         status, _, messages = run_to_its_end(*words(device, options), *EXPORT, **run_options)
         self.assertEqual((status, messages), (255, [*said, *FAILED]))
-
-    def refused_lanes(self, said, options, **run_options):
-        status, _, messages = run_to_its_end(*words(PROBED, options), *EXPORT, **run_options)
-        self.assertEqual((status, messages), (
-            255, [said, "The input has 0 queues, which is not between 1 and 64"]))
 
     def member(self, device, group, mode):
         """A socket of somebody else's in a group."""
@@ -80,14 +75,6 @@ class Refusals(AfPacketCase):
         self.refused("Rings of 1048576 MiB for each lane and device, 2097152 MiB in all, do not "
                      "fit into memory", options=",ring=1048576,lanes=2")
 
-    def test_a_ring_that_the_process_may_not_have(self):
-        self.refused("Device kb: a ring of 700 MiB does not fit into memory", options=",ring=700",
-                     preexec_fn=limit_memory)
-
-    def test_a_ring_of_another_lane_that_the_process_may_not_have(self):
-        self.refused_lanes("Device kb: a ring of 130 MiB does not fit into memory",
-                           ",ring=130,lanes=5", preexec_fn=limit_memory)
-
     def test_an_expression_that_is_none(self):
         self.refused("Device kb: filter=ip and: can't parse filter expression: syntax error",
                      options=",filter=ip and")
@@ -119,13 +106,8 @@ class Refusals(AfPacketCase):
         self.assertIn("Sampling set to unbelievable value: 1001", probe.lines)
 
 
-def limit_memory():
-    resource.setrlimit(resource.RLIMIT_AS, (600 << 20, 600 << 20))
-
-
 def drop_right_to_capture():
     """Gives up CAP_NET_RAW (13), of the process and of what it executes."""
-    import ctypes
     libc = ctypes.CDLL(None, use_errno=True)
     if libc.prctl(24, 13, 0, 0, 0) != 0:  # PR_CAPBSET_DROP
         raise OSError(ctypes.get_errno(), "prctl")
