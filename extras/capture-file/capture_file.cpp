@@ -1,7 +1,7 @@
 // The "capture-file" input: frames from a pcap or pcapng file through libpcap, with the packets'
 // own clock, so that the file gives the flows that a live capture of it would have given. Frames
-// that are not Ethernet are given an Ethernet header. Initialised on the main thread, then used by
-// the thread that reads; never parses a frame.
+// that are not Ethernet are given an Ethernet header, and a provider's tags the type of others.
+// Initialised on the main thread, then used by the thread that reads; never parses a frame.
 
 #include <kestrelexp/link.h>
 #include <kestrelexp/plugin.h>
@@ -43,8 +43,8 @@ struct input {
     input_counts counts;     // of what the sampling passed over
     pcap_t* handle;
     const link_format* format;  // null: Ethernet frames, handed on where libpcap has them
-    uint8_t* ethernet_frame;    // room for one that was translated; null for Ethernet
-    uint32_t ethernet_room;     // bytes
+    uint8_t* changed_frame;     // room for one that was translated, or whose tags were
+    uint32_t changed_room;      // bytes
     pcap_pkthdr* captured;      // the frame read last
     const uint8_t* frame;
     bool is_ahead;        // it was read by init and has not been delivered
@@ -84,10 +84,8 @@ bool read_parameters(char* params, input& self) {
 // Says whether frames of the file can be handed on, and gets ready to translate them.
 bool set_link_type(input& self) {
     const int link_type = pcap_datalink(self.handle);
-    if (link_type == DLT_EN10MB)
-        return true;
     self.format = link_format_find(link_type);
-    if (!self.format) {
+    if (!self.format && link_type != DLT_EN10MB) {
         const char* name = pcap_datalink_val_to_name(link_type);
         verbose_msg(-1,
                     "Capture file %s: its frames are not Ethernet but %s, which cannot be "
@@ -96,8 +94,8 @@ bool set_link_type(input& self) {
         return false;
     }
     const int longest = std::min(pcap_snapshot(self.handle), longest_frame);
-    self.ethernet_room = LINK_ETHERNET_HEADER + static_cast<uint32_t>(longest);
-    self.ethernet_frame = static_cast<uint8_t*>(malloc_wrapper(self.ethernet_room, 1));
+    self.changed_room = LINK_ETHERNET_HEADER + static_cast<uint32_t>(longest);
+    self.changed_frame = static_cast<uint8_t*>(malloc_wrapper(self.changed_room, 1));
     return true;
 }
 
@@ -210,6 +208,21 @@ bool is_sampled(input& self) {
     return true;
 }
 
+// The frame in hand as the parser knows frames: it lies in a buffer of ours when it was changed.
+const uint8_t* plain_frame(input& self, packet_header& header) {
+    const uint8_t* frame = self.frame;
+    if (self.format) [[unlikely]]
+        frame =
+            link_to_ethernet(self.format, frame, &header, self.changed_frame, self.changed_room);
+    if (!link_has_service_tags(frame, header.captured_length)) [[likely]]
+        return frame;
+    header.captured_length = std::min(header.captured_length, self.changed_room);
+    if (frame != self.changed_frame)
+        std::memcpy(self.changed_frame, frame, header.captured_length);
+    link_rewrite_service_tags(self.changed_frame, header.captured_length);
+    return self.changed_frame;
+}
+
 bool read_first_frame(input& self) {
     self.is_ahead = read_frame(self);
     // A file without any frame is well-formed; one that breaks off in its first frame is not.
@@ -262,10 +275,7 @@ const uint8_t* plugin_input_get_packet(void* instance, packet_header* header) {
     header->wire_length = self.captured->len;
     header->input_interface = 0;
     header->output_interface = 0;
-    if (self.format) [[unlikely]]
-        return link_to_ethernet(self.format, self.frame, header, self.ethernet_frame,
-                                self.ethernet_room);
-    return self.frame;
+    return plain_frame(self, *header);
 }
 
 int plugin_input_clock(void* instance, uint64_t* now) {

@@ -1,6 +1,7 @@
 /* Link types: how frames that are not Ethernet become Ethernet frames, for inputs that take frames
  * as a device or a file has them. Frames of a cooked device, of a tunnel or of a PPP connection
- * carry the same packets after another header, or after none.
+ * carry the same packets after another header, or after none. And VLAN tags of a kind that the
+ * parser does not know.
  */
 #ifndef KESTRELEXP_LINK_H
 #define KESTRELEXP_LINK_H
@@ -38,6 +39,13 @@ KX_API const struct link_format* link_format_find(int link_type);
 KX_API const uint8_t* link_to_ethernet(const struct link_format* format, const uint8_t* frame,
                                        struct packet_header* header, uint8_t* buffer,
                                        uint32_t buffer_size);
+
+/* The parser knows VLAN tags by the types 0x8100, 0x9100 and 0x9200, and not by 0x88A8, that of a
+ * provider's tags (IEEE 802.1ad). Whether there is such a one (1 or 0) among the tags that the
+ * Ethernet frame begins with, and the same tags with 0x8100 in its place. Tags that are cut off are
+ * left as they are; no byte past the captured length is touched. */
+KX_API int link_has_service_tags(const uint8_t* frame, uint32_t captured_length);
+KX_API void link_rewrite_service_tags(uint8_t* frame, uint32_t captured_length);
 
 #ifdef __cplusplus
 }

@@ -3,7 +3,7 @@
 
 # generated: tables
 _kx_options='-d -e -m -u -v -H -X -G -P -C -I -q -t -E -n -N -F -S -h -l -V'
-_kx_input='pcap rawnetcap capture-file'
+_kx_input='pcap rawnetcap af-packet capture-file'
 _kx_process=''
 _kx_filter='filter as_helper anonymizer'
 _kx_export='null netflow-v5 netflow-v9 ipfix metrics'
@@ -13,6 +13,7 @@ declare -gA _kx_keys=(
     [netflow-v5]='host port ip source_id'
     [netflow-v9]='host port ip source_id template-file template-refresh-time template-refresh-packets'
     [ipfix]='host port ip protocol source_id template_file template-refresh-time template-refresh-packets'
+    [af-packet]='device lanes fanout ring sampling promiscuous snap filter'
     [capture-file]='file filter-file sampling'
     [metrics]='port address'
 )

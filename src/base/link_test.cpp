@@ -237,4 +237,57 @@ TEST(Link, TheRestOfTheBufferIsLeftAlone) {
             EXPECT_TRUE(translate(type, bytes(size, 0x21)).is_rest_untouched) << type;
 }
 
+// The frame after its provider's tags were rewritten. It lies in an allocation of its own size.
+bytes rewritten(const bytes& frame) {
+    const auto exact = std::make_unique<uint8_t[]>(frame.size());
+    std::copy(frame.begin(), frame.end(), exact.get());
+    const auto captured = static_cast<uint32_t>(frame.size());
+    const bool has_any = link_has_service_tags(exact.get(), captured) != 0;
+    link_rewrite_service_tags(exact.get(), captured);
+    const bytes result(exact.get(), exact.get() + frame.size());
+    EXPECT_EQ(has_any, result != frame);
+    EXPECT_EQ(link_has_service_tags(exact.get(), captured), 0);
+    return result;
+}
+
+const bytes addresses(12, 0x88);  // which are no types
+const bytes service{0x88, 0xA8};
+const bytes tag{0x81, 0x00};
+const bytes old_tag{0x91, 0x00};
+const bytes old_tag_2{0x92, 0x00};
+const bytes id_1{0x00, 0x01};
+const bytes id_like_service{0x88, 0xA8};
+
+TEST(ServiceTags, EachTakesTheTypeOfOtherTags) {
+    EXPECT_EQ(rewritten(addresses + service + id_1 + ip4 + packet4),
+              addresses + tag + id_1 + ip4 + packet4);
+    EXPECT_EQ(rewritten(addresses + service + id_1 + service + id_1 + ip4),
+              addresses + tag + id_1 + tag + id_1 + ip4);
+    EXPECT_EQ(rewritten(addresses + service + id_like_service + tag + id_1 + ip4),
+              addresses + tag + id_like_service + tag + id_1 + ip4);
+}
+
+TEST(ServiceTags, AreFoundAfterTagsOfEveryKind) {
+    for (const bytes& other : {tag, old_tag, old_tag_2})
+        EXPECT_EQ(rewritten(addresses + other + id_1 + service + id_1 + ip4),
+                  addresses + other + id_1 + tag + id_1 + ip4);
+}
+
+TEST(ServiceTags, OtherFramesStayAsTheyAre) {
+    for (const bytes& frame :
+         {bytes{}, addresses, addresses + ip4 + packet4, addresses + ip4 + service,
+          addresses + tag + id_like_service + ip4 + service + id_1,
+          addresses + bytes{0x88, 0x47} + service + id_1})
+        EXPECT_EQ(rewritten(frame), frame);
+}
+
+TEST(ServiceTags, OneThatIsCutOffIsLeftAlone) {
+    const bytes whole = addresses + tag + id_1 + service + id_1;
+    for (size_t size = 0; size <= 17; ++size) {
+        const bytes cut(whole.begin(), whole.begin() + static_cast<ptrdiff_t>(size));
+        EXPECT_EQ(rewritten(cut), cut);
+    }
+    EXPECT_EQ(rewritten(addresses + tag + id_1 + service), addresses + tag + id_1 + tag);
+}
+
 }  // namespace

@@ -253,7 +253,7 @@ std::vector<temporal_storage*> final_rings(const flow_switch& first) {
 
 void switch_connect(flow_switch& sw, flow_queue& queue, const input_plugin& input, uint32_t lane) {
     sw.queue = &queue;
-    sw.counters = input_counters(metrics_label());
+    sw.counters = input_counters(metrics_label(), lane == 0);
     sw.instance = input.instance;
     sw.context = input.instance;
     sw.lane = lane;

@@ -75,11 +75,12 @@ static_assert(row_of(discard_reason::not_ip) == parser_metric::not_ip &&
 
 }  // namespace
 
-input_counters::input_counters(const char* labels)
+input_counters::input_counters(const char* labels, bool tells_state)
     : capture_(capture_rows, labels),
       parser_(parser_rows, nullptr),
-      state_(input_state_rows, labels) {
-    state_.set(input_state_metric::is_up, 1);
+      state_(input_state_rows, labels),
+      tells_state_(tells_state) {
+    state_.set(input_state_metric::is_up, tells_state ? 1 : 0);
 }
 
 void input_counters::expect_counts(const char* labels) {
@@ -92,7 +93,7 @@ void input_counters::take(const input_counts& now) {
     undelivered_.set(undelivered_metric::sampled_out, now.sampled_out_packets);
     undelivered_.set(undelivered_metric::interface_changes, now.interface_changes);
     undelivered_.set(undelivered_metric::unread, now.unread_packets);
-    state_.set(input_state_metric::is_up, now.is_up);
+    state_.set(input_state_metric::is_up, tells_state_ ? now.is_up : 0);
     capture_.add(capture_metric::packets, now.sampled_out_packets - told_.sampled_out_packets);
     capture_.add(capture_metric::bytes, now.sampled_out_bytes - told_.sampled_out_bytes);
     told_ = now;

@@ -50,7 +50,8 @@ class input_counters {
   public:
     input_counters() = default;
     // labels: the input's.
-    explicit input_counters(const char* labels);
+    // tells_state: the gauge is ours. Of several lanes one tells, as readers see the sum.
+    explicit input_counters(const char* labels, bool tells_state = true);
     // The input will be asked for what it did not deliver.
     void expect_counts(const char* labels);
 
@@ -74,6 +75,7 @@ class input_counters {
     counter_block<undelivered_metric> undelivered_;
     counter_block<input_state_metric> state_;
     input_counts told_{};  // last time
+    bool tells_state_ = false;
 };
 
 // Takes a frame that the input has delivered into a prepared record. Returns the key, or

@@ -136,6 +136,23 @@ TEST(Undelivered, WhatTheInputTellsIsShownAndItsSampledFramesAreReceivedOnes) {
     EXPECT_EQ(1u, value("up"));
 }
 
+TEST(Undelivered, OneLaneTellsWhetherFramesCanBeTaken) {
+    const std::string label = "input=\"in lanes\"";
+    input_counters first(label.c_str());
+    input_counters second(label.c_str(), false);
+    const auto is_up = [&label] { return metrics_sum("kestrelexp_capture_up", label); };
+    EXPECT_EQ(1u, is_up());
+    first.expect_counts(label.c_str());
+    second.expect_counts(label.c_str());
+    input_counts up{};
+    up.is_up = 1;
+    first.take({});
+    second.take(up);
+    EXPECT_EQ(0u, is_up());
+    first.take(up);
+    EXPECT_EQ(1u, is_up());
+}
+
 // ---- The cache ----
 
 class CacheCounters : public queue_fixture {

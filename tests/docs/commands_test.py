@@ -104,6 +104,9 @@ class Commands(unittest.TestCase):
     def test_plugin_guide(self):
         self.run_page("docs/plugin-guide.md")
 
+    def test_af_packet(self):
+        self.run_page("extras/af-packet/README.md")
+
     def test_capture_file(self):
         self.run_page("extras/capture-file/README.md")
 

@@ -107,6 +107,26 @@ class Links(ReplayCase):
         flows, _ = self.flows(pcap(timed(frames), link=SLL), "-C", "0xF7")
         self.assertEqual(flows, [(FLOW_FOUR, 1), (FLOW_FOUR, 2)])
 
+    def test_tags_of_providers_are_tags(self):
+        four = ipv4(udp(1000, 53, b"abcd"), "10.0.0.1", "10.0.0.2")
+        tags = ([(0x88A8, 1)], [(0x8100, 1)], [(0x88A8, 1), (0x8100, 2)],
+                [(0x88A8, 1), (0x88A8, 2)], [(0x8100, 1), (0x88A8, 2)], [(0x88A8, 2)])
+        content = pcap(timed([ethernet(four, tags=stack) for stack in tags]))
+        self.assertEqual(self.flows(content, "-C", "0xF7")[0],
+                         [(FLOW_FOUR, 1), (FLOW_FOUR, 2), (FLOW_FOUR, 3)])
+        self.assertEqual(self.flows(content)[0], [(FLOW_FOUR, 6)])
+
+    def test_tags_of_providers_in_cooked_frames_are_tags(self):
+        frames = [SLL_HEAD + bytes.fromhex(f"{kind} {vid} 0800") + FOUR
+                  for kind, vid in (("88a8", "0001"), ("8100", "0001"), ("88a8", "0002"))]
+        self.assertEqual(self.flows(pcap(timed(frames), link=SLL), "-C", "0xF7")[0],
+                         [(FLOW_FOUR, 1), (FLOW_FOUR, 2)])
+
+    def test_a_frame_cut_within_the_tags_of_a_provider_is_no_flow(self):
+        tagged = ethernet(ipv4(udp(1000, 53), "10.0.0.1", "10.0.0.2"), tags=[(0x88A8, 1)] * 2)
+        frames = [tagged[:size] for size in range(23)]
+        self.assertEqual(self.flows(pcap(timed(frames))), ([], (23, 0, 0, 23)))
+
     def test_frames_of_any_length_are_read(self):
         # The longest that IP has, and a file that does not say how much of each frame it holds.
         long = ipv4(udp(1000, 53, bytes(65507)), "10.0.0.1", "10.0.0.2").data

@@ -1,0 +1,142 @@
+"""Several lanes of af-packet, and several probes, share the frames of a device by flow."""
+
+import os
+
+from testbed.accounts import Sum
+from testbed.af_packet import RECEIVED, AfPacketCase, make_pair, packet, received, words
+from testbed.frames import ACK, UDP, Transport, ethernet, ipv4, tcp, udp
+from testbed.probe import netflow_v5
+from testbed.process import status_field, wait_until
+
+DEVICE_DROPPED = "kestrelexp_capture_device_dropped_packets_total"
+
+
+def fragments(source, identification):
+    """A datagram in three pieces, of which only the first has ports."""
+    whole = udp(1000, 53, bytes(range(256)) * 12).data
+    pieces = [whole[at:at + 1024] for at in range(0, len(whole), 1024)]
+    return [ethernet(ipv4(Transport(UDP, piece), source, "10.0.0.2", identification=identification,
+                          fragment_offset=128 * number, more_fragments=number + 1 < len(pieces)))
+            for number, piece in enumerate(pieces)]
+
+
+class Lanes(AfPacketCase):
+    def test_each_flow_is_in_one_lane_as_a_whole(self):
+        probe = self.start(options=",lanes=4")
+        for _ in range(10):
+            self.sender.send(*[ethernet(packet(1000 + number)) for number in range(500)])
+        self.assert_flows(self.flows(probe),
+                          {received(1000 + number, 10): 1 for number in range(500)})
+        probe.wait_for_line("4 lanes of ")
+
+    def test_tags_do_not_part_a_flow(self):
+        probe = self.start(options=",lanes=4")
+        for tags in ([], [(0x8100, 1)], [(0x88A8, 2), (0x8100, 3)]):
+            self.sender.send(*[ethernet(packet(1000 + number), tags=tags) for number in range(50)])
+        self.assert_flows(self.flows(probe),
+                          {received(1000 + number, 3): 1 for number in range(50)})
+
+    def test_fragments_of_a_datagram_are_in_one_lane(self):
+        probe = self.start(options=",lanes=4")
+        sources = [f"10.0.1.{number}" for number in range(40)]
+        for source in sources:
+            self.sender.send(*fragments(source, 1), *fragments(source, 2))
+        flows = self.flows(probe)
+        self.assertEqual(sorted(flow.source for flow in flows.elements()), sorted(sources))
+        self.assertEqual({flow.packets for flow in flows}, {len(fragments("10.0.0.1", 1)) * 2})
+
+    def test_all_lanes_have_their_share(self):
+        # Each loses what its small ring has no room for, and counts it.
+        probe = self.start_plain(options=",lanes=4,ring=1")
+        probe.signal(19)  # SIGSTOP
+        wait_until(lambda: status_field(probe.pid, "State")[0] == "T", "standstill")
+        for _ in range(100):
+            self.sender.send(*[ethernet(packet(1000 + number)) for number in range(1000)])
+        probe.signal(18)  # SIGCONT
+        found = self.sums(probe)
+        lost = [found.total(DEVICE_DROPPED, 'device="kb"', f'lane="{lane}"', 'stage="ring"')
+                for lane in range(4)]
+        self.assertGreater(min(lost), 1000)
+        self.assertEqual(sum(lost) + found.total(RECEIVED), 100_000)
+        self.assertEqual(found.total("kestrelexp_capture_dropped_packets_total", 'stage="ring"'),
+                         sum(lost))
+
+    def test_several_devices(self):
+        make_pair("kc", "kd")
+        probe = self.start(device="kb#kd", options=",lanes=3")
+        for _ in range(5):
+            for number in range(20):
+                self.send(1000 + number, 2)
+                self.send(3000 + number, 1, sender="kc")
+        self.assert_flows(self.flows(probe),
+                          {received(1000 + number, 10): 1 for number in range(20)} |
+                          {received(3000 + number, 5, "kd"): 1 for number in range(20)})
+
+    def test_sixty_four_lanes(self):
+        probe = self.start(options=",lanes=64,ring=1")
+        self.sender.send(*[ethernet(packet(1000 + number % 500)) for number in range(5000)])
+        self.assert_flows(self.flows(probe),
+                          {received(1000 + number, 10): 1 for number in range(500)})
+
+    def test_a_process_plugin_for_one_thread_has_all_frames_in_one_lane(self):
+        log = self.directory() / "frames"
+        probe = self.start("-X", os.environ["KESTREL_FRAME_LOG"], "-P", f"frame_log:{log}",
+                           options=",lanes=4")
+        self.sender.send(*[ethernet(packet(1000 + number)) for number in range(100)])
+        self.assert_flows(self.flows(probe),
+                          {received(1000 + number, 1): 1 for number in range(100)})
+        self.assertEqual(sum(line.startswith("create") for line in log.read_text().splitlines()),
+                         100)
+
+    def test_an_expression_and_sampling_hold_for_all_lanes(self):
+        receiver = self.collector(sampling=0x4000 | 2)
+        probe = self.probe(*netflow_v5(receiver.port), source=words(
+            options=",lanes=4,sampling=2,filter=tcp or src port 1000"))
+        frames = [ethernet(packet(1000)), ethernet(packet(2000))]
+        frames += [ethernet(ipv4(tcp(number, 80, ACK), "10.0.0.1", "10.0.0.2"))
+                   for number in range(1, 9)]
+        self.sender.send(*frames * 1000)
+        self.stop_in_order(probe, receiver)
+        flows = [record.flow for record in receiver.records]
+        self.assertEqual({flow.source_port for flow in flows}, {1000, *range(1, 9)})
+        # 4500 are expected, with a deviation of 47.
+        self.assertAlmostEqual(sum(flow.packets for flow in flows), 4500, delta=6 * 47)
+
+
+class Groups(AfPacketCase):
+    def test_probes_of_one_group_share_the_frames(self):
+        receivers = [self.collector() for _ in range(2)]
+        probes = [self.probe(*netflow_v5(receiver.port),
+                             source=words(options=f",fanout=5,lanes={lanes}"))
+                  for lanes, receiver in zip((1, 2), receivers)]
+        for _ in range(3):
+            self.sender.send(*[ethernet(packet(1000 + number)) for number in range(300)])
+        for probe, receiver in zip(probes, receivers):
+            self.stop_in_order(probe, receiver)
+        first, second = (receiver.flows for receiver in receivers)
+        self.assert_flows(first + second,
+                          {received(1000 + number, 3): 1 for number in range(300)})
+        self.assertGreater(len(first), 50)
+        self.assertGreater(len(second), 120)
+
+    def test_probes_without_a_group_have_all_frames_each(self):
+        receivers = [self.collector() for _ in range(2)]
+        probes = [self.probe(*netflow_v5(receiver.port), source=words(options=",lanes=2"))
+                  for receiver in receivers]
+        self.sender.send(*[ethernet(packet(1000 + number)) for number in range(100)])
+        for probe, receiver in zip(probes, receivers):
+            self.stop_in_order(probe, receiver)
+            self.assert_flows(receiver.flows,
+                              {received(1000 + number, 1): 1 for number in range(100)})
+
+    def test_frames_that_pass_while_lanes_are_opened_come_once_or_not_at_all(self):
+        frames = [ethernet(packet(1000 + number)) for number in range(50)]
+        sent = 0
+        probe = self.probe("-E", "null", source=words(options=",lanes=8"), ready=False)
+        while not any("Kestrel OK" in line for line in probe.lines):
+            self.sender.send(*frames)
+            sent += len(frames)
+        self.stop_in_order(probe)
+        found = Sum(probe.lines)
+        found.check(self)
+        self.assertLessEqual(found.total(RECEIVED), sent)
