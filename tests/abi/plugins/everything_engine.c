@@ -50,6 +50,11 @@ static void check_links(void) {
           buffer);
     CHECK(header.captured_length == 60 && header.wire_length == 60);
     CHECK(memcmp(buffer + 12, frame + 12, 48) == 0);
+    buffer[12] = 0x88;
+    buffer[13] = 0xA8;
+    CHECK(link_has_service_tags(buffer, 14) == 1 && link_has_service_tags(buffer, 13) == 0);
+    link_rewrite_service_tags(buffer, 14);
+    CHECK(buffer[12] == 0x81 && buffer[13] == 0x00 && link_has_service_tags(buffer, 14) == 0);
 }
 
 void check_packets(void) {
