@@ -13,8 +13,8 @@ def expected_flows(packets, flows):
         if packet % 100 != 99:
             seen.setdefault(packet * 7919 % flows, []).append(packet)
     return sorted(
-        f"{BASE + found[0] * 1000} {BASE + found[-1] * 1000} {len(found)} {46 * len(found)} 7 8 ip4 "
-        f"{0x0A000000 + flow:08x} c0000201 00 proto17 {1000 + flow} 53 00 0 100 0"
+        f"{BASE + found[0] * 1000} {BASE + found[-1] * 1000} {len(found)} {46 * len(found)} 7 8 "
+        f"ip4 {0x0A000000 + flow:08x} c0000201 00 proto17 {1000 + flow} 53 00 0 100 0"
         for flow, found in seen.items())
 
 
