@@ -108,20 +108,26 @@ filter_program take_all(uint32_t snap_bytes) {
 
 // Jumps are relative, so those of the program stay as they are.
 filter_program put_in_front(const filter_program& program, uint32_t sampling, bool is_loopback) {
+    const sock_filter no_outgoing[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, ancillary(SKF_AD_PKTTYPE)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, PACKET_OUTGOING, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, 0),
+    };
+    const sock_filter one_in_n[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, ancillary(SKF_AD_RANDOM)),
+        BPF_STMT(BPF_ALU | BPF_MOD | BPF_K, sampling),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 0, 1, 0),
+        BPF_STMT(BPF_RET | BPF_K, 0),
+    };
     filter_program all;
     if (is_loopback)
-        all.insert(all.end(), {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, ancillary(SKF_AD_PKTTYPE)),
-                               BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, PACKET_OUTGOING, 0, 1),
-                               BPF_STMT(BPF_RET | BPF_K, 0)});
+        std::ranges::copy(no_outgoing, std::back_inserter(all));
     if (sampling > 1)
-        all.insert(all.end(),
-                   {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, ancillary(SKF_AD_RANDOM)),
-                    BPF_STMT(BPF_ALU | BPF_MOD | BPF_K, sampling),
-                    BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 0, 1, 0), BPF_STMT(BPF_RET | BPF_K, 0)});
+        std::ranges::copy(one_in_n, std::back_inserter(all));
     // Programs begin with nothing in the accumulator.
     if (!all.empty())
         all.push_back(BPF_STMT(BPF_LD | BPF_IMM, 0));
-    all.insert(all.end(), program.begin(), program.end());
+    std::ranges::copy(program, std::back_inserter(all));
     return all;
 }
 
