@@ -24,6 +24,10 @@ void set_promiscuous(int descriptor, int index, bool is_wanted) {
 }  // namespace
 
 bool packet_socket_bind(int descriptor, int index) {
+    // What the socket has still to tell is about the interface before: that it went away.
+    int old_error = 0;
+    socklen_t size = sizeof old_error;
+    (void)getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &old_error, &size);
     sockaddr_ll address{};
     address.sll_family = AF_PACKET;
     address.sll_protocol = htons(ETH_P_ALL);
