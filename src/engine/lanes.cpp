@@ -144,6 +144,7 @@ void* age_lanes(void* argument) {
     statistics_line& statistics = caches.front()->statistics;
     queue_start_statistics(*caches.front(), timer_get_nsec());
     std::vector<ageing> states;
+    states.reserve(caches.size());
     for (const flow_queue* cache : caches)
         states.push_back(queue_start_ageing(*cache));
     for (;;) {
