@@ -211,7 +211,7 @@ void make_lanes(flow_switch& first, uint32_t count, const run_configuration& run
             temporal_storage_init(ring_slots, static_cast<uint32_t>(ring.producer.slot_size),
                                   cache.directory, "final-records");
         auto* sw = make_lifelong<flow_switch>();
-        switch_connect(*sw, cache, *chosen_input(run), number);
+        switch_connect(*sw, &cache, *chosen_input(run), number);
         switch_take_operations(*sw, operations);
         sw->get_batch = first.get_batch;
         sw->sampling = first.sampling;
@@ -240,7 +240,7 @@ flow_switch* lanes_switch_init(flow_queue* queue, uint32_t flow_mask, int needs_
     if (!switch_init_input(needs_packets != 0, *input))
         return nullptr;
     auto* sw = make_lifelong<flow_switch>();
-    switch_connect(*sw, *queue, *input, 0);
+    switch_connect(*sw, queue, *input, 0);
     sw->sampling = input->sampling(input->instance);
     return sw;
 }

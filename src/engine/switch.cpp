@@ -251,8 +251,8 @@ std::vector<temporal_storage*> final_rings(const flow_switch& first) {
     return rings;
 }
 
-void switch_connect(flow_switch& sw, flow_queue& queue, const input_plugin& input, uint32_t lane) {
-    sw.queue = &queue;
+void switch_connect(flow_switch& sw, flow_queue* queue, const input_plugin& input, uint32_t lane) {
+    sw.queue = queue;
     sw.counters = input_counters(metrics_label(), lane == 0);
     sw.instance = input.instance;
     sw.context = input.instance;
@@ -306,7 +306,7 @@ flow_switch* sw_init(flow_queue* queue, uint32_t flow_mask, int needs_packets,
     if (!init_input(mode, needs_packets != 0, *input))
         return nullptr;
     auto* sw = make_lifelong<flow_switch>();
-    switch_connect(*sw, *queue, *input, 0);
+    switch_connect(*sw, queue, *input, 0);
     sw->needs_packets = needs_packets != 0;
     if (mode == input_mode::packets) {
         sw->reader = packet_to_flow_reader;

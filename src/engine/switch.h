@@ -80,7 +80,7 @@ inline bool reads_on(flow_switch& sw) {
 std::vector<temporal_storage*> final_rings(const flow_switch& first);
 
 // Fills a new switch for an input that is initialised, in the scope of the input's metrics label.
-void switch_connect(flow_switch& sw, flow_queue& queue, const input_plugin& input, uint32_t lane);
+void switch_connect(flow_switch& sw, flow_queue* queue, const input_plugin& input, uint32_t lane);
 
 // Initialises the input plugin. Returns whether it could.
 bool switch_init_input(bool needs_packets, input_plugin& input);
