@@ -105,8 +105,10 @@ void say_limited(pcap_device& device, const char* joint, const char* fault) {
         verbose_msg(-1, "Device %s%s%s (%lu times)", device.name, joint, fault, times);
 }
 
+// What libpcap still has to tell of the change is told with it.
 void say(pcap_device& device, const char* what) {
     device.changes += 1;
+    *pcap_geterr(device.handle) = '\0';
     verbose_msg(-1, "Device %s %s", device.name, what);
 }
 
