@@ -45,23 +45,25 @@ void print_report(const cache_report& report, uint64_t now_s, uint64_t elapsed_s
 void statistics_line::start(uint64_t now_s) {
     const std::scoped_lock locked(lock_);
     last_s_ = now_s;
-    next_s_ = now_s + interval_s;
+    next_s_.store(now_s + interval_s, std::memory_order_relaxed);
 }
 
 void statistics_line::postpone(uint64_t now_s) {
     const std::scoped_lock locked(lock_);
-    next_s_ = now_s + interval_s;
+    next_s_.store(now_s + interval_s, std::memory_order_relaxed);
 }
 
 void statistics_line::print_if_due(uint64_t now_s) {
-    const std::scoped_lock locked(lock_);
-    if (now_s <= next_s_)
+    if (now_s <= next_s_.load(std::memory_order_relaxed)) [[likely]]
         return;
+    const std::scoped_lock locked(lock_);
+    if (now_s <= next_s_.load(std::memory_order_relaxed))
+        return;  // somebody else was first
     const uint64_t elapsed_s = now_s > last_s_ ? now_s - last_s_ : 1;
     const uint64_t cpu_ms = process_cpu_ms();
     print_report(take_locked(), now_s, elapsed_s, cpu_ms - last_cpu_ms_);
     last_s_ = now_s;
-    next_s_ = now_s + interval_s;
+    next_s_.store(now_s + interval_s, std::memory_order_relaxed);
     last_cpu_ms_ = cpu_ms;
 }
 

@@ -2,6 +2,7 @@
 // takes no lock of the cache, so that it goes on while the cache waits for a collector.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <span>
@@ -43,7 +44,9 @@ class statistics_line {
     std::span<const cache_counters> caches_;
     std::mutex lock_;
     uint64_t last_s_ = 0;
-    uint64_t next_s_ = UINT64_MAX;  // not started
+    // UINT64_MAX: not started. Written under the lock; looked at without it first, as hours of a
+    // replay have millions of passes.
+    std::atomic<uint64_t> next_s_ = UINT64_MAX;
     uint64_t last_cpu_ms_ = 0;
     cache_report told_{};  // all that was told so far
 };
