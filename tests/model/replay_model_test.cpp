@@ -1,5 +1,7 @@
 // Random packets at random times through the program's replay and through the model: the same flows
 // in the same order, each leaving at the same time.
+// Not under the thread sanitizer: hours of passes take minutes there, and the threads are those of
+// tests/replay, which run there.
 #include "tests/model/replay_model.h"
 
 #include <gtest/gtest.h>
