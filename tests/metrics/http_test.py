@@ -31,8 +31,8 @@ class Numbers(MetricsCase):
         frames = [*[v4(1000 + n % 30) for n in range(300)], *[ethernet(arp_request())] * 7,
                   *[ethernet(ipv6(tcp(n, 443), C, D)) for n in range(40)]]
         self.sender.send(*frames)
-        wait_until(lambda: scrape()["kestrelexp_handed_packets_total"] == 340, "flows to age")
-        wait_until(lambda: scrape()["kestrelexp_cache_flows"] == 0, "an empty cache")
+        wait_until(lambda: scrape().get("kestrelexp_handed_packets_total") == 340, "flows to age")
+        wait_until(lambda: scrape().get("kestrelexp_cache_flows") == 0, "an empty cache")
         found = scrape()
         self.assertEqual(found['kestrelexp_capture_packets_total{input="pcap"}'], 347)
         self.assertEqual(found['kestrelexp_capture_bytes_total{input="pcap"}'],
@@ -77,7 +77,7 @@ class Numbers(MetricsCase):
         collector = self.collector()
         self.watched_probe("-S", "2", *netflow_v5(collector.port), options=("-t", "180:1"))
         self.sender.send(*[ethernet(ipv6(udp(1000 + n, 53), C, D)) for n in range(10)])
-        wait_until(lambda: scrape()["kestrelexp_handed_packets_total"] == 10, "flows to age")
+        wait_until(lambda: scrape().get("kestrelexp_handed_packets_total") == 10, "flows to age")
         export = summary()["exports"][0]
         self.assertEqual(export["lost"], [{"reason": "ip_version", "packets": 5}])
         self.assertEqual(export["left_out"], [{"reason": "sampling", "packets": 5}])
@@ -139,7 +139,8 @@ class Numbers(MetricsCase):
             self.sender.send(*frames[first:first + 500], *heavy[first // 50:first // 50 + 10])
             time.sleep(0.02)
         # The flow in the first slot of the cache, if there is one, stays there.
-        wait_until(lambda: scrape()["kestrelexp_handed_records_total"] >= 20_000, "flows to age")
+        wait_until(lambda: scrape().get("kestrelexp_handed_records_total", 0) >= 20_000,
+                   "flows to age")
         wait_until(lambda: summary()["top"]["records"]
                    == scrape()["kestrelexp_handed_records_total"], "a sample")
         top = summary()["top"]

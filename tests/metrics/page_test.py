@@ -70,7 +70,7 @@ class Numbers(PageCase):
         self.assertEqual(self.browser.number("road-capture"), 0)
         self.sender.send(*[frame(n) for n in range(400)], *[ethernet(arp_request())] * 5, *[
             ethernet(ipv6(udp(n, 53), "2001:db8::1", "2001:db8::2")) for n in range(30)])
-        wait_until(lambda: scrape()["kestrelexp_handed_packets_total"] == 430, "flows to age")
+        wait_until(lambda: scrape().get("kestrelexp_handed_packets_total") == 430, "flows to age")
         wait_until(lambda: self.browser.number("road-records") == 430, "the page to show it")
         self.browser.wait_for_updates(1)
         found = scrape()
