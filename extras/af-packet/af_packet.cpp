@@ -21,7 +21,7 @@ constexpr plugin_description description{
     "Input driver for the capture rings of the kernel, without a library in between.\n"
     "This driver may be used with process plugins.\n"
     "Parameters (delimited by ','):\n"
-    " device=devname (mandatory, several are parted by '#')\n"
+    " device=devname (mandatory, several are separated by '#')\n"
     " lanes=count (1)\n"
     " fanout=group (share the frames with other processes)\n"
     " ring=MiB (16, for each lane and device)\n"

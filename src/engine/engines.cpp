@@ -56,7 +56,7 @@ void ignore_clock_jump() {}
 constexpr engine engines[] = {
     {"replay", has_clock, chosen_size, sizeof(replay_stamp), replay_queue_init, sw_init,
      start_clock, replay_loop, replay_record_loop, replay_stop, ignore_clock_jump},
-    {"lanes", gives_batches, chosen_size, 0, lanes_queue_init, lanes_switch_init, lanes_prepare,
+    {"lanes", gives_batches, chosen_size, 0, queue_init_unaged, lanes_switch_init, lanes_prepare,
      lanes_loop, main_record_loop, request_flush, flush_for_clock_jump},
     {"final flows", delivers_final_flows, token_size, 0, queue_init, sw_init, prepare_nothing,
      plugin_final_flow_loop, main_record_loop, request_flush, flush_for_clock_jump},

@@ -223,16 +223,6 @@ void make_lanes(flow_switch& first, uint32_t count, const run_configuration& run
 
 }  // namespace
 
-flow_queue* lanes_queue_init(int32_t size_exponent, int32_t active_s, int32_t inactive_s,
-                             temporal_storage* final_storage, const char* directory,
-                             uint64_t data_size, int32_t plugin_count, process_plugin* plugins) {
-    flow_queue* queue = queue_create(size_exponent, static_cast<uint64_t>(active_s) * ns_per_second,
-                                     static_cast<uint64_t>(inactive_s) * ns_per_second,
-                                     final_storage, directory, data_size, plugin_count, plugins);
-    queue->now.store(timer_get_nsec(), std::memory_order_relaxed);
-    return queue;
-}
-
 flow_switch* lanes_switch_init(flow_queue* queue, uint32_t flow_mask, int needs_packets,
                                input_plugin* input) {
     parser_set_flow_mask(flow_mask);

@@ -12,11 +12,6 @@
 
 namespace kestrel {
 
-// queue_init (kestrelexp/flow.h) without a remover thread: the lanes share one.
-flow_queue* lanes_queue_init(int32_t size_exponent, int32_t active_s, int32_t inactive_s,
-                             temporal_storage* final_storage, const char* directory,
-                             uint64_t data_size, int32_t plugin_count, process_plugin* plugins);
-
 // sw_init (kestrelexp/flow.h) for an input with batches.
 flow_switch* lanes_switch_init(flow_queue* queue, uint32_t flow_mask, int needs_packets,
                                input_plugin* input);

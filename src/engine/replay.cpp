@@ -183,9 +183,8 @@ void put_stamped(flow_queue& queue, const flow_record& record) {
 flow_queue* replay_queue_init(int32_t size_exponent, int32_t active_s, int32_t inactive_s,
                               temporal_storage* final_storage, const char* directory,
                               uint64_t data_size, int32_t plugin_count, process_plugin* plugins) {
-    flow_queue* queue = queue_create(size_exponent, static_cast<uint64_t>(active_s) * ns_per_second,
-                                     static_cast<uint64_t>(inactive_s) * ns_per_second,
-                                     final_storage, directory, data_size, plugin_count, plugins);
+    flow_queue* queue = queue_init_unaged(size_exponent, active_s, inactive_s, final_storage,
+                                          directory, data_size, plugin_count, plugins);
     queue->sink = put_stamped;
     return queue;
 }

@@ -79,6 +79,16 @@ flow_queue* queue_create(int32_t size_exponent, uint64_t active_ns, uint64_t ina
     return queue;
 }
 
+flow_queue* queue_init_unaged(int32_t size_exponent, int32_t active_s, int32_t inactive_s,
+                              temporal_storage* final_storage, const char* directory,
+                              uint64_t data_size, int32_t plugin_count, process_plugin* plugins) {
+    flow_queue* queue = queue_create(size_exponent, static_cast<uint64_t>(active_s) * ns_per_second,
+                                     static_cast<uint64_t>(inactive_s) * ns_per_second,
+                                     final_storage, directory, data_size, plugin_count, plugins);
+    queue->now.store(timer_get_nsec(), std::memory_order_relaxed);
+    return queue;
+}
+
 void queue_put_final(flow_queue& queue, const flow_record& record) {
     // Waits for room: a record that the record loop has not taken is never overwritten.
     void* slot = storage_reserve(*queue.final_storage);
@@ -94,10 +104,8 @@ flow_queue* queue_init(int32_t size_exponent, int32_t active_s, int32_t inactive
                        temporal_storage* final_storage, const char* directory, uint64_t data_size,
                        int32_t plugin_count, process_plugin* plugins) {
     std::atomic_ref(queue_force_flush).store(0, std::memory_order_relaxed);
-    flow_queue* queue = queue_create(size_exponent, static_cast<uint64_t>(active_s) * ns_per_second,
-                                     static_cast<uint64_t>(inactive_s) * ns_per_second,
-                                     final_storage, directory, data_size, plugin_count, plugins);
-    queue->now.store(timer_get_nsec(), std::memory_order_relaxed);
+    flow_queue* queue = queue_init_unaged(size_exponent, active_s, inactive_s, final_storage,
+                                          directory, data_size, plugin_count, plugins);
     if (!start_thread(queue_remover, queue))
         die(exit_queue_thread, "Unable to create queue thread.");
     return queue;

@@ -1,5 +1,5 @@
 // The flow cache ("queue"): its structure, how it is made, and how flows leave it. What happens per
-// packet is in queue_update.h, ageing and flushing in remover.h.
+// packet is in flow_cache_update.h, ageing and flushing in ageing.h.
 //
 // 2^q slots in buckets of eight. A slot's flow lies in three arrays: its key (eight keys of a
 // bucket are one cache line), its fast record (24 bytes that change with every packet) and its full
@@ -95,6 +95,9 @@ flow_sink queue_put_final;
 flow_queue* queue_create(int32_t size_exponent, uint64_t active_ns, uint64_t inactive_ns,
                          temporal_storage* final_storage, const char* directory, uint64_t data_size,
                          int32_t plugin_count, process_plugin* plugins);
+
+// queue_init (kestrelexp/flow.h) without the remover thread.
+decltype(queue_init) queue_init_unaged;
 
 // Shares the slots of a queue that is still empty out among so many (a power of two): it becomes
 // the first part, the others are returned in their order, without a remover thread. The final

@@ -8,8 +8,8 @@ import os
 import subprocess
 import time
 
-from testbed.af_packet import RECEIVED, AfPacketCase, make_pair, packet, received
-from testbed.network import PROBED, SENDER, ip
+from testbed.af_packet import RECEIVED, AfPacketCase, packet, received
+from testbed.network import PROBED, SENDER, ip, make_pair
 from testbed.process import SLOWNESS, settle, wait_until
 from testbed.tunnel import MONITOR_DEVICE, Tunnel
 

@@ -3,9 +3,10 @@
 import os
 
 from testbed.accounts import Sum
-from testbed.af_packet import RECEIVED, AfPacketCase, make_pair, packet, received, words
+from testbed.af_packet import RECEIVED, AfPacketCase, packet, received, words
 from testbed.frames import ACK, UDP, Transport, ethernet, ipv4, tcp, udp
 from testbed.probe import netflow_v5
+from testbed.network import make_pair
 from testbed.process import status_field, wait_until
 
 DEVICE_DROPPED = "kestrelexp_capture_device_dropped_packets_total"

@@ -7,13 +7,13 @@ import os
 import socket
 import subprocess
 
-from testbed.af_packet import (A, B, RECEIVED, AfPacketCase, SegmentSender, index_of, make_pair,
+from testbed.af_packet import (A, B, RECEIVED, AfPacketCase, SegmentSender, index_of,
                                packet, received, sent, words)
 from testbed.accounts import DISCARDED
 from testbed.flow_model import Flow, predict
 from testbed.frames import (ACK, SYN, arp_request, ethernet, icmp, ipv4, ipv6, pseudowire, tcp,
                             udp)
-from testbed.network import PROBED, SENDER, FrameSender, ip
+from testbed.network import PROBED, SENDER, FrameSender, ip, make_pair
 from testbed.probe import netflow_v5
 from testbed.process import status_field, wait_until
 from testbed.tunnel import PPP_DEVICE, Tunnel

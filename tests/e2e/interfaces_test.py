@@ -11,7 +11,7 @@ from testbed.accounts import Sum
 from testbed.case import E2eCase
 from testbed.flow_model import Flow
 from testbed.frames import ethernet, ipv4, udp
-from testbed.network import PROBED, SENDER, FrameSender, ip
+from testbed.network import PROBED, SENDER, FrameSender, ip, make_pair, wait_for_carrier
 from testbed.probe import netflow_v5
 from testbed.process import SLOWNESS, settle, wait_until
 from testbed.tunnel import MONITOR_DEVICE, Tunnel
@@ -31,19 +31,6 @@ def packet(port):
 
 def flow(port, packets):
     return Flow(A, B, 17, port, 53, 0, 0, packets, 32 * packets)
-
-
-def make_pair(*names):
-    ip(f"link add {names[0]} type veth peer name {names[1]}")
-    for name in names:
-        ip(f"link set {name} arp off up")
-
-
-def wait_for_carrier(device=SENDER):
-    """Until then the kernel throws away what is sent there, and says nothing."""
-    wait_until(lambda: " state UP " in subprocess.run(
-        ["ip", "-oneline", "link", "show", device], capture_output=True, text=True,
-        check=True).stdout, f"carrier of {device}")
 
 
 def cpu_seconds(pid):

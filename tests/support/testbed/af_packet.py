@@ -3,15 +3,13 @@
 import os
 import socket
 import struct
-import subprocess
 
 from testbed.accounts import Sum
 from testbed.case import E2eCase
 from testbed.flow_model import Flow
 from testbed.frames import ethernet, ipv4, udp
-from testbed.network import PROBED, SENDER, FrameSender, ip
+from testbed.network import PROBED, SENDER, FrameSender, wait_for_carrier
 from testbed.probe import netflow_v5
-from testbed.process import wait_until
 
 A, B = "10.0.0.1", "10.0.0.2"
 RECEIVED = "kestrelexp_capture_packets_total"
@@ -43,19 +41,6 @@ def received(port, packets, device=PROBED, index=None):
 def sent(port, packets, device=PROBED):
     """The flow of packets that went out of it."""
     return Flow(A, B, 17, port, 53, 0, 0, packets, 32 * packets, 0, index_of(device))
-
-
-def make_pair(*names):
-    ip(f"link add {names[0]} type veth peer name {names[1]}")
-    for name in names:
-        ip(f"link set {name} arp off up")
-
-
-def wait_for_carrier(device=SENDER):
-    """Until then the kernel throws away what is sent there, and says nothing."""
-    wait_until(lambda: " state UP " in subprocess.run(
-        ["ip", "-oneline", "link", "show", device], capture_output=True, text=True,
-        check=True).stdout, f"carrier of {device}")
 
 
 class SegmentSender:

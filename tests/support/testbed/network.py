@@ -9,6 +9,7 @@ import socket
 import subprocess
 
 from testbed import namespaces
+from testbed.process import wait_until
 
 SENDER, PROBED = "ka", "kb"  # frames sent on the first end arrive at the second
 
@@ -30,6 +31,19 @@ def enter_private_network(mtu=1500):
     ip(f"link add {SENDER} mtu {mtu} type veth peer name {PROBED} mtu {mtu}")
     for end in (SENDER, PROBED):
         ip(f"link set {end} arp off up")
+
+
+def make_pair(*names):
+    ip(f"link add {names[0]} type veth peer name {names[1]}")
+    for name in names:
+        ip(f"link set {name} arp off up")
+
+
+def wait_for_carrier(device=SENDER):
+    """Until then the kernel throws away what is sent there, and says nothing."""
+    wait_until(lambda: " state UP " in subprocess.run(
+        ["ip", "-oneline", "link", "show", device], capture_output=True, text=True,
+        check=True).stdout, f"carrier of {device}")
 
 
 class FrameSender:
