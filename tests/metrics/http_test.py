@@ -249,6 +249,7 @@ class Readiness(MetricsCase):
     def test_what_is_down_is_named(self):
         # An export of ours that says of itself that it is down, as those of the program do.
         self.watched_probe("-X", DOWN, "-E", "down")
+        wait_until(lambda: summary()["exports"], "exports that the record loop has registered")
         status, headers, body = ask("/readyz")
         self.assertEqual((status, headers["Content-Type"]), (503, "application/json"))
         self.assertEqual(json.loads(body), {"ready": False, "not_ready": [

@@ -52,15 +52,17 @@ class LoopbackWitness:
     def streams(self, port):
         """What was sent on each TCP connection to a port, in the order of the connections: the
         bytes that were on the wire without a gap from the first."""
-        starts, parts = {}, {}
+        streams, current = [], {}
         for data in self._to_port(TCP, port):
             source, _, sequence = struct.unpack_from(">HHI", data)
             payload = data[data[12] // 16 * 4:]
-            if data[13] & 2:  # SYN
-                starts[source], parts[source] = sequence + 1, {}
-            elif payload and source in starts:
-                parts[source][(sequence - starts[source]) % 2**32] = payload
-        return [_joined(parts[source]) for source in starts]
+            if data[13] & 2:  # SYN; a later connection may come from the same port
+                current[source] = (sequence + 1, {})
+                streams.append(current[source])
+            elif payload and source in current:
+                start, parts = current[source]
+                parts[(sequence - start) % 2**32] = payload
+        return [_joined(parts) for _, parts in streams]
 
     def _to_port(self, protocol, port):
         for packet in list(self._packets):
