@@ -27,6 +27,7 @@
 #include <cstring>
 
 #include "base/memory.h"
+#include "base/prefetch.h"
 #include "flow/flow_cache_update.h"
 #include "flow/parser.h"
 #include "record/layout.h"
@@ -55,7 +56,7 @@ bool walks_only;
 // Keys in buckets of eight, one cache line each; what finds no room takes the place of another.
 class table {
   public:
-    void prefetch(flow_key key) const { __builtin_prefetch(bucket(key)); }
+    void fetch_ahead(flow_key key) const { prefetch(bucket(key)); }
 
     void look_up(flow_key key) {
         flow_key* const keys = bucket(key);
@@ -89,7 +90,7 @@ class batch {
         const flow_key key = parse_packet(frame, header, 0, record);
         if (!occupied(key))
             return;
-        table_.prefetch(key);
+        table_.fetch_ahead(key);
         keys_[count_++] = key;
         if (count_ == batch_frames)
             look_up();

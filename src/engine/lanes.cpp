@@ -85,15 +85,15 @@ void parse_batch(lane& self, unsigned frames) {
 }
 
 void update_batch(lane& self) {
-    const auto prefetch = [&self](unsigned n) {
+    const auto fetch_slot = [&self](unsigned n) {
         if (n < self.count)
             queue_prefetch_slot(self.queue, self.keys[n]);
     };
     for (unsigned n = 0; n < slot_distance; ++n)
-        prefetch(n);
+        fetch_slot(n);
     self.queue.lock.lock();
     for (unsigned n = 0; n < self.count; ++n) {
-        prefetch(n + slot_distance);
+        fetch_slot(n + slot_distance);
         queue_update_locked(self.queue, record_of(self, n), self.keys[n]);
     }
     queue_unlock(self.queue);

@@ -141,14 +141,14 @@ void update_showing_frame(replay& r) {
 void update_batch(replay& r) {
     if (r.queue.plugin_count != 0)
         return update_showing_frame(r);
-    const auto prefetch = [&r](unsigned n) {
+    const auto fetch_slot = [&r](unsigned n) {
         if (n < r.count)
             queue_prefetch_slot(r.queue, r.keys[n]);
     };
     for (unsigned n = 0; n < slot_distance; ++n)
-        prefetch(n);
+        fetch_slot(n);
     for (unsigned n = 0; n < r.count; ++n) {
-        prefetch(n + slot_distance);
+        fetch_slot(n + slot_distance);
         advance_clock(r, r.times[n]);
         queue_update_locked(r.queue, record_of(r, n), r.keys[n]);
     }

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "base/prefetch.h"
 #include "base/wire.h"
 #include "kestrelexp/builtin.h"
 #include "kestrelexp/filter.h"
@@ -109,8 +110,8 @@ const Entry* search(const Entry* table, uint64_t count, const Ends& flow) {
     while (lo < hi) {
         const int64_t mid = (lo + hi) / 2;
         // Both entries that may come next: worth a tenth to a quarter of a big table's time.
-        __builtin_prefetch(table + (lo + mid) / 2);
-        __builtin_prefetch(table + (mid + hi) / 2);
+        prefetch(table + (lo + mid) / 2);
+        prefetch(table + (mid + hi) / 2);
         const place where = place_of(flow, table[mid]);
         if (where == place::here)
             return table + mid;

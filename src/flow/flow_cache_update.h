@@ -9,6 +9,7 @@
 
 #include <emmintrin.h>
 
+#include "base/prefetch.h"
 #include "flow/flow_cache.h"
 
 namespace kestrel {
@@ -119,15 +120,14 @@ inline void queue_update_locked(flow_queue& queue, flow_record& packet, flow_key
     queue_start_flow(queue, slot, packet, key);
 }
 
-// Fetches the keys that a packet to come will be compared with. (Always inlined, as is the next
-// one: to gcc a function that does nothing but prefetch has no effect, and it drops the call.)
-[[gnu::always_inline]] inline void queue_prefetch_bucket(const flow_queue& queue, flow_key key) {
-    __builtin_prefetch(queue.keys + bucket_start(queue, key));
+// Fetches the keys that a packet to come will be compared with.
+inline void queue_prefetch_bucket(const flow_queue& queue, flow_key key) {
+    prefetch(queue.keys + bucket_start(queue, key));
 }
 
 // Fetches what the packet will change, once its bucket is in the cache: the fast record of its
 // flow, or the place of a new one. A guess: packets in between may change the bucket.
-[[gnu::always_inline]] inline void queue_prefetch_slot(const flow_queue& queue, flow_key key) {
+inline void queue_prefetch_slot(const flow_queue& queue, flow_key key) {
     const uint32_t start = bucket_start(queue, key);
     const flow_key* bucket = queue.keys + start;
     uint32_t slot = start;
@@ -138,12 +138,12 @@ inline void queue_update_locked(flow_queue& queue, flow_record& packet, flow_key
         slot += free ? static_cast<uint32_t>(__builtin_ctz(free))
                      : static_cast<uint32_t>(queue.victim_counter) & (bucket_slots - 1);
         const uint8_t* record = queue.records + slot * queue.stride;
-        __builtin_prefetch(record, 1);
-        __builtin_prefetch(record + FLOW_RECORD_BASE_SIZE - 1, 1);
+        prefetch(record);
+        prefetch(record + FLOW_RECORD_BASE_SIZE - 1);
     }
     const auto* fast = reinterpret_cast<const uint8_t*>(queue.fast + slot);
-    __builtin_prefetch(fast, 1);
-    __builtin_prefetch(fast + sizeof(fast_record) - 1, 1);
+    prefetch(fast);
+    prefetch(fast + sizeof(fast_record) - 1);
 }
 
 // Lets go of the lock, and of the processor when the remover asked for the lock meanwhile.
