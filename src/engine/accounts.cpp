@@ -79,7 +79,7 @@ struct packets_inside {
 uint64_t packets_in_cache(const flow_queue& queue) {
     uint64_t packets = 0;
     for (uint32_t slot = 0; slot < queue.size; ++slot) {
-        if (slot % block_slots == 0 && queue.block_flows[slot / block_slots] == 0)
+        if (slot % block_slots == 0 && queue.map.is_block_empty(slot))
             slot += block_slots - 1;
         else if (occupied(queue.keys[slot]))
             packets += queue.fast[slot].packets();

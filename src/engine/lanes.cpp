@@ -10,6 +10,7 @@
 #include <bit>
 #include <cstdio>
 #include <cstring>
+#include <span>
 
 #include "base/clock.h"
 #include "base/log.h"
@@ -26,7 +27,6 @@ namespace kestrel {
 namespace {
 
 constexpr unsigned batch_frames = 64;
-constexpr unsigned slot_distance = 12;    // packets ahead
 constexpr uint32_t smallest_cache = 32;   // slots of a lane
 constexpr uint32_t smallest_ring = 1024;  // slots of a lane's ring of finished flows
 
@@ -37,6 +37,7 @@ struct lane {
     uint8_t* records;  // of the batch
     unsigned count = 0;
     flow_key keys[batch_frames] = {};
+    uint32_t slots[batch_frames] = {};  // where the flows may be
     input_frame frames[batch_frames] = {};
 };
 
@@ -48,17 +49,22 @@ flow_record& record_of(const lane& self, unsigned n) {
 bool parse(lane& self, const input_frame& frame) {
     flow_record& record = record_of(self, self.count);
     prepare_slot(record);
-    const flow_key key =
-        take_frame(self.sw.counters, frame.data, frame.header, self.sampling, record);
+    const flow_key key = parse_packet(frame.data, frame.header, self.sampling, record);
+    if (!occupied(key)) [[unlikely]] {
+        self.sw.counters.add_discarded(key);
+        return false;
+    }
     self.keys[self.count] = key;
-    return occupied(key);
+    return true;
 }
 
 unsigned read_batch(lane& self) {
     std::memset(self.frames, 0, sizeof self.frames);
     const uint32_t given =
         self.sw.get_batch(self.sw.instance, self.sw.lane, self.frames, batch_frames);
-    return std::min(given, batch_frames);
+    const unsigned frames = std::min(given, batch_frames);
+    self.sw.counters.add_frames(std::span(self.frames, frames));
+    return frames;
 }
 
 // Process plugins see the frame of each packet.
@@ -84,18 +90,13 @@ void parse_batch(lane& self, unsigned frames) {
     }
 }
 
+// All slots are fetched ahead before the first is changed.
 void update_batch(lane& self) {
-    const auto fetch_slot = [&self](unsigned n) {
-        if (n < self.count)
-            queue_prefetch_slot(self.queue, self.keys[n]);
-    };
-    for (unsigned n = 0; n < slot_distance; ++n)
-        fetch_slot(n);
     self.queue.lock.lock();
-    for (unsigned n = 0; n < self.count; ++n) {
-        fetch_slot(n + slot_distance);
-        queue_update_locked(self.queue, record_of(self, n), self.keys[n]);
-    }
+    for (unsigned n = 0; n < self.count; ++n)
+        self.slots[n] = queue_prefetch_slot(self.queue, self.keys[n]);
+    for (unsigned n = 0; n < self.count; ++n)
+        queue_update_locked(self.queue, record_of(self, n), self.keys[n], self.slots[n]);
     queue_unlock(self.queue);
 }
 

@@ -143,7 +143,7 @@ void update_batch(replay& r) {
         return update_showing_frame(r);
     const auto fetch_slot = [&r](unsigned n) {
         if (n < r.count)
-            queue_prefetch_slot(r.queue, r.keys[n]);
+            (void)queue_prefetch_slot(r.queue, r.keys[n]);
     };
     for (unsigned n = 0; n < slot_distance; ++n)
         fetch_slot(n);

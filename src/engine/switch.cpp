@@ -56,7 +56,7 @@ flow_key exchange_key(const flow_queue& queue, const void* slot) {
     if (const void* slot = storage_peek(exchange, bucket_distance))
         queue_prefetch_bucket(queue, exchange_key(queue, slot));
     if (const void* slot = storage_peek(exchange, slot_distance))
-        queue_prefetch_slot(queue, exchange_key(queue, slot));
+        (void)queue_prefetch_slot(queue, exchange_key(queue, slot));
 }
 
 // What process plugins see of the packet in hand: nothing, as they never asked.

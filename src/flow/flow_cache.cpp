@@ -24,8 +24,7 @@ void set_size(flow_queue& queue, uint32_t slots) {
     queue.size = slots;
     queue.bucket_mask = slots - bucket_slots;
     queue.scan_cursor = static_cast<int32_t>(slots - 1);
-    const uint32_t blocks = (slots + block_slots - 1) / block_slots;
-    queue.block_flows = static_cast<uint16_t*>(malloc_wrapper(blocks * sizeof(uint16_t), 1));
+    queue.map = slot_map(slots);
 }
 
 }  // namespace
@@ -122,7 +121,7 @@ void queue_remove_record(flow_queue* queue, uint32_t slot, int32_t reason) {
     fast.packets_and_flags = 0;
     queue->keys[slot] = 0;
     queue->record_count -= 1;
-    --queue->block_flows[slot / block_slots];
+    queue->map.remove(slot);
 }
 
 void queue_remove_record_oneshot(flow_queue* queue, flow_record* record, int32_t reason) {

@@ -16,14 +16,13 @@
 #include "base/spinlock.h"
 #include "flow/flow_counters.h"
 #include "flow/ring.h"
+#include "flow/slot_map.h"
 #include "flow/statistics_line.h"
 #include "kestrelexp/flow.h"
 
 namespace kestrel {
 
 inline constexpr uint32_t bucket_slots = 8;
-// Flows are counted by blocks of slots, so that a whole scan of a sparse queue skips what is empty.
-inline constexpr uint32_t block_slots = 1024;
 
 // What changes with every packet of a flow.
 struct fast_record {
@@ -80,7 +79,7 @@ struct flow_queue {
 
     uint64_t record_size;      // base part and data space
     uint64_t stride;           // bytes from record to record
-    uint16_t* block_flows;     // flows in each block of slots
+    kestrel::slot_map map;     // of the slots that hold a flow
     kestrel::flow_sink* sink;  // queue_put_final, unless the engine sets another one
     kestrel::cache_counters counters;
     kestrel::statistics_line statistics;

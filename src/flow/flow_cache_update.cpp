@@ -10,9 +10,9 @@ namespace kestrel {
 
 [[gnu::noinline]] void queue_finish_scan(flow_queue& queue, uint64_t now) {
     while (queue.scan_cursor >= 0) {
-        const uint32_t block = static_cast<uint32_t>(queue.scan_cursor) / block_slots;
-        if (queue.block_flows[block] == 0)
-            queue.scan_cursor = static_cast<int32_t>(block * block_slots) - 1;
+        const auto slot = static_cast<uint32_t>(queue.scan_cursor);
+        if (queue.map.is_block_empty(slot))
+            queue.scan_cursor = static_cast<int32_t>(slot / block_slots * block_slots) - 1;
         else
             queue_scan_step(queue, now);
     }
@@ -47,7 +47,7 @@ namespace kestrel {
     fast.bytes = packet.bytes;
     fast.set(packet.packets, packet.tcpflags);
     queue.record_count += 1;
-    ++queue.block_flows[slot / block_slots];
+    queue.map.add(slot);
     queue.keys[slot] = key;
 }
 

@@ -1,10 +1,10 @@
 // The per-packet path of the flow cache: one packet record and its key join a flow or start one.
 // Runs on the switch thread, under the queue's lock.
 //
-// Cost of a hit: one cache line of keys, one or two of fast records, and the next fast record of
-// the idle scan, which the hardware prefetcher has ready; no branch that a steady flow mispredicts.
+// Cost of a hit: one cache line of keys, one or two of fast records, and a bit of the idle scan,
+// with the fast record of its flow when there is one; no branch that a steady flow mispredicts.
 // Hence the shape: the eight keys of a bucket are compared at once, what is rare (a flow ends, a
-// plugin runs) is out of line, and queue_prefetch lets the misses of packets to come overlap.
+// plugin runs) is out of line, and queue_prefetch_* lets the misses of packets to come overlap.
 #pragma once
 
 #include <emmintrin.h>
@@ -44,6 +44,15 @@ inline uint32_t bucket_start(const flow_queue& queue, flow_key key) {
     return static_cast<uint32_t>(key) & queue.bucket_mask;
 }
 
+inline constexpr uint32_t no_slot = UINT32_MAX;
+
+// The slot of the key's flow, or no_slot.
+inline uint32_t queue_find_flow(const flow_queue& queue, flow_key key) {
+    const uint32_t start = bucket_start(queue, key);
+    const unsigned equal = keys_equal(queue.keys + start, key);
+    return equal != 0 ? start + static_cast<uint32_t>(__builtin_ctz(equal)) : no_slot;
+}
+
 // Counter limits of one flow: the 24 bits of the fast record's packets, and 32 bits of bytes, each
 // with room to spare.
 inline constexpr uint64_t flow_packets_limit = 0xFF'FFF1;
@@ -57,13 +66,14 @@ void queue_update_plugins(flow_queue& queue, uint32_t slot, flow_record& packet)
 // victim, which leaves.
 uint32_t queue_make_room(flow_queue& queue, uint32_t start);
 
-// Looks at one slot of the idle scan. Slot 0 is never examined: the cursor reaching it ends the
-// scan, and its flow leaves by collision, active timeout or flush.
+// Looks at one slot of the idle scan, and into it only when there is a flow. Slot 0 is never
+// examined: the cursor reaching it ends the scan, and its flow leaves by collision, active timeout
+// or flush.
 inline void queue_scan_step(flow_queue& queue, uint64_t now) {
     if (queue.scan_cursor < 0)
         return;
     const int32_t slot = queue.scan_cursor--;
-    if (queue.scan_cursor < 0)
+    if (queue.scan_cursor < 0 || !queue.map.holds_flow(static_cast<uint32_t>(slot)))
         return;
     const fast_record& fast = queue.fast[slot];
     if (fast.packets() != 0 && longer_than(fast.end, now, queue.inactive_timeout)) [[unlikely]]
@@ -96,8 +106,9 @@ inline bool queue_join_flow(flow_queue& queue, uint32_t slot, flow_record& packe
     return true;
 }
 
-// One packet, the lock held.
-inline void queue_update_locked(flow_queue& queue, flow_record& packet, flow_key key) {
+// One packet, the lock held. guess: a slot of the key's bucket where its flow may be.
+inline void queue_update_locked(flow_queue& queue, flow_record& packet, flow_key key,
+                                uint32_t guess) {
     const uint64_t now = queue.now.load(std::memory_order_relaxed);
     queue_scan_step(queue, now);
     if (queue.forced_checks != 0) [[unlikely]]
@@ -107,17 +118,20 @@ inline void queue_update_locked(flow_queue& queue, flow_record& packet, flow_key
         queue_remove_record_oneshot(&queue, &packet, REMOVAL_FORCED);
         return;
     }
-    const uint32_t start = bucket_start(queue, key);
-    const unsigned equal = keys_equal(queue.keys + start, key);
-    uint32_t slot;
-    if (equal != 0) [[likely]] {
-        slot = start + static_cast<uint32_t>(__builtin_ctz(equal));
+    uint32_t slot = guess;
+    if (queue.keys[guess] != key) [[unlikely]]
+        slot = queue_find_flow(queue, key);
+    if (slot != no_slot) [[likely]] {
         if (queue_join_flow(queue, slot, packet)) [[likely]]
             return;
     } else {
-        slot = queue_make_room(queue, start);
+        slot = queue_make_room(queue, bucket_start(queue, key));
     }
     queue_start_flow(queue, slot, packet, key);
+}
+
+inline void queue_update_locked(flow_queue& queue, flow_record& packet, flow_key key) {
+    queue_update_locked(queue, packet, key, bucket_start(queue, key));
 }
 
 // Fetches the keys that a packet to come will be compared with.
@@ -126,17 +140,15 @@ inline void queue_prefetch_bucket(const flow_queue& queue, flow_key key) {
 }
 
 // Fetches what the packet will change, once its bucket is in the cache: the fast record of its
-// flow, or the place of a new one. A guess: packets in between may change the bucket.
-inline void queue_prefetch_slot(const flow_queue& queue, flow_key key) {
-    const uint32_t start = bucket_start(queue, key);
-    const flow_key* bucket = queue.keys + start;
-    uint32_t slot = start;
-    if (const unsigned equal = keys_equal(bucket, key)) {
-        slot += static_cast<uint32_t>(__builtin_ctz(equal));
-    } else {
-        const unsigned free = ~keys_occupied(bucket) & bucket_full;
-        slot += free ? static_cast<uint32_t>(__builtin_ctz(free))
-                     : static_cast<uint32_t>(queue.victim_counter) & (bucket_slots - 1);
+// flow, or the place of a new one. Returns the slot, which is a guess: packets in between may
+// change the bucket.
+inline uint32_t queue_prefetch_slot(const flow_queue& queue, flow_key key) {
+    uint32_t slot = queue_find_flow(queue, key);
+    if (slot == no_slot) {
+        const uint32_t start = bucket_start(queue, key);
+        const unsigned free = ~keys_occupied(queue.keys + start) & bucket_full;
+        slot = start + (free ? static_cast<uint32_t>(__builtin_ctz(free))
+                             : static_cast<uint32_t>(queue.victim_counter) & (bucket_slots - 1));
         const uint8_t* record = queue.records + slot * queue.stride;
         prefetch(record);
         prefetch(record + FLOW_RECORD_BASE_SIZE - 1);
@@ -144,6 +156,7 @@ inline void queue_prefetch_slot(const flow_queue& queue, flow_key key) {
     const auto* fast = reinterpret_cast<const uint8_t*>(queue.fast + slot);
     prefetch(fast);
     prefetch(fast + sizeof(fast_record) - 1);
+    return slot;
 }
 
 // Lets go of the lock, and of the processor when the remover asked for the lock meanwhile.

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <span>
 
 #include "base/counters.h"
 #include "flow/parser.h"
@@ -58,6 +59,13 @@ class input_counters {
     void add_frame(const packet_header& header) const {
         capture_.add(capture_metric::packets);
         capture_.add(capture_metric::bytes, header.wire_length);
+    }
+    void add_frames(std::span<const input_frame> frames) const {
+        uint64_t bytes = 0;
+        for (const input_frame& frame : frames)
+            bytes += frame.header.wire_length;
+        capture_.add(capture_metric::packets, frames.size());
+        capture_.add(capture_metric::bytes, bytes);
     }
     // A record of an input that delivers flows.
     void add_flow(const flow_record& flow) const {
