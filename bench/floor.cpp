@@ -5,8 +5,9 @@
 //
 // Knows only what the bench gives it: Ethernet, and capture files of this machine's byte order.
 //
-// usage: bench_floor [-w] INTERFACE | [-w] -r FILE
+// usage: bench_floor [-w] [-g] INTERFACE | [-w] -r FILE
 //   -w walks only: no parser, no look-up
+//   -g lets frames gather for 8 ms whenever the ring is empty, rather than be woken by each block
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -47,6 +48,7 @@ constexpr int wait_ms = 10;
 
 volatile sig_atomic_t stop;
 bool walks_only;
+bool lets_gather;
 
 [[noreturn]] void fail(const char* what) {
     std::perror(what);
@@ -173,6 +175,8 @@ void walk_ring(const char* interface, batch& packets) {
         uint8_t* const block = from.memory + size_t{number} * block_bytes;
         auto& status = reinterpret_cast<tpacket_block_desc*>(block)->hdr.bh1.block_status;
         if ((__atomic_load_n(&status, __ATOMIC_ACQUIRE) & TP_STATUS_USER) == 0) {
+            if (lets_gather)
+                (void)usleep(block_timeout_ms * 1000);
             pollfd readable{from.descriptor, POLLIN, 0};
             (void)poll(&readable, 1, wait_ms);  // a signal ends it as well
             continue;
@@ -241,12 +245,16 @@ void on_interrupt(int) {
 
 int main(int argc, char** argv) {
     int at = 1;
-    walks_only = at < argc && std::strcmp(argv[at], "-w") == 0;
-    at += walks_only;
-    const bool is_file = at < argc && std::strcmp(argv[at], "-r") == 0;
-    at += is_file;
+    const auto takes = [&](const char* option) {
+        const bool is_there = at < argc && std::strcmp(argv[at], option) == 0;
+        at += is_there;
+        return is_there;
+    };
+    walks_only = takes("-w");
+    lets_gather = takes("-g");
+    const bool is_file = takes("-r");
     if (at + 1 != argc) {
-        std::fprintf(stderr, "usage: %s [-w] INTERFACE | [-w] -r FILE\n", argv[0]);
+        std::fprintf(stderr, "usage: %s [-w] [-g] INTERFACE | [-w] -r FILE\n", argv[0]);
         return 2;
     }
     (void)std::signal(SIGINT, on_interrupt);

@@ -167,6 +167,7 @@ def programs(options, scratch):
     null, v5 = ["-E", "null:"], ["-E", f"netflow-v5:host=127.0.0.1,port={SINK_PORT}"]
     return [
         ("floor", [f"{build}/bench/bench_floor", PROBED], signal.SIGINT, False),
+        ("floor, gathers", [f"{build}/bench/bench_floor", "-g", PROBED], signal.SIGINT, False),
         ("floor, walk only", [f"{build}/bench/bench_floor", "-w", PROBED], signal.SIGINT, False),
         ("lane null", [*lanes, ring, *null], signal.SIGINT, False),
         ("lane v5", [*lanes, ring, *v5], signal.SIGINT, True),

@@ -4,8 +4,12 @@
 #include "lane.h"
 
 #include <kestrelexp/service.h>
+#include <time.h>
 
+#include <algorithm>
 #include <string>
+
+#include "gathering.h"
 
 namespace af_packet {
 namespace {
@@ -62,7 +66,8 @@ lane::lane(uint32_t number, const device_list& devices) : number_(number), waits
                                               : nullptr,
                           .dropped_before = 0,
                           .dropped_told = 0,
-                          .card_told = 0});
+                          .card_told = 0,
+                          .blocks_before = 0});
     }
 }
 
@@ -101,13 +106,36 @@ uint32_t lane::take_what_is_there(input_frame* frames, uint32_t limit) {
     return count;
 }
 
+// The longest pause that all rings allow; see gathering.h.
+uint64_t lane::gathering_ns() {
+    const uint64_t elapsed_ns = timer_get_uptime() - waited_ns_;
+    uint64_t result = 0;
+    for (port& at : ports_) {
+        const packet_ring* const from = ring(at);
+        if (!from)
+            continue;
+        const uint64_t blocks = from->blocks() - std::min(at.blocks_before, from->blocks());
+        at.blocks_before = from->blocks();
+        const uint64_t pause =
+            pause_ns({blocks, elapsed_ns, from->block_bytes(), from->block_count()});
+        if (blocks > 0)
+            result = result == 0 ? pause : std::min(result, pause);
+    }
+    return result;
+}
+
 // All rings are empty: waits for frames or changes.
 void lane::wait() {
+    const uint64_t pause = gathering_ns();
+    if (pause > 0) {
+        const timespec length{0, static_cast<long>(pause)};
+        (void)nanosleep(&length, nullptr);  // a signal ends it as well
+    }
     for (size_t n = 0; n < ports_.size(); ++n) {
         const packet_ring* const from = ring(ports_[n]);
         waits_[n] = {from ? from->descriptor() : -1, POLLIN, 0};  // -1 is passed over
     }
-    (void)poll(waits_.data(), waits_.size(), wait_ms);  // a signal ends it as well
+    (void)poll(waits_.data(), waits_.size(), pause > 0 ? 0 : wait_ms);
     take_errors();
     for (port& at : ports_)
         if (at.of->wants_rings_back())
@@ -116,7 +144,7 @@ void lane::wait() {
 
 // An error stays until it is taken, and poll does not wait meanwhile.
 void lane::take_errors() {
-    const uint64_t now_ns = timer_get_uptime();
+    const uint64_t now_ns = waited_ns_ = timer_get_uptime();
     for (size_t n = 0; n < ports_.size(); ++n) {
         const packet_ring* const from = ring(ports_[n]);
         const bool has_error =

@@ -34,12 +34,14 @@ class lane {
         uint64_t dropped_before;    // by rings that were closed
         uint64_t dropped_told;
         uint64_t card_told;
+        uint64_t blocks_before;  // of the ring, up to the last wait
     };
 
     packet_ring* ring(const port& at) const { return at.of->ring(number_); }
     void give_back();
     uint32_t take_what_is_there(input_frame* frames, uint32_t limit);
     void wait();
+    uint64_t gathering_ns();
     void take_errors();
     void close_if_drained(port& at);
     void count_port(port& at, input_counts& counts);
@@ -49,6 +51,7 @@ class lane {
     std::vector<port> ports_;
     std::vector<pollfd> waits_;  // by port
     size_t turn_ = 0;            // the port that is first
+    uint64_t waited_ns_ = 0;     // when the last wait ended, of the uptime
 };
 
 }  // namespace af_packet

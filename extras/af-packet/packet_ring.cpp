@@ -156,6 +156,7 @@ uint32_t packet_ring::take(input_frame* frames, uint32_t limit, const frame_limi
         if (left_ == 0) {
             block_ = block_ + 1 == block_count_ ? 0 : block_ + 1;
             held_ += 1;
+            blocks_ += 1;
         }
     }
     taken_ += count;

@@ -56,6 +56,11 @@ class packet_ring {
     // Hands back the blocks whose frames were all taken.
     void give_back();
 
+    // Blocks walked up to their end so far, and what the ring is made of.
+    uint64_t blocks() const { return blocks_; }
+    uint32_t block_bytes() const { return block_bytes_; }
+    uint32_t block_count() const { return block_count_; }
+
     // Asks the kernel for what it has counted since the last time.
     void count();
     uint64_t dropped() const { return dropped_; }
@@ -81,6 +86,7 @@ class packet_ring {
     uint64_t received_ = 0;    // with those that were dropped
     uint64_t dropped_ = 0;
     uint64_t taken_ = 0;
+    uint64_t blocks_ = 0;
 };
 
 }  // namespace af_packet
