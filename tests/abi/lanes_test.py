@@ -102,6 +102,7 @@ class Lanes(Run):
         self.assertIn("A flow cache of 128 slots is too small for 5 lanes: -q 8 or more",
                       running.messages)
 
+    # Not under the address sanitizer: it waits for a line, and its frames are plain.
     def test_the_statistics_are_those_of_all_lanes(self):
         running = self.start_program(
             "-v", "0", "-X", ",".join(map(plugin, ("queues", "collect"))),

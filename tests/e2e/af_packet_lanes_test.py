@@ -30,6 +30,8 @@ class Lanes(AfPacketCase):
                           {received(1000 + number, 10): 1 for number in range(500)})
         probe.wait_for_line("4 lanes of ")
 
+    # Not under the address sanitizer: it is the kernel that shares out.
+    # Not under the thread sanitizer: it is the kernel that shares out.
     def test_tags_do_not_part_a_flow(self):
         probe = self.start(options=",lanes=4")
         for tags in ([], [(0x8100, 1)], [(0x88A8, 2), (0x8100, 3)]):
@@ -37,6 +39,7 @@ class Lanes(AfPacketCase):
         self.assert_flows(self.flows(probe),
                           {received(1000 + number, 3): 1 for number in range(50)})
 
+    # Not under the thread sanitizer: the kernel shares out.
     def test_fragments_of_a_datagram_are_in_one_lane(self):
         probe = self.start(options=",lanes=4")
         sources = [f"10.0.1.{number}" for number in range(40)]
@@ -46,6 +49,8 @@ class Lanes(AfPacketCase):
         self.assertEqual(sorted(flow.source for flow in flows.elements()), sorted(sources))
         self.assertEqual({flow.packets for flow in flows}, {len(fragments("10.0.0.1", 1)) * 2})
 
+    # Not under the address sanitizer: it is the kernel that shares out.
+    # Not under the thread sanitizer: it is the kernel that shares out.
     def test_all_lanes_have_their_share(self):
         # Each loses what its small ring has no room for, and counts it.
         probe = self.start_plain(options=",lanes=4,ring=1")
@@ -73,12 +78,15 @@ class Lanes(AfPacketCase):
                           {received(1000 + number, 10): 1 for number in range(20)} |
                           {received(3000 + number, 5, "kd"): 1 for number in range(20)})
 
+    # Not under the address sanitizer: it is the kernel that shares out.
+    # Not under the thread sanitizer: it is the kernel that shares out.
     def test_sixty_four_lanes(self):
         probe = self.start(options=",lanes=64,ring=1")
         self.sender.send(*[ethernet(packet(1000 + number % 500)) for number in range(5000)])
         self.assert_flows(self.flows(probe),
                           {received(1000 + number, 10): 1 for number in range(500)})
 
+    # Not under the address sanitizer: the frame is that of af_packet_test.
     def test_a_process_plugin_for_one_thread_has_all_frames_in_one_lane(self):
         log = self.directory() / "frames"
         probe = self.start("-X", os.environ["KESTREL_FRAME_LOG"], "-P", f"frame_log:{log}",
@@ -89,6 +97,8 @@ class Lanes(AfPacketCase):
         self.assertEqual(sum(line.startswith("create") for line in log.read_text().splitlines()),
                          100)
 
+    # Not under the address sanitizer: it is the kernel that shares out.
+    # Not under the thread sanitizer: it is the kernel that shares out.
     def test_an_expression_and_sampling_hold_for_all_lanes(self):
         receiver = self.collector(sampling=0x4000 | 2)
         probe = self.probe(*netflow_v5(receiver.port), source=words(
@@ -105,6 +115,8 @@ class Lanes(AfPacketCase):
 
 
 class Groups(AfPacketCase):
+    # Not under the address sanitizer: it is the kernel that shares out.
+    # Not under the thread sanitizer: it is the kernel that shares out.
     def test_probes_of_one_group_share_the_frames(self):
         receivers = [self.collector() for _ in range(2)]
         probes = [self.probe(*netflow_v5(receiver.port),
@@ -120,6 +132,8 @@ class Groups(AfPacketCase):
         self.assertGreater(len(first), 50)
         self.assertGreater(len(second), 120)
 
+    # Not under the address sanitizer: it is the kernel that shares out.
+    # Not under the thread sanitizer: it is the kernel that shares out.
     def test_probes_without_a_group_have_all_frames_each(self):
         receivers = [self.collector() for _ in range(2)]
         probes = [self.probe(*netflow_v5(receiver.port), source=words(options=",lanes=2"))
@@ -130,6 +144,8 @@ class Groups(AfPacketCase):
             self.assert_flows(receiver.flows,
                               {received(1000 + number, 1): 1 for number in range(100)})
 
+    # Not under the address sanitizer: it is the kernel that shares out.
+    # Not under the thread sanitizer: it is the kernel that shares out.
     def test_frames_that_pass_while_lanes_are_opened_come_once_or_not_at_all(self):
         frames = [ethernet(packet(1000 + number)) for number in range(50)]
         sent = 0
