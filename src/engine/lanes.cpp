@@ -115,9 +115,9 @@ void update_batch(lane& self) {
         if (n < self.count)
             queue_prefetch_slot(self.queue, self.keys[n]);
     };
+    lock_cache(self);
     for (unsigned n = 0; n < slot_distance; ++n)
         fetch_slot(n);
-    lock_cache(self);
     for (unsigned n = 0; n < self.count; ++n) {
         fetch_slot(n + slot_distance);
         queue_update_locked(self.queue, record_of(self, n), self.keys[n]);
