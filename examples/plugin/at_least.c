@@ -1,7 +1,8 @@
 /* A filter to begin with: "at_least" keeps the flows that have a given number of packets and drops
  * the others.
  *
- *     kestrelexp -X ./at_least.so -I pcap:device=eth0 -F at_least:packets=10 -E ...
+ *     kestrelexp -X af-packet.so,./at_least.so -I af-packet:device=eth0 \
+ *         -F at_least:packets=10 -E ...
  *
  * Runs on the main thread alone, like every filter and export, so it needs no locks.
  */

@@ -1,7 +1,8 @@
 /* An export to begin with: "csv" writes one line for each flow to standard output.
  *
- *     kestrelexp -X ./csv.so -I pcap:device=eth0 -E csv: > flows.csv
- *     kestrelexp -X ./csv.so -I pcap:device=eth0 -E csv:field=L4_TCP_FLAGS > flows.csv
+ *     kestrelexp -X af-packet.so,./csv.so -I af-packet:device=eth0 -E csv: > flows.csv
+ *     kestrelexp -X af-packet.so,./csv.so -I af-packet:device=eth0 \
+ *         -E csv:field=L4_TCP_FLAGS > flows.csv
  *
  * Runs on the main thread alone.
  */

@@ -1,7 +1,7 @@
 /* A process plugin to begin with: "largest" keeps the length of each flow's largest packet, and
  * offers it to templates and exports as the field LARGEST_PACKET.
  *
- *     kestrelexp -X ./largest.so,./csv.so -I pcap:device=eth0 -P largest: \
+ *     kestrelexp -X af-packet.so,./largest.so,./csv.so -I af-packet:device=eth0 -P largest: \
  *         -E csv:field=LARGEST_PACKET
  *
  * create, update and release run for every packet, under the lock of the flow cache: they are

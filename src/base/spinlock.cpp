@@ -15,7 +15,7 @@ constexpr useconds_t longest_nap_us = 10'000;
 
 }  // namespace
 
-void spinlock::wait() {
+void spinlock::wait(wait_chore* chore, void* context) {
     useconds_t nap_us = first_nap_us;
     for (int round = 0; pthread_spin_trylock(&lock_) != 0; ++round) {
         if (round < spins) {
@@ -23,6 +23,8 @@ void spinlock::wait() {
         } else if (round < spins + yields) {
             sched_yield();
         } else {
+            if (chore != nullptr)
+                chore(context);
             usleep(nap_us);
             nap_us = std::min(2 * nap_us, longest_nap_us);
         }

@@ -7,6 +7,9 @@
 
 namespace kestrel {
 
+// What a waiter does now and then once it waits for long.
+using wait_chore = void(void* context);
+
 class spinlock {
   public:
     spinlock() { pthread_spin_init(&lock_, PTHREAD_PROCESS_PRIVATE); }
@@ -14,15 +17,15 @@ class spinlock {
     spinlock(const spinlock&) = delete;
     spinlock& operator=(const spinlock&) = delete;
 
-    void lock() {
+    void lock(wait_chore* chore = nullptr, void* context = nullptr) {
         if (pthread_spin_trylock(&lock_) != 0) [[unlikely]]
-            wait();
+            wait(chore, context);
     }
     bool try_lock() { return pthread_spin_trylock(&lock_) == 0; }
     void unlock() { pthread_spin_unlock(&lock_); }
 
   private:
-    void wait();
+    void wait(wait_chore* chore, void* context);
 
     pthread_spinlock_t lock_;
 };

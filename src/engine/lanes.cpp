@@ -58,6 +58,32 @@ bool parse(lane& self, const input_frame& frame) {
     return true;
 }
 
+// The lane of this thread; null on others, such as the remover.
+thread_local flow_switch* own_lane = nullptr;
+
+void count_meanwhile(void*) {
+    if (own_lane != nullptr)
+        serve_request_to_count(*own_lane);
+}
+
+bool count_and_wait_on(void*) {
+    count_meanwhile(nullptr);
+    return true;
+}
+
+// The sink of lanes: queue_put_final, but what the input loses while nobody takes finished flows is
+// told meanwhile.
+void put_final(flow_queue& queue, const flow_record& record) {
+    void* const slot = storage_reserve(*queue.final_storage, count_and_wait_on, nullptr);
+    std::memcpy(slot, &record, queue.record_size);
+    storage_commit(*queue.final_storage);
+}
+
+// The remover may have the lock for as long as it waits for room in the ring of finished flows.
+void lock_cache(lane& self) {
+    self.queue.lock.lock(count_meanwhile, nullptr);
+}
+
 unsigned read_batch(lane& self) {
     std::memset(self.frames, 0, sizeof self.frames);
     const uint32_t given =
@@ -74,7 +100,7 @@ void update_showing_frames(lane& self, unsigned frames) {
         if (!parse(self, self.frames[n]))
             continue;
         const packet_in_hand in_hand(parser_position());
-        self.queue.lock.lock();
+        lock_cache(self);
         queue_update_locked(self.queue, record_of(self, 0), self.keys[0]);
         queue_unlock(self.queue);
     }
@@ -92,7 +118,7 @@ void parse_batch(lane& self, unsigned frames) {
 
 // All slots are fetched ahead before the first is changed.
 void update_batch(lane& self) {
-    self.queue.lock.lock();
+    lock_cache(self);
     for (unsigned n = 0; n < self.count; ++n)
         self.slots[n] = queue_prefetch_slot(self.queue, self.keys[n]);
     for (unsigned n = 0; n < self.count; ++n)
@@ -109,6 +135,7 @@ void name_lane(uint32_t number) {
 void* run_lane(void* argument) {
     auto& sw = *static_cast<flow_switch*>(argument);
     name_lane(sw.lane);
+    own_lane = &sw;
     const size_t record_bytes = batch_frames * sw.queue->stride;
     auto& self = *make_lifelong<lane>(
         lane{.sw = sw,
@@ -230,6 +257,7 @@ flow_switch* lanes_switch_init(flow_queue* queue, uint32_t flow_mask, int needs_
     verbose_msg(3, "trying to init batch plugin");
     if (!switch_init_input(needs_packets != 0, *input))
         return nullptr;
+    queue->sink = put_final;
     auto* sw = make_lifelong<flow_switch>();
     switch_connect(*sw, queue, *input, 0);
     sw->sampling = input->sampling(input->instance);

@@ -259,7 +259,10 @@ void switch_connect(flow_switch& sw, flow_queue* queue, const input_plugin& inpu
     sw.lane = lane;
 }
 
-[[gnu::noinline]] bool serve_requests(flow_switch& sw) {
+namespace {
+
+// Takes the request to count, and counts. Returns all requests that there were.
+uint32_t count_what_is_undelivered(flow_switch& sw) {
     const uint32_t requests = sw.requests.fetch_and(~count_undelivered, std::memory_order_relaxed);
     if (sw.counts != nullptr) {
         input_counts now{};
@@ -267,6 +270,18 @@ void switch_connect(flow_switch& sw, flow_queue* queue, const input_plugin& inpu
         sw.counts(sw.instance, sw.lane, &now);
         sw.counters.take(now);
     }
+    return requests;
+}
+
+}  // namespace
+
+void serve_request_to_count(flow_switch& sw) {
+    if ((sw.requests.load(std::memory_order_relaxed) & count_undelivered) != 0)
+        count_what_is_undelivered(sw);
+}
+
+[[gnu::noinline]] bool serve_requests(flow_switch& sw) {
+    const uint32_t requests = count_what_is_undelivered(sw);
     const bool is_last = (requests & close_input) != 0;
     if (is_last)
         sw.is_closed.store(true, std::memory_order_release);

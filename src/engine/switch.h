@@ -60,6 +60,10 @@ inline void ask_reader(flow_switch& first, reader_request request) {
 // it reads on.
 bool serve_requests(flow_switch& sw);
 
+// Serves a request to count, if there is one: for the same thread while it has a packet in hand,
+// and cannot close the input.
+void serve_request_to_count(flow_switch& sw);
+
 // Whether the thread that calls the input has served the last request to count, or need not: an
 // input that has not promised to come back now and then, or that reads a file, may wait for long.
 // Any thread.

@@ -19,8 +19,9 @@ static_assert(forced_checks_limit == idle_passes_cycle);
 class remover_lock {
   public:
     explicit remover_lock(flow_queue& queue) : queue_(queue) {
-        queue_.yield_wanted.store(1, std::memory_order_relaxed);
-        queue_.lock.lock();
+        queue_.yield_wanted.store(yield_once, std::memory_order_relaxed);
+        queue_.lock.lock(ask_for_way, &queue_);
+        queue_.yield_wanted.store(no_yield, std::memory_order_relaxed);
     }
     ~remover_lock() {
         queue_publish(queue_);
@@ -30,6 +31,10 @@ class remover_lock {
     remover_lock& operator=(const remover_lock&) = delete;
 
   private:
+    static void ask_for_way(void* queue) {
+        static_cast<flow_queue*>(queue)->yield_wanted.store(give_way, std::memory_order_relaxed);
+    }
+
     flow_queue& queue_;
 };
 

@@ -24,6 +24,13 @@ namespace kestrel {
 
 inline constexpr uint32_t bucket_slots = 8;
 
+// How much the remover wants the lock.
+enum yield_wish : uint32_t {
+    no_yield,
+    yield_once,  // it asks, and sees at once that the lock is free
+    give_way,    // it has had no luck for long, and looks a few times in ten milliseconds
+};
+
 // What changes with every packet of a flow.
 struct fast_record {
     uint64_t start;  // ns
@@ -69,8 +76,8 @@ struct flow_queue {
     uint32_t bucket_mask;  // key bits that choose a bucket: size - 8
     uint32_t record_count;
     int32_t scan_cursor;  // the idle scan has looked at the slots from here upwards
-    // Set by the remover before it asks for the lock, so that the switch thread yields once when it
-    // lets go. A hint that carries no data: relaxed.
+    // A kestrel::yield_wish, set by the remover before it asks for the lock, so that the switch
+    // thread yields when it lets go. A hint that carries no data: relaxed.
     std::atomic<uint32_t> yield_wanted;
     uint64_t data_size;  // bytes of a record after its base part
     process_plugin* plugins;

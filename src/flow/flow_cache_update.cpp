@@ -3,6 +3,7 @@
 #include "flow/flow_cache_update.h"
 
 #include <sched.h>
+#include <unistd.h>
 
 #include <cstring>
 
@@ -59,9 +60,26 @@ namespace kestrel {
         queue_remove_record(&queue, slot, REMOVAL_FORCED);
 }
 
+namespace {
+
+// Where the record loop takes flows more slowly than this thread finishes them, the lock is free
+// for a moment only, and the remover never meets it.
+void wait_for_remover(const flow_queue& queue) {
+    constexpr int naps = 200;  // longer than those of a waiter
+    constexpr useconds_t nap_us = 100;
+    for (int nap = 0; nap < naps && queue.yield_wanted.load(std::memory_order_relaxed) == give_way;
+         ++nap)
+        usleep(nap_us);
+}
+
+}  // namespace
+
 [[gnu::noinline]] void queue_yield(flow_queue& queue) {
-    sched_yield();
-    queue.yield_wanted.store(0, std::memory_order_relaxed);
+    if (queue.yield_wanted.load(std::memory_order_relaxed) == give_way)
+        wait_for_remover(queue);
+    else
+        sched_yield();
+    queue.yield_wanted.store(no_yield, std::memory_order_relaxed);
 }
 
 }  // namespace kestrel

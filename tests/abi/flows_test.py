@@ -43,6 +43,7 @@ class Flows(Run):
             f"{i}000000000 {i}500000000 {i} {100 * i} 3 4 ip4 {0x0A000000 + i - 1:08x} c0000201 "
             f"08 proto17 {999 + i} 53 12 0 0 9" for i in range(1, 5001)] + ["flush"])
 
+    # Not under the thread sanitizer: it is all on the main thread.
     def test_interfaces_and_sampling_of_exports(self):
         running = self.start(
             "final collect",
@@ -55,6 +56,7 @@ class Flows(Run):
             stamped[0].replace(" 0 0 9", " 0 2 9"), stamped[2].replace(" 0 0 9", " 0 2 9"),
             "flush"])
 
+    # Not under the thread sanitizer: it is all on the main thread.
     def test_an_export_filter_skips_its_export_alone(self):
         running = self.start(
             "final collect drop",
@@ -79,6 +81,7 @@ class Flows(Run):
         path.write_text("".join(line + "\n" for line in lines), encoding="ascii")
         return f"filter:{path}"
 
+    # Not under the thread sanitizer: it is all on the main thread.
     def test_rules_keep_flows_from_their_export_alone(self):
         rules = self.rules("rules", "not src addr 10.0.0.1", "src port 1000-2000")
         running = self.start(
@@ -89,6 +92,7 @@ class Flows(Run):
         self.assertEqual(self.collected(), [FINAL[0], FINAL[2], "flush"])
         self.assertEqual(self.collected(self.second), FINAL + ["flush"])
 
+    # Not under the thread sanitizer: it is all on the main thread.
     def test_all_rule_files_of_an_export_must_keep_a_flow(self):
         one = self.rules("one", "not src port 1000", "any")
         other = self.rules("other", "fast src addr 10.0.0.0-10.0.0.1")
@@ -99,6 +103,7 @@ class Flows(Run):
         self.interrupt(running)
         self.assertEqual(self.collected(), [FINAL[1], "flush"])
 
+    # Not under the thread sanitizer: it is all on the main thread.
     def test_rules_see_the_interface_that_their_export_set(self):
         three = self.rules("three", "phy 3", "any")
         running = self.start(
@@ -110,6 +115,7 @@ class Flows(Run):
         self.assertEqual(self.collected(self.second),
                          [line.replace(" 3 4 ip4", " 5 4 ip4") for line in FINAL] + ["flush"])
 
+    # Not under the thread sanitizer: it is all on the main thread.
     def test_rules_for_all_exports_end_the_program_at_the_first_flow_that_they_drop(self):
         rules = self.rules("rules", "bytes 200", "any")
         running = self.start("final collect",
@@ -118,6 +124,7 @@ class Flows(Run):
         self.assertEqual(running.messages, [])
         self.assertEqual(self.collected(), FINAL[:1])
 
+    # Not under the thread sanitizer: it is all on the main thread.
     def test_rules_for_all_exports_that_keep_every_flow_change_nothing(self):
         rules = self.rules("rules", "fast src addr 10.0.0.0/8", "port domain")
         running = self.start("final collect",
@@ -191,6 +198,7 @@ class Flows(Run):
                          [["1", "100"], ["1", "50"], ["1", "200"], ["1", "300"], ["1", "60"],
                           []])
 
+    # Not under the thread sanitizer: it is all on the main thread.
     def test_getters_of_plugins_join_their_tables(self):
         running = self.start(
             "final collect count drop",
@@ -213,6 +221,7 @@ class Flows(Run):
         self.assertEqual(exports[-2:], [
             "VERBOSE: 1:Getter: GLOBAL - 2", "VERBOSE: 0:Export: null OK"])
 
+    # Not under the thread sanitizer: it is all on the main thread.
     def test_another_user_than_root_keeps_its_rights(self):
         folder = self.directory()
         folder.chmod(0o755)  # the source tree may be where only root can look
@@ -234,20 +243,25 @@ class Faults(Run):
         self.assertEqual(running.wait(), status)
         self.assertEqual(running.messages, list(lines))
 
+    # Not under the thread sanitizer: no thread is started.
     def test_an_input_that_is_not_the_first_is_final(self):
         self.expect("final", f"-I final {LO}", "Input driver allready defined")
         self.expect("final", f"{LO} -I final -I final", "Input driver allready defined")
 
+    # Not under the thread sanitizer: no thread is started.
     def test_a_later_input_replaces_the_first(self):
         self.expect("final", f"{LO} -I final", "No export set. Exiting.")
 
+    # Not under the thread sanitizer: no thread is started.
     def test_an_input_that_fails(self):
         self.expect("input_fails", "-I variant -E null", "Unable to init plugin",
                     "Driver initialization failed")
 
+    # Not under the thread sanitizer: no thread is started.
     def test_an_export_that_fails(self):
         self.expect("final export_fails", "-I final -E variant:a=1", "Export: variant ERROR")
 
+    # Not under the thread sanitizer: no thread is started.
     def test_filters_that_fail(self):
         self.expect("final filter_fails", "-I final -G variant:a=1 -E null",
                     "Unable to filter plugin: variant with args: a=1")
@@ -256,6 +270,7 @@ class Faults(Run):
         self.expect("final filter_fails", "-I final -F variant -E null",
                     "Unable to filter plugin: variant with args: (null)")
 
+    # Not under the thread sanitizer: no thread is started.
     def test_a_filter_may_want_its_parameters_whole(self):
         for place in "GF":
             self.expect("final filter_whole", f"-I final -{place} variant:a=1:2::3 -E null",
@@ -267,23 +282,28 @@ class Faults(Run):
         self.expect("final filter_whole", "-I final -G variant: -E null",
                     "Unable to filter plugin: variant with args: (null)")
 
+    # Not under the thread sanitizer: no thread is started.
     def test_global_filters_start_before_exports_are_looked_at(self):
         self.expect("final filter_fails", "-I final -G variant",
                     "Unable to filter plugin: variant with args: (null)")
 
+    # Not under the thread sanitizer: no thread is started.
     def test_export_filters_start_before_their_export_is_looked_up(self):
         self.expect("final filter_fails", "-I final -F variant -E nope",
                     "Unable to filter plugin: variant with args: (null)")
 
+    # Not under the thread sanitizer: no thread is started.
     def test_filters_behind_the_last_export_start_before_it_is_refused(self):
         self.expect("final drop", "-I final -E null -F drop", "Unknown export type: ", status=253)
 
+    # Not under the thread sanitizer: no thread is started.
     def test_a_process_plugin_that_fails(self):
         self.expect("final process_fails", "-I final -P variant:x -G variant -E null",
                     "Filter: variant not found.")
         self.expect("final process_fails", "-I final -P variant:x -E null",
                     "Unable to init plugin: variant with args: x")
 
+    # Not under the thread sanitizer: no thread is started.
     def test_packets_are_wanted_of_an_input_that_has_none(self):
         self.expect("final count_frames", "-I final -P frames -E null",
                     "Process plugin needs packets, but selected input mode using final flows!")
@@ -291,6 +311,7 @@ class Faults(Run):
                     "Process plugin needs packets, but selected input mode is not able to "
                     "provide it!")
 
+    # Not under the thread sanitizer: no thread is started.
     def test_a_getter_name_that_is_taken(self):
         self.expect("final drop", "-I final -G drop:getter=BYTE -E null",
                     "Duplicate getter found: BYTE")

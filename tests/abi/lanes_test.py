@@ -1,9 +1,16 @@
 """Inputs with queues: the same traffic through one lane and several gives the same flows."""
 
+import os
+import signal
+
 from abi import Run, plugin
-from testbed.accounts import DISCARDED, HANDED, RECEIVED, Sum
+from testbed.accounts import DISCARDED, HANDED, RECEIVED, REJECTED, Sum, without_sum
+from testbed.preload import preloaded
+from testbed.process import settle, wait_until
 
 BASE = 4102444800000000000
+FLOWS = 20_000
+SLOW_EXPORT = os.environ["KESTREL_SLOW_EXPORT"]
 
 
 def expected_flows(packets, flows):
@@ -18,13 +25,32 @@ def expected_flows(packets, flows):
         for flow, found in seen.items())
 
 
+def packets_up_to(found):
+    """By flow: its packets up to the last that was found of it, and that one."""
+    end = max(last for _, last in found.values())
+    expected = dict.fromkeys(found, 0)
+    for packet in range(end + 1):
+        flow = packet * 7919 % FLOWS
+        if packet % 100 != 99 and flow in found and packet <= found[flow][1]:
+            expected[flow] += 1
+    return {flow: (packets, found[flow][1]) for flow, packets in expected.items()}
+
+
+def differences(found, expected):
+    return sorted((key, found.get(key), expected.get(key)) for key in found.keys() | expected
+                  if found.get(key) != expected.get(key))
+
+
 class Lanes(Run):
-    def run_lanes(self, lanes, packets, flows, *options, objects=""):
-        """Runs until every queue is empty; returns the exported lines and the messages."""
-        running = self.start_program(
+    def start_lanes(self, lanes, packets, flows, *options, objects="", **program):
+        return self.start_program(
             "-v", "0", "-X", ",".join(map(plugin, ["queues", "collect", *objects.split()])),
             *options, "-I", f"queues:lanes={lanes},packets={packets},flows={flows}",
-            "-E", f"collect:file={self.out}")
+            "-E", f"collect:file={self.out}", **program)
+
+    def run_lanes(self, lanes, packets, flows, *options, objects=""):
+        """Runs until every queue is empty; returns the exported lines and the messages."""
+        running = self.start_lanes(lanes, packets, flows, *options, objects=objects)
         for lane in range(1 if objects == "count" else lanes):
             running.wait_for_line(f"queues: {lane} is empty", 60)
         lines = self.interrupt(running)
@@ -59,6 +85,71 @@ class Lanes(Run):
         self.assertEqual([line for line in lines if "lush" in line], [
             "Flushing queue", "Queue flushed. 50 records out.",
             "QUIT signal processed. All data flushed. Exiting ..."])
+
+    def test_an_interrupt_in_the_middle_leaves_nothing_out(self):
+        for lanes in (1, 2, 4):
+            with self.subTest(lanes=lanes):
+                running = self.start_lanes(lanes, 2_000_000_000, FLOWS, "-q", "10")
+                self.wait_for_records(2000)
+                lines = self.interrupt(running)
+                accounts = Sum(lines)
+                accounts.check(self)
+                found = {}  # by flow: packets, and the last of them
+                for line in self.collected():
+                    if line != "flush":
+                        _, end, packets, *_ = line.split()
+                        last = (int(end) - BASE) // 1000
+                        before, latest = found.get(last * 7919 % FLOWS, (0, 0))
+                        found[last * 7919 % FLOWS] = before + int(packets), max(latest, last)
+                self.assertEqual(differences(found, packets_up_to(found)), [])
+                self.assertEqual(sum(packets for packets, _ in found.values()),
+                                 accounts.total(HANDED))
+                self.out.unlink()
+
+    def test_a_jump_of_the_clock_flushes_all_lanes_and_the_program_goes_on(self):
+        jumped = self.folder / "jumped"
+        running = self.start_lanes(4, 20_000, 1000, env=preloaded(
+            os.environ["KESTREL_JUMPING_CLOCK"], JUMPING_CLOCK=jumped))
+        for lane in range(4):
+            running.wait_for_line(f"queues: {lane} is empty")
+        self.assertEqual(self.collected(), [])
+        running.signal(signal.SIGALRM)  # the program looks at the clock, as it does in every 5 s
+        settle(0.3)
+        jumped.touch()
+        running.signal(signal.SIGALRM)
+        self.wait_for_records(990)
+        self.assertEqual(sorted(line for line in self.collected() if line != "flush"),
+                         expected_flows(20_000, 1000))
+        self.assertTrue(running.running)
+        lines = self.interrupt(running)
+        Sum(lines).check(self)
+        self.assertEqual([line for line in without_sum(lines) if "out." in line],
+                         ["Queue flushed. 990 records out.", "Queue flushed. 0 records out."])
+
+    def test_a_rejecting_global_filter_ends_the_program_without_a_flush(self):
+        running = self.start_lanes(4, 20_000, 1000, "-P", "frames:export_at=1", "-G",
+                                   "drop:srcport=1500", objects="drop count_frames_safe")
+        self.assertEqual(running.wait(), 0)
+        found = self.collected()
+        self.assertNotIn("flush", found)
+        self.assertEqual([line for line in found if " 1500 53 " in line], [])
+        accounts = Sum(running.messages)
+        self.assertGreater(accounts.total(REJECTED), 0)
+        self.assertEqual([line for line in running.messages if "lush" in line], [])
+
+    def test_what_an_input_loses_is_counted_while_its_lanes_wait_for_room(self):
+        for lanes in (1, 2):
+            with self.subTest(lanes=lanes):
+                running = self.start_program(
+                    "-v", "0", "-q", "7", "-X", f"{plugin('queues')},{SLOW_EXPORT}",
+                    "-I", f"queues:lanes={lanes},packets=1000000,flows=50000,tell=1",
+                    "-E", "slow_export:every=100,pause_ms=60000")
+                running.wait_for_line("slow_export: pause")
+                for lane in range(lanes):
+                    line = f"queues: {lane} is counted"
+                    before = running.lines.count(line)
+                    wait_until(lambda: running.lines.count(line) >= before + 8, line, 6)
+                running.kill()
 
     def test_the_slots_are_shared_out(self):
         _, lines = self.run_lanes(2, 100, 10, "-q", "12")
@@ -102,6 +193,7 @@ class Lanes(Run):
         self.assertIn("A flow cache of 128 slots is too small for 5 lanes: -q 8 or more",
                       running.messages)
 
+    # Not under the address sanitizer: it waits for a line, and its frames are plain.
     def test_the_statistics_are_those_of_all_lanes(self):
         running = self.start_program(
             "-v", "0", "-X", ",".join(map(plugin, ("queues", "collect"))),

@@ -20,6 +20,7 @@ class Metrics(Run):
         return dict(line.removeprefix(prefix).rsplit(" ", 1) for line in lines
                     if line.startswith(prefix))
 
+    # Not under the thread sanitizer: exports count on the main thread.
     def test_an_export_in_c_counts_and_looks_at_its_own_metrics(self):
         lines = self.lines_of("-E", "null", "-E", "meter")
         own = 'export="meter-1"'
@@ -31,12 +32,14 @@ class Metrics(Run):
                      f"gauge meter_largest_flow_packets{{{own}}} 5"):
             self.assertIn(line, found)
 
+    # Not under the thread sanitizer: exports count on the main thread.
     def test_the_programs_account_leaves_an_export_alone_that_keeps_its_own(self):
         found = self.sum_of(self.lines_of("-E", "meter"))
         self.assertEqual(found['export_packets_total{export="meter-0"}'], "9")
         self.assertNotIn('export_lost_packets_total{export="meter-0",reason="refused"}', found)
         self.assertEqual([name for name in found if name.startswith("unaccounted")], [])
 
+    # Not under the thread sanitizer: exports count on the main thread.
     def test_packets_that_an_export_does_not_account_for_are_told_as_a_difference(self):
         found = self.sum_of(self.lines_of("-E", "meter", objects="final meter_forgetful collect"))
         self.assertEqual({name: value for name, value in found.items()
@@ -66,6 +69,7 @@ class Metrics(Run):
             self.assertEqual(found[name], value, name)
         self.assertEqual([name for name in found if name.startswith("unaccounted")], [])
 
+    # Not under the address sanitizer: it waits for a line.
     def test_what_the_input_did_not_deliver_is_told_while_the_program_runs(self):
         running = self.start_program("-v", "0", "-X", ",".join(map(plugin, (
             "final_counting", "collect"))), "-I", "final:count=1", "-E",
@@ -75,6 +79,7 @@ class Metrics(Run):
             'kestrelexp_capture_dropped_packets_total{input="final",stage="card"}', 20)
         self.interrupt(running)
 
+    # Not under the thread sanitizer: exports count on the main thread.
     def test_what_an_export_refuses_is_told_for_it(self):
         found = self.sum_of(self.lines_of("-E", "refuse", objects="final refuse collect"))
         self.assertEqual(found['export_packets_total{export="refuse-0"}'], "9")

@@ -222,6 +222,7 @@ class Runs(QuietCase):
         self.assertEqual([thread for thread in threads if blocked(thread) != handled],
                          [str(running.pid)])
 
+    # Not under the address sanitizer: it waits for lines.
     def test_exports_are_flushed_when_traffic_stops(self):
         running = self.start("-v 3")
         started = time.monotonic()

@@ -45,6 +45,8 @@ class Accounts(E2eCase):
         self.assertEqual(packets_and_octets(collector.flows)[0], 2000)
         self.assertEqual(found.total(SENT, 'export="null-1"'), 2070)
 
+    # Not under the address sanitizer: nothing passes.
+    # Not under the thread sanitizer: nothing passes.
     def test_an_end_without_traffic_sums_up_nothing(self):
         probe = self.probe("-E", "null")
         self.stop_in_order(probe)

@@ -1,5 +1,6 @@
 """AS numbers and hidden addresses in every protocol, as another program's collector shows them."""
 
+# Not under the address sanitizer: units, models and abi run this code.
 # Not under the thread sanitizer: the threads are those of shutdown_test, which runs there.
 
 from pathlib import Path

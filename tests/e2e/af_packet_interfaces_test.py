@@ -51,12 +51,15 @@ class Interfaces(AfPacketCase):
         self.send(2000, 4)
         self.assert_run(probe, {before: 1, received(2000, 4): 1}, DOWN, UP)
 
+    # Not under the address sanitizer: memory changes hands as in those that stay.
     def test_down_and_up(self):
         self.down_and_up()
 
+    # Not under the address sanitizer: memory changes hands as in those that stay.
     def test_down_and_up_with_lanes(self):
         self.down_and_up(LANES)
 
+    # Not under the address sanitizer: memory changes hands as in those that stay.
     def test_down_and_up_within_a_moment(self):
         probe = self.start()
         ip("link set kb down")
@@ -82,9 +85,11 @@ class Interfaces(AfPacketCase):
     def test_deleted_and_made_again_with_lanes(self):
         self.deleted_and_made_again(LANES)
 
+    # Not under the address sanitizer: memory changes hands as in those that stay.
     def test_deleted_and_made_again_in_a_group_of_a_given_number(self):
         self.deleted_and_made_again(LANES + ",fanout=7")
 
+    # Not under the address sanitizer: memory changes hands as in those that stay.
     def test_deleted_while_it_is_down(self):
         probe = self.start()
         ip("link set kb down")
@@ -96,6 +101,7 @@ class Interfaces(AfPacketCase):
         self.send(2000, 4)
         self.assert_run(probe, {received(2000, 4): 1}, DOWN, GONE, BACK)
 
+    # Not under the address sanitizer: memory changes hands as in those that stay.
     def test_made_again_after_root_was_given_up(self):
         probe = self.start("-u", "nobody")
         before = self.send_before()
@@ -106,6 +112,7 @@ class Interfaces(AfPacketCase):
         self.send(2000, 4)
         self.assert_run(probe, {before: 1, received(2000, 4): 1}, GONE, BACK)
 
+    # Not under the address sanitizer: memory changes hands as in those that stay.
     def test_lanes_need_the_right_to_capture_once_more_and_say_so_once(self):
         missing = "Device kb: the right to capture is missing (CAP_NET_RAW)"
         probe = self.start("-u", "nobody", options=LANES)
@@ -120,6 +127,7 @@ class Interfaces(AfPacketCase):
         self.assertEqual([line for line in probe.lines if line.startswith("Device ")],
                          [GONE, missing])
 
+    # Not under the address sanitizer: memory changes hands as in those that stay.
     def test_what_is_still_down_is_not_back(self):
         probe = self.start()
         ip("link del kb")
@@ -149,6 +157,7 @@ class Interfaces(AfPacketCase):
         self.send(3000, 5)
         self.assert_run(probe, {before: 1, received(3000, 5): 1}, RENAMED, BACK)
 
+    # Not under the address sanitizer: memory changes hands as in those that stay.
     def test_renamed_and_back(self):
         self.renamed_and_back()
 
@@ -165,12 +174,15 @@ class Interfaces(AfPacketCase):
         self.send(3000, 5, sender="kd")
         self.assert_run(probe, {before: 1, received(3000, 5): 1}, RENAMED, BACK)
 
+    # Not under the address sanitizer: memory changes hands as in those that stay.
     def test_another_device_takes_the_name(self):
         self.another_takes_the_name()
 
+    # Not under the address sanitizer: memory changes hands as in those that stay.
     def test_another_device_takes_the_name_with_lanes(self):
         self.another_takes_the_name(LANES)
 
+    # Not under the address sanitizer: memory changes hands as in those that stay.
     def test_it_is_found_within_a_second_or_so_and_costs_nothing_meanwhile(self):
         probe = self.start(options=LANES)
         ip("link del kb")
@@ -189,6 +201,7 @@ class Interfaces(AfPacketCase):
         probe.wait_for_line(GONE)
         self.assert_run(probe, {before: 1}, GONE)
 
+    # Not under the address sanitizer: memory changes hands as in those that stay.
     def test_flows_age_while_the_device_is_gone(self):
         probe = self.start("-t", "60:1")
         before = self.send_before()

@@ -114,6 +114,7 @@ class Frames(AfPacketCase):
         return sorted((line.split() for line in out.read_text().splitlines()),
                       key=lambda line: line[5])
 
+    # Not under the address sanitizer: it is the kernel that chooses and tells.
     def test_times_are_those_of_the_kernel_in_nanoseconds(self):
         lines = self.lines_of([ethernet(packet(1000 + number)) for number in range(50)])
         starts = [int(line[1]) for line in lines]
@@ -164,6 +165,7 @@ class Frames(AfPacketCase):
 
 
 class Direction(AfPacketCase):
+    # Not under the address sanitizer: it is the kernel that chooses and tells.
     def test_what_is_sent_and_what_is_received_have_the_device_on_its_side(self):
         probe = self.start()
         self.sender.send(*[ethernet(packet(1000))] * 3)
@@ -172,11 +174,13 @@ class Direction(AfPacketCase):
         back.send(*[ethernet(packet(2000))] * 4, *[ethernet(packet(2000), tags=[(0x8100, 5)])] * 2)
         self.assert_flows(self.flows(probe), {received(1000, 3): 1, sent(2000, 6): 1})
 
+    # Not under the address sanitizer: it is the kernel that chooses and tells.
     def test_interface_numbers_of_the_export_override_them(self):
         probe = self.probe("-N", "7", *netflow_v5(self.receiver.port), source=words())
         self.sender.send(*[ethernet(packet(1000))] * 3)
         self.assert_flows(self.flows(probe), {received(1000, 3, index=7): 1})
 
+    # Not under the address sanitizer: it is the kernel that chooses and tells.
     def test_several_devices(self):
         make_pair("kc", "kd")
         probe = self.start(device="kb#kd")
@@ -198,6 +202,7 @@ class Direction(AfPacketCase):
             self.assert_flows(self.flows(probe), {
                 Flow("127.0.0.1", "127.0.0.1", 17, *ports, 0, 0, 3, 96, 1, 0): 1})
 
+    # Not under the address sanitizer: it is the kernel that chooses and tells.
     def test_the_interface_is_asked_for_the_frames_of_others_unless_that_is_not_wanted(self):
         for options, expected in (("", "promiscuity 1 "), (",promiscuous=1", "promiscuity 1 "),
                                   (",promiscuous=0", "promiscuity 0 ")):
@@ -215,11 +220,13 @@ class Expressions(AfPacketCase):
         self.sender.send(*frames)
         return self.flows(probe)
 
+    # Not under the address sanitizer: it is the kernel that chooses and tells.
     def test_an_expression_chooses_frames(self):
         frames = [ethernet(packet(port)) for port in (1000, 2000, 3000, 2000)]
         self.assert_flows(self.flows_of("udp src port 2000 or src port 3000", frames),
                           {received(2000, 2): 1, received(3000, 1): 1})
 
+    # Not under the address sanitizer: it is the kernel that chooses and tells.
     def test_all_that_follows_belongs_to_the_expression(self):
         frames = [ethernet(packet(port)) for port in (1000, 2000)]
         frames += [ethernet(ipv6(udp(1000, 53), "::1", "::2"))]
@@ -233,11 +240,13 @@ class Expressions(AfPacketCase):
                   for tags in ([], [(0x8100, 5)], [(0x8100, 5)], [(0x8100, 6)], [(0x88A8, 5)])]
         self.assert_flows(self.flows_of("ip", frames), {received(1000, 5): 1})
 
+    # Not under the address sanitizer: it is the kernel that chooses and tells.
     def test_tags_can_be_asked_for(self):
         frames = [ethernet(packet(1000), tags=tags)
                   for tags in ([], [(0x8100, 5)], [(0x8100, 5)], [(0x8100, 6)])]
         self.assert_flows(self.flows_of("vlan 5 and udp port 53", frames), {received(1000, 2): 1})
 
+    # Not under the address sanitizer: it is the kernel that chooses and tells.
     def test_what_comes_with_sampling_is_one_frame_in_so_many(self):
         receiver = self.collector(sampling=0x4000 | 4)
         probe = self.probe(*netflow_v5(receiver.port),
@@ -272,6 +281,7 @@ class Tunnels(AfPacketCase):
     def test_a_ppp_device_has_bare_packets(self):
         self.assert_flows(self.flows_of(hardware=PPP_DEVICE), self.expected())
 
+    # Not under the address sanitizer: it is the kernel that chooses and tells.
     def test_an_expression_knows_them(self):
         self.assert_flows(self.flows_of(",filter=udp or icmp or tcp[13]=2"), self.expected())
 

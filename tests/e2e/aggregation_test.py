@@ -1,5 +1,6 @@
 """Frames of many kinds become the flows that the model says, sums and fields exact."""
 
+# Not under the address sanitizer: units, models and abi run this code.
 # Not under the thread sanitizer: the threads are those of shutdown_test, which runs there.
 
 from testbed.case import E2eCase

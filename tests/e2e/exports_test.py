@@ -1,5 +1,6 @@
 """What the export options do to packets on the wire: packing, sequence, interfaces, sampling."""
 
+# Not under the address sanitizer: units, models and abi run this code.
 # Not under the thread sanitizer: the threads are those of shutdown_test, which runs there.
 
 from time import monotonic_ns, sleep

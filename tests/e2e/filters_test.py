@@ -1,5 +1,6 @@
 """Rule files between a veth pair and collectors: what reaches which export."""
 
+# Not under the address sanitizer: units, models and abi run this code.
 # Not under the thread sanitizer: the threads are those of shutdown_test, which runs there.
 
 from testbed.case import E2eCase

@@ -72,6 +72,7 @@ class Interfaces(E2eCase):
         self.assertEqual(found.total(CHANGES), len(said))
         self.assertEqual(found.total(RECEIVED), sum(one.packets for one in flows))
 
+    # Not under the address sanitizer: memory changes hands as in those that stay.
     def test_down_and_up(self):
         probe = self.start()
         self.send(1000, 3)
@@ -83,6 +84,7 @@ class Interfaces(E2eCase):
         self.send(2000, 4)
         self.assert_run(probe, {flow(1000, 3): 1, flow(2000, 4): 1}, DOWN, UP)
 
+    # Not under the address sanitizer: memory changes hands as in those that stay.
     def test_down_and_up_within_a_moment(self):
         probe = self.start()
         ip("link set kb down")
@@ -109,6 +111,7 @@ class Interfaces(E2eCase):
         self.assert_run(probe, {flow(1000, 3): 1, flow(2000, 4): 1, flow(3000, 5): 1},
                         GONE, BACK, DOWN, UP)
 
+    # Not under the address sanitizer: memory changes hands as in those that stay.
     def test_deleted_while_it_is_down(self):
         probe = self.start()
         ip("link set kb down")
@@ -120,6 +123,7 @@ class Interfaces(E2eCase):
         self.send(2000, 4)
         self.assert_run(probe, {flow(2000, 4): 1}, DOWN, GONE, BACK)
 
+    # Not under the address sanitizer: memory changes hands as in those that stay.
     def test_made_again_after_root_was_given_up(self):
         probe = self.start("-u", "nobody")
         self.send(1000, 3)
@@ -131,6 +135,7 @@ class Interfaces(E2eCase):
         self.send(2000, 4)
         self.assert_run(probe, {flow(1000, 3): 1, flow(2000, 4): 1}, GONE, BACK)
 
+    # Not under the address sanitizer: memory changes hands as in those that stay.
     def test_what_is_still_down_is_not_back(self):
         probe = self.start()
         ip("link del kb")
@@ -161,6 +166,7 @@ class Interfaces(E2eCase):
         self.send(3000, 5)
         self.assert_run(probe, {flow(1000, 3): 1, flow(3000, 5): 1}, RENAMED, BACK)
 
+    # Not under the address sanitizer: memory changes hands as in those that stay.
     def test_another_device_takes_the_name(self):
         probe = self.start()
         self.send(1000, 3)
@@ -172,6 +178,7 @@ class Interfaces(E2eCase):
         self.send(3000, 5, sender="kd")
         self.assert_run(probe, {flow(1000, 3): 1, flow(3000, 5): 1}, RENAMED, BACK)
 
+    # Not under the address sanitizer: memory changes hands as in those that stay.
     def test_moved_to_another_namespace_and_back(self):
         other = self.other_namespace()
         probe = self.start()
@@ -186,6 +193,7 @@ class Interfaces(E2eCase):
         self.send(2000, 4)
         self.assert_run(probe, {flow(1000, 3): 1, flow(2000, 4): 1}, GONE, BACK)
 
+    # Not under the address sanitizer: memory changes hands as in those that stay.
     def test_it_is_found_within_a_second_or_so_and_costs_nothing_meanwhile(self):
         probe = self.start()
         ip("link del kb")
@@ -232,6 +240,7 @@ class Interfaces(E2eCase):
         tunnel.send(*[packet(2000)] * 4)
         self.assert_run(probe, {flow(1000, 3): 1, flow(2000, 4): 1}, GONE, BACK)
 
+    # Not under the address sanitizer: memory changes hands as in those that stay.
     def test_a_device_that_cannot_be_translated_is_said_once_in_ten_seconds(self):
         refused = ("Device kb does not deliver Ethernet frames but IEEE802_11_RADIO, which cannot "
                    "be translated. Use an Ethernet, tunnel or PPP device, or \"any\"")
@@ -252,6 +261,7 @@ class Interfaces(E2eCase):
         self.assertRegex(said[2], r"\((9|10|11) times\)$")  # one try a second
         self.assertEqual(Sum(probe.lines).total(CHANGES), 2)
 
+    # Not under the address sanitizer: memory changes hands as in those that stay.
     def test_sampling_goes_on_where_it_was(self):
         receiver = self.collector(sampling=0x4000 | 3)
         probe = self.probe(*netflow_v5(receiver.port), input_options=",sampling=3")
@@ -268,6 +278,7 @@ class Interfaces(E2eCase):
 
 
 class Undelivered(E2eCase):
+    # Not under the address sanitizer: memory changes hands as in those that stay.
     def test_what_the_capture_ring_had_no_room_for_is_counted(self):
         probe = self.probe("-E", "null")
         frames = [ethernet(packet(1000))] * 50_000

@@ -135,6 +135,8 @@ class Outages(E2eCase):
         collector.drain()
         return probe, collector
 
+    # Not under the address sanitizer: it waits for a minute.
+    # Not under the thread sanitizer: it waits for a minute.
     def test_a_stream_that_broke_off_goes_on_after_a_minute(self):
         probe, collector = self.start_stream(SMALL)
         collector.stall()
@@ -200,6 +202,8 @@ class Outages(E2eCase):
         self.assertGreaterEqual(found.total(LOST, ONE), 900)
         self.assertEqual(found.total(UNREAD), 0)
 
+    # Not under the address sanitizer: as the one above, with a small cache.
+    # Not under the thread sanitizer: as the one above, with a small cache.
     def test_an_interrupt_in_an_outage_tells_what_nobody_has_read(self):
         # The rings have room for twelve packets, the cache for 64.
         found = self.interrupt_an_outage(SMALL)

@@ -1,5 +1,6 @@
 """What the probe tells the service manager that has started it, and when it falls silent."""
 
+# Not under the address sanitizer: it is about time, and sends a dozen frames.
 # Not under the thread sanitizer: it is about time, and the threads are those of shutdown_test.
 
 import itertools

@@ -27,6 +27,7 @@ class Shutdown(E2eCase):
                          (6000, sum(28 + number % 97 for number in range(6000))))
         self.assert_flows(collector.flows, predict(frames))
 
+    # Not under the address sanitizer: it looks at lines alone.
     def test_the_end_is_told_in_this_order(self):
         probe = self.probe("-E", "null")
         self.sender.send(ethernet(ipv4(udp(1, 2), A, B)), ethernet(ipv4(udp(3, 4), A, B)))
@@ -35,11 +36,14 @@ class Shutdown(E2eCase):
         self.assertEqual(lines[lines.index(CAUGHT):],
                          [CAUGHT, "Flushing queue", "Queue flushed. 2 records out.", FLUSHED])
 
+    # Not under the address sanitizer: it looks at lines alone.
     def test_an_end_without_traffic_flushes_nothing(self):
         probe = self.probe("-E", "null")
         self.stop_in_order(probe)
         self.assertIn("Queue flushed. 0 records out.", probe.lines)
 
+    # Not under the address sanitizer: it looks at lines alone.
+    # Not under the thread sanitizer: it ends as an interrupt does.
     def test_sigquit_ends_in_order_too(self):
         probe = self.probe("-E", "null")
         probe.signal(signal.SIGQUIT)

@@ -12,6 +12,7 @@ import urllib.request
 from pathlib import Path
 
 from packages import UNIT, Unit, install, package, run, second_version, state
+from testbed.accounts import Sum
 from testbed.booted_system import BootedSystem
 from testbed.frames import ethernet, ipv4, udp
 from testbed.machine_copy import enter_machine_copy
@@ -124,6 +125,8 @@ class Life(unittest.TestCase):
         probe.signal(signal.Signals[unit.value("KillSignal")])
         self.assertEqual(probe.wait(), 0, probe.describe())
         self.assertIn(FLUSHED, probe.lines)
+        self.assertEqual(Sum(probe.lines).total("kestrelexp_capture_packets_total",
+                                                'input="af-packet"'), 20)
         collector.drain()
         self.assertEqual(sorted(flow.source_port for flow in collector.flows.elements()),
                          list(range(1000, 1020)))
@@ -224,6 +227,33 @@ class Life(unittest.TestCase):
                 probe.wait_for_line(READY)
                 probe.signal()
                 self.assertEqual(probe.wait(), 0, probe.describe())
+
+    def test_each_input_of_the_options_file_replaces_the_units(self):
+        install(package("kestrelexp"))
+        enter_private_network()
+        shipped = DEFAULTS.read_text()
+        DEFAULTS.write_text('KESTREL_OPTIONS="-v 0 -E null"\n')
+        found = []
+        for example in re.findall(r'(?m)^#(KESTREL_INPUT=".*")$', shipped):
+            Path(f"{DEFAULTS}-{PROBED}").write_text(example.replace("eth0", PROBED) + "\n")
+            with WatchedProcess(Unit(PROBED).command()) as probe:
+                probe.wait_for_line(READY)
+                settle()
+                threads = {path.read_text() for path in
+                           Path(f"/proc/{probe.pid}/task").glob("*/comm")}
+                found.append(sum(name.startswith("lane ") for name in threads))
+                probe.signal()
+                self.assertEqual(probe.wait(), 0, probe.describe())
+        self.assertEqual(found, [2, 0])  # two lanes of af-packet; libpcap
+
+    def test_an_upgrade_names_options_that_have_an_input_as_well(self):
+        install(package("kestrelexp"))
+        DEFAULTS.write_text('KESTREL_OPTIONS="-I pcap:device=eth0 -E null"\n')
+        Path(f"{DEFAULTS}-eth1").write_text("KESTREL_INPUT=\n" + DEFAULTS.read_text())
+        self.use_systemctl_that_notes()
+        output = install(second_version(package("kestrelexp"), "3.01.02", lambda tree: None))
+        self.assertEqual(re.findall(r"move -I of KESTREL_OPTIONS in (\S+) into", output),
+                         [str(DEFAULTS)])
 
     def test_an_upgrade_keeps_what_the_operator_changed(self):
         asked = self.use_systemctl_that_notes()

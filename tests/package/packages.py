@@ -80,6 +80,9 @@ class Unit:
 
     def _environment(self):
         found = {}
+        for setting in self.values("Environment"):
+            (word,) = shlex.split(setting)
+            name, _, found[name] = word.partition("=")
         for name in self.values("EnvironmentFile"):
             path = Path(name.removeprefix("-"))
             if name.startswith("-") and not path.exists():

@@ -1,5 +1,7 @@
 """The sum at the end: every packet read is sent, kept back or lost for a reason that is told."""
 
+# Not under the thread sanitizer: the threads are those of ends_test, which runs there.
+
 from testbed.accounts import (DISCARDED, HANDED, IN_CACHE, IN_RINGS, LOST, RECEIVED, SAMPLED_OUT,
                               SENT, Sum, without_sum)
 from testbed.capture import NS, pcap

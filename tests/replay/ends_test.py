@@ -1,4 +1,4 @@
-"""How replays end and how they are refused: statuses, messages, totals."""
+"""How replays end: statuses, messages, totals."""
 
 import socket
 
@@ -7,7 +7,7 @@ from testbed.capture import NS, pcap, pcapng
 from testbed.frames import arp_request, ethernet, ipv4, udp
 from testbed.netflow_v5 import decode
 from testbed.probe import FLUSHED
-from testbed.replay import CAPTURES, ReplayCase
+from testbed.replay import ReplayCase
 
 T = 1_600_000_000
 BIG, LITTLE = ">", "<"
@@ -38,15 +38,18 @@ class Ends(ReplayCase):
             "Flushing queue", "Queue flushed. 3 records out.",
             "VERBOSE: 0:Input ended: 6 packets read, 5 in 3 flows, 1 no flow", FLUSHED])
 
+    # Not under the thread sanitizer: its threads are those of the others.
     def test_the_totals_are_not_shown_by_default(self):
         probe = self.replay(self.file(pcap(numbered(1))), "-E", "null", verbosity=())
         self.assertEqual(probe.lines, ["Flushing queue", "Queue flushed. 1 records out.", FLUSHED])
 
+    # Not under the thread sanitizer: its threads are those of the others.
     def test_a_file_without_frames_ends_in_order(self):
         for content in (pcap([]), pcapng([])):
             ports, probe = self.flows(content)
             self.assertEqual((ports, self.totals(probe)), ([], (0, 0, 0, 0)))
 
+    # Not under the thread sanitizer: its threads are those of the others.
     def test_every_kind_of_file_gives_the_same(self):
         made = numbered(5)
         for write in (pcap, pcapng):
@@ -57,6 +60,7 @@ class Ends(ReplayCase):
                         self.assertEqual(ports, [1000, 1001, 1002, 1003, 1004])
                         self.assertEqual(self.totals(probe), (5, 5, 5, 0))
 
+    # Not under the thread sanitizer: its threads are those of the others.
     def test_names_of_files_may_hold_colons(self):
         path = self.file(pcap(numbered(2)), "12:30:00 :.pcap")
         out = self.directory / "flows:1.txt"
@@ -88,6 +92,7 @@ class Ends(ReplayCase):
             probe = self.assert_breaks_off(whole[:-cut], 644 - cut, 9)
             self.assertIn(" frames: truncated dump file; tried to read ", probe.log)
 
+    # Not under the thread sanitizer: its threads are those of the others.
     def test_a_pcapng_file_that_breaks_off_gives_what_was_read(self):
         # Blocks of 28 and 20 bytes, then for each frame one of 80.
         whole = pcapng(numbered(3))
@@ -95,6 +100,7 @@ class Ends(ReplayCase):
         for cut in (1, 79):
             self.assert_breaks_off(whole[:-cut], 288 - cut, 2)
 
+    # Not under the thread sanitizer: its threads are those of the others.
     def test_a_file_that_is_damaged_in_the_middle_gives_what_comes_before(self):
         # The third frame's header says that it holds more than any frame has.
         damaged = bytearray(pcap(numbered(1000)))
@@ -102,6 +108,7 @@ class Ends(ReplayCase):
         damaged[at + 8:at + 12] = b"\xff\xff\xff\x7f"
         self.assert_breaks_off(bytes(damaged), at + 16, 2)
 
+    # Not under the thread sanitizer: its threads are those of the others.
     def test_a_pipe_that_breaks_off_is_no_regular_end_either(self):
         path = self.file(pcap(numbered(100))[:-1])
         with open(path, "rb") as content:
@@ -116,16 +123,19 @@ class Ends(ReplayCase):
         packet, = self.export(self.file(pcap(numbered(3))), "netflow-v5", options=",sampling=3")
         self.assertEqual(decode(packet)[0].sampling, 0x4003)
 
+    # Not under the thread sanitizer: its threads are those of the others.
     def test_negative_sampling_is_none_and_said(self):
         ports, probe = self.flows(pcap(numbered(2)), options=",sampling=-2")
         self.assertEqual(ports, [1000, 1001])
         self.assertIn("Sampling set to unbelievable value: -2", probe.lines)
 
+    # Not under the thread sanitizer: its threads are those of the others.
     def test_a_filter_file_chooses_frames(self):
         chosen = self.file("udp src port 1003 or\n  udp src port 1001\n", "filter.txt")
         ports, probe = self.flows(pcap(numbered(10)), options=f",filter-file={chosen}")
         self.assertEqual((ports, self.totals(probe)), ([1001, 1003], (2, 2, 2, 0)))
 
+    # Not under the thread sanitizer: its threads are those of the others.
     def test_a_collector_that_goes_away_stops_nothing(self):
         # Silences of a minute: every flow is a datagram of its own.
         made = [(T * NS + number * 60 * NS, frame(1000 + number)) for number in range(50)]
@@ -135,61 +145,3 @@ class Ends(ReplayCase):
         probe = self.replay(self.file(pcap(made)),
                             "-E", f"netflow-v5:host=127.0.0.1,ip=4,port={port}")
         self.assertEqual(self.totals(probe), (50, 50, 50, 0))
-
-
-class Refusals(ReplayCase):
-    """What cannot be read is said, and ends the start with status 255."""
-
-    def assert_refused(self, path, message, **options):
-        lines = self.refused(path, **options)
-        self.assertIn(message, [line[:len(message)] for line in lines])
-        self.assertEqual(lines[-1], "Driver initialization failed")
-
-    def test_a_file_that_is_not_there(self):
-        self.assert_refused(f"{self.directory}/none",
-                            f"Capture file {self.directory}/none: No such file or directory")
-
-    def test_a_directory(self):
-        self.assert_refused(self.directory, f"Capture file {self.directory}: ")
-
-    def test_a_file_that_is_no_capture(self):
-        path = self.file("This is a text and no capture at all.\n")
-        self.assert_refused(path, f"Capture file {path}: unknown file format")
-
-    def test_an_empty_file_and_a_header_that_breaks_off(self):
-        for size in (0, 3, 10, 23):
-            path = self.file(pcap(numbered(1))[:size])
-            self.assert_refused(path, f"Capture file {path}: truncated dump file;")
-
-    def test_a_first_frame_that_breaks_off(self):
-        whole = pcap(numbered(1))
-        for size in (25, 39, 41, len(whole) - 1):
-            path = self.file(whole[:size])
-            self.assert_refused(path, f"Capture file {path} breaks off at byte {size}, after 0 "
-                                      "frames: truncated dump file;")
-
-    def test_no_file_at_all(self):
-        lines = self.refused_words("-I", "capture-file:sampling=2", "-E", "null")
-        self.assertEqual(lines[-3:], ["File parameter is mandatory for capture-file input.",
-                                      "Unable to init plugin",
-                                      "Driver initialization failed"])
-
-    def test_an_empty_standard_input(self):
-        self.assert_refused("-", "Capture file (standard input): truncated dump file;")
-
-    def test_a_filter_file_that_is_not_there(self):
-        capture = CAPTURES / "zeek-wikipedia.pcap"
-        self.assert_refused(capture, "Filter file /nowhere/filter: No such file or directory",
-                            options=",filter-file=/nowhere/filter")
-
-    def test_a_filter_file_without_end_and_one_that_cannot_be_read(self):
-        capture = CAPTURES / "zeek-wikipedia.pcap"
-        self.assert_refused(capture, "Filter file /dev/zero: longer than 1 MiB",
-                            options=",filter-file=/dev/zero")
-        self.assert_refused(capture, f"Filter file {self.directory}: Is a directory",
-                            options=f",filter-file={self.directory}")
-
-    def test_a_filter_that_is_no_expression(self):
-        rules = self.file("udp port port", "filter.txt")
-        self.assert_refused(CAPTURES / "zeek-wikipedia.pcap", f"Filter file {rules}: ",
-                            options=f",filter-file={rules}")

@@ -78,6 +78,7 @@ class Interrupts(ReplayCase):
         header, _ = decode(*collector.finish())
         self.assertEqual((header.count, header.seconds), (2, T))
 
+    # Not under the thread sanitizer: as a_silent_pipe_gives_what_came_through_it.
     def test_a_frame_that_has_come_in_part_is_left_out(self):
         probe, pipe = self.start_on_pipe("-E", "null")
         pipe.write(pcap([(T * NS, frame(1)), (T * NS, frame(2))])[:-7])
@@ -87,6 +88,8 @@ class Interrupts(ReplayCase):
         self.assertEqual(self.totals(probe), (1, 1, 1, 0))
         self.assertNotIn("breaks off", probe.log)
 
+    # Not under the address sanitizer: it waits for an alarm.
+    # Not under the thread sanitizer: it waits for an alarm.
     def test_a_pipe_that_says_nothing_at_all_is_an_input_without_frames(self):
         probe, _ = self.start_on_pipe("-E", "null")
         probe.wait_for_line("Plugin to load")
@@ -99,6 +102,8 @@ class Interrupts(ReplayCase):
         os.mkfifo(path)
         return path
 
+    # Not under the address sanitizer: it waits for an alarm.
+    # Not under the thread sanitizer: it waits for an alarm.
     def test_a_fifo_without_a_writer_is_an_input_without_frames(self):
         probe = self.start(self.fifo("silent"), "-E", "null")
         probe.wait_for_line("Plugin to load")
@@ -124,6 +129,7 @@ class Interrupts(ReplayCase):
         self.assertEqual(probe.wait(20), 0, probe.describe())
         self.assertEqual(self.totals(probe), (2, 2, 2, 0))
 
+    # Not under the thread sanitizer: as a_silent_pipe_gives_what_came_through_it.
     def test_a_fifo_whose_writer_writes_nothing_is_no_capture(self):
         path = self.fifo("empty")
         probe = self.start(path, "-E", "null")
@@ -132,6 +138,7 @@ class Interrupts(ReplayCase):
         self.assertEqual(probe.wait(20), 255, probe.describe())
         self.assertIn(f"Capture file {path}: truncated dump file;", probe.log)
 
+    # Not under the thread sanitizer: as a_silent_pipe_gives_what_came_through_it.
     def test_a_filter_that_does_not_come_is_not_waited_for(self):
         capture = self.file(pcap([(T * NS, frame(1))]))
         probe = self.start(capture, "-E", "null",

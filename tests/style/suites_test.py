@@ -39,8 +39,19 @@ class Suites(unittest.TestCase):
             path = self.tree / folder / f"{name}_test.{suffix}"
             path.write_text(suite(folder, first_line), encoding="ascii")
 
-    def taken(self, name, sanitizer):
-        """The folders whose suite of that name belongs to a build with the sanitizer."""
+    def add_case_marks(self, sanitizer, other):
+        """Suites of three cases, of which the first is not for the sanitizer."""
+        text = (f"class New:\n    # {MARK.format(sanitizer)} it forks.\n"
+                "    def test_marked(self):\n        pass\n\n"
+                f"    # {MARK.format(other)} it forks.\n"
+                "    def test_elsewhere(self):\n        pass\n\n"
+                "    def test_suite(self):\n        pass\n")
+        for folder in PYTHON_FOLDERS:
+            (self.tree / folder / "cases_test.py").write_text(text, encoding="ascii")
+
+    def taken(self, name, sanitizer, case="suite"):
+        """The folders whose suite of that name, with that case, belongs to a build with the
+        sanitizer."""
         build = self.tree / "build" / sanitizer
         if not build.exists():
             subprocess.run(
@@ -53,18 +64,23 @@ class Suites(unittest.TestCase):
                                 capture_output=True, stdin=subprocess.DEVNULL).stdout
         return {folder for folder in CPP_FOLDERS
                 if str(self.tree / folder / f"{name}_test.cpp") in sources} | {
-                    f"tests/{label}" for label in re.findall(rf" (\w+)\.{name}\.suite\n", listed)}
+                    f"tests/{label}" for label in re.findall(rf" (\w+)\.{name}\.{case}\n", listed)}
 
     def check(self, sanitizer, other):
         self.add("plain", "What the suite is about.")
         self.add("marked", MARK.format(sanitizer) + " it forks.")
         self.add("elsewhere", MARK.format(other) + " it forks.")
         self.add("unexplained", MARK.format(sanitizer))
+        self.add_case_marks(sanitizer, other)
         everywhere = {*CPP_FOLDERS, *PYTHON_FOLDERS}
         for name, folders in (("plain", everywhere), ("marked", set()), ("elsewhere", everywhere),
                               ("unexplained", everywhere)):
             with self.subTest(suite=name):
                 self.assertEqual(self.taken(name, sanitizer), folders)
+        with self.subTest(mark="of one case"):
+            self.assertEqual(self.taken("cases", sanitizer), set(PYTHON_FOLDERS))
+            self.assertEqual(self.taken("cases", sanitizer, "marked"), set())
+            self.assertEqual(self.taken("cases", sanitizer, "elsewhere"), set(PYTHON_FOLDERS))
 
     def test_the_thread_sanitizer_gets_new_suites(self):
         self.check("thread", "address")
@@ -75,7 +91,7 @@ class Suites(unittest.TestCase):
 
 class Marks(unittest.TestCase):
     def test_every_mark_is_one_that_is_read(self):
-        form = re.compile(r"(//|#) Not under the (address|thread) sanitizer: \w.*")
+        form = re.compile(r"(//|(    )?#) Not under the (address|thread) sanitizer: \w.*")
         paths = [path for folder in ("src", "tests") for path in (ROOT / folder).rglob("*_test.*")
                  if path.suffix in (".cpp", ".py") and path != Path(__file__).resolve()]
         self.assertGreater(len(paths), 100)

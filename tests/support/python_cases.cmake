@@ -4,7 +4,8 @@
 # Registers each test method of the NAME_test.py files (all of the current folder by default) as a
 # ctest case of its own, LABEL.NAME.method: cases run side by side, each with its own time limit.
 # Those of a file with a line "# Runs alone: REASON" have the machine to themselves. Files that are
-# not for this build's sanitizer are left out (see suites.cmake).
+# not for this build's sanitizer are left out (see suites.cmake), and so is a case below an indented
+# line of that kind.
 find_package(Python3 REQUIRED COMPONENTS Interpreter)
 include(${CMAKE_CURRENT_LIST_DIR}/suites.cmake)
 
@@ -35,10 +36,18 @@ function(kestrel_add_python_cases)
     if(reason)
       set(alone ON)
     endif()
-    file(STRINGS ${file} lines REGEX "^(class [A-Za-z0-9_]+|    def test_[A-Za-z0-9_]+)")
-    foreach(line ${lines})
-      if(line MATCHES "^class ([A-Za-z0-9_]+)")
+    set(mark "    # Not under the ([a-z]+) sanitizer: .")
+    file(STRINGS ${file} lines REGEX "^(class [A-Za-z0-9_]+|    def test_[A-Za-z0-9_]+|${mark})")
+    set(left_out OFF)
+    foreach(line IN LISTS lines)
+      if(line MATCHES "^${mark}")
+        if(KESTREL_SANITIZE MATCHES ${CMAKE_MATCH_1})
+          set(left_out ON)
+        endif()
+      elseif(line MATCHES "^class ([A-Za-z0-9_]+)")
         set(class ${CMAKE_MATCH_1})
+      elseif(left_out)
+        set(left_out OFF)
       elseif(line MATCHES "def (test_([A-Za-z0-9_]+))")
         set(name ${KESTREL_TEST_PREFIX}${ARG_LABEL}.${area}.${CMAKE_MATCH_2})
         add_test(NAME ${name}

@@ -2,7 +2,7 @@
  * `flows`, and a flow f to queue f modulo `lanes`. Frames of 60 bytes with a datagram of 46 from
  * 10.0.x.y port 1000 + f, one microsecond apart in the year 2100, so that no flow grows idle while
  * a test runs. Every 100th packet is an ARP frame instead. answer=N is what it says of its queues
- * where that is not the number of lanes. */
+ * where that is not the number of lanes. tell=1 has it say so when it is asked for its counts. */
 #define _POSIX_C_SOURCE 200809L
 #include <stdlib.h>
 #include <string.h>
@@ -30,6 +30,7 @@ struct input {
     int32_t packets;
     int32_t flows;
     int32_t answer;
+    int32_t tell;
     int is_asked;
     struct queue queues[INPUT_QUEUES_LIMIT];
 };
@@ -46,12 +47,11 @@ void* plugin_input_init(char* params, int needs_packets, uint16_t data_offset) {
     input->packets = 1000;
     input->flows = 50;
     input->answer = -1;
+    input->tell = 0;
     const struct config_setting settings[] = {
-        {"lanes", &input->lanes, CONFIG_INTEGER},
-        {"packets", &input->packets, CONFIG_INTEGER},
-        {"flows", &input->flows, CONFIG_INTEGER},
-        {"answer", &input->answer, CONFIG_INTEGER},
-        {NULL, NULL, 0},
+        {"lanes", &input->lanes, CONFIG_INTEGER}, {"packets", &input->packets, CONFIG_INTEGER},
+        {"flows", &input->flows, CONFIG_INTEGER}, {"answer", &input->answer, CONFIG_INTEGER},
+        {"tell", &input->tell, CONFIG_INTEGER},   {NULL, NULL, 0},
     };
     return config_set_values(params, settings) == 0 ? input : NULL;
 }
@@ -96,7 +96,7 @@ uint32_t plugin_input_get_batch(void* instance, uint32_t number, struct input_fr
     while (given < wanted && given < limit && given < BATCH &&
            queue->next < (uint32_t)input->packets) {
         const uint32_t packet = queue->next++;
-        const uint32_t flow = packet * STEP % (uint32_t)input->flows;
+        const uint32_t flow = (uint32_t)((uint64_t)packet * STEP % (uint64_t)input->flows);
         if (flow % lanes != number)
             continue;
         make_frame(queue->frames[given], packet, flow);
@@ -120,6 +120,8 @@ uint32_t plugin_input_get_batch(void* instance, uint32_t number, struct input_fr
 }
 
 void plugin_input_counters(void* instance, uint32_t queue, struct input_counts* counts) {
-    (void)instance;
+    const struct input* input = instance;
+    if (input->tell)
+        verbose_msg(-1, "queues: %u is counted", queue);
     counts->ring_dropped_packets = 10 + queue;
 }

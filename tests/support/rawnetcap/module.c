@@ -195,7 +195,7 @@ int module_open(int flags) {
     module.devices_added = 0;
     module.polls = 0;
     module.is_started = module.is_idle = 0;
-    memset(&module.capture, 0, sizeof module.capture);
+    capture_close(&module.capture); /* of a reader that has left its device open */
     module_log("open %s", (flags & O_ACCMODE) == O_RDONLY ? "read-only" : "for writing");
     if (is_answered("open", &result)) {
         errno = EBUSY;

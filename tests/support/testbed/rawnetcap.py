@@ -4,6 +4,7 @@ tests/support/rawnetcap/module.h for what it can be told)."""
 import os
 
 from testbed.capture import pcap
+from testbed.preload import preloaded
 from testbed.process import wait_until
 
 
@@ -15,12 +16,8 @@ def write_pcap(path, frames):
 
 def with_capture_module(**settings):
     """The environment of a program that shall meet the module; settings: RAWNETCAP_ names."""
-    environment = dict(os.environ, LD_PRELOAD=os.environ["KESTREL_RAWNETCAP"])
-    # The address sanitizer would rather be first; calls go from the emulator to it.
-    environment["ASAN_OPTIONS"] = ":".join(
-        filter(None, [os.environ.get("ASAN_OPTIONS"), "verify_asan_link_order=0"]))
-    environment.update((f"RAWNETCAP_{name}", str(value)) for name, value in settings.items())
-    return environment
+    return preloaded(os.environ["KESTREL_RAWNETCAP"],
+                     **{f"RAWNETCAP_{name}": value for name, value in settings.items()})
 
 
 class ModuleLog:
