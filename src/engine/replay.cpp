@@ -71,7 +71,7 @@ void note_pause(replay& r) {
 
 // Frames from the input, up to the limit; they are valid until the next call. How many: 0 is a
 // pause. One that gives single packets gives batches of one.
-unsigned take_frames(replay& r, unsigned limit) {
+unsigned read_frames(replay& r, unsigned limit) {
     std::memset(r.frames, 0, limit * sizeof *r.frames);
     if (r.sw.get_batch != nullptr)
         return std::min(r.sw.get_batch(r.sw.instance, 0, r.frames, limit), limit);
@@ -86,8 +86,7 @@ inline void take_packet(replay& r, const input_frame& frame) {
     r.read = std::max(r.read, frame.header.timestamp);
     flow_record& record = record_of(r, r.count);
     prepare_slot(record);
-    const flow_key key =
-        kestrel::take_frame(r.sw.counters, frame.data, frame.header, r.sw.sampling, record);
+    const flow_key key = take_frame(r.sw.counters, frame.data, frame.header, r.sw.sampling, record);
     if (!occupied(key)) [[unlikely]] {
         r.totals->no_flow += 1;
         return;
@@ -100,7 +99,7 @@ inline void take_packet(replay& r, const input_frame& frame) {
 void read_batch(replay& r) {
     r.count = 0;
     while (r.count < r.batch_limit) {
-        const unsigned given = take_frames(r, r.batch_limit - r.count);
+        const unsigned given = read_frames(r, r.batch_limit - r.count);
         if (given == 0) [[unlikely]]
             return note_pause(r);
         r.totals->frames += given;
