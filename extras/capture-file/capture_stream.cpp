@@ -54,13 +54,16 @@ ssize_t read_some(void* cookie, char* to, size_t size) {
     return result;
 }
 
-// Tells the position and goes nowhere: libpcap reads on and on.
-int tell_position(void* cookie, off64_t* offset, int whence) {
+// Tells the position, of a pipe too, or goes to another one.
+int seek_position(void* cookie, off64_t* offset, int whence) {
+    auto& self = *static_cast<source*>(cookie);
     if (whence != SEEK_CUR || *offset != 0) {
-        errno = ESPIPE;
-        return -1;
+        const off64_t reached = lseek64(self.descriptor, *offset, whence);
+        if (reached < 0)
+            return -1;
+        self.position = reached;
     }
-    *offset = static_cast<source*>(cookie)->position;
+    *offset = self.position;
     return 0;
 }
 
@@ -70,14 +73,29 @@ int close_stream(void* cookie) {
     return result;
 }
 
-std::FILE* stream_of(int descriptor) {
+}  // namespace
+
+int open_bytes(const char* path) {
+    // Without O_NONBLOCK a FIFO is not open before it has a writer, and no interrupt would end
+    // that. With it, wait_for() waits for the writer as for any bytes.
+    const int descriptor = open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+    if (descriptor >= 0)
+        (void)fcntl(descriptor, F_SETFL, O_RDONLY);  // reads come after a wait, as they always did
+    return descriptor;
+}
+
+int open_standard_input() {
+    return dup(STDIN_FILENO);
+}
+
+std::FILE* make_stream(int descriptor) {
     if (descriptor < 0)
         return nullptr;
     auto* self = static_cast<source*>(malloc_wrapper(sizeof(source), 0));
     self->descriptor = descriptor;
     std::FILE* stream = fopencookie(
         self, "r",
-        {.read = read_some, .write = nullptr, .seek = tell_position, .close = close_stream});
+        {.read = read_some, .write = nullptr, .seek = seek_position, .close = close_stream});
     if (!stream) {
         (void)close_stream(self);  // the caller hears of the stream
         return nullptr;
@@ -88,19 +106,8 @@ std::FILE* stream_of(int descriptor) {
     return stream;
 }
 
-}  // namespace
-
-std::FILE* open_stream(const char* path) {
-    // Without O_NONBLOCK a FIFO is not open before it has a writer, and no interrupt would end
-    // that. With it, wait_for() waits for the writer as for any bytes.
-    const int descriptor = open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-    if (descriptor >= 0)
-        (void)fcntl(descriptor, F_SETFL, O_RDONLY);  // reads come after a wait, as they always did
-    return stream_of(descriptor);
-}
-
-std::FILE* open_standard_input() {
-    return stream_of(dup(STDIN_FILENO));
+bool is_interrupt_pending() {
+    return is_flush_wanted();
 }
 
 bool was_interrupted() {

@@ -7,10 +7,16 @@
 
 namespace capture_file {
 
-// Open a file, or standard input, for reading. Null when that cannot be done; errno says why. The
-// caller closes the stream. ftell() tells how many bytes have been read from it.
-std::FILE* open_stream(const char* path);
-std::FILE* open_standard_input();
+// Open a file, or standard input, for reading. -1 when that cannot be done; errno says why.
+int open_bytes(const char* path);
+int open_standard_input();
+
+// A stream over what was opened, which it closes at its end; null for -1. ftell() tells how many
+// bytes have been read from it. A regular file can be gone through in any order.
+std::FILE* make_stream(int descriptor);
+
+// Whether an interrupt waits to be served, for loops that do not read from a stream.
+bool is_interrupt_pending();
 
 // Whether an interrupt ended a wait, and with it the stream. For the thread that reads.
 bool was_interrupted();
