@@ -39,12 +39,34 @@ text read_text(const char* path, std::string& content) {
 }
 
 void start_walk(capture_reader& self, int descriptor) {
-    if (is_standard_input(self) || !map_file(descriptor, walk_file_header, self.file))
+    if (is_standard_input(self) || self.source.kind ||
+        !map_file(descriptor, walk_file_header, self.file))
         return;
     self.is_walking = walk_start(self.file.data, self.file.size, self.walk);
     if (!self.is_walking)
         unmap_file(self.file);
     walk_cut_frames(self.walk, pcap_snapshot(self.handle));
+}
+
+// The bytes of the capture, decompressed where they are not.
+std::FILE* open_stream(capture_reader& self, int descriptor) {
+    if (descriptor < 0)
+        return nullptr;
+    const stream_head head = read_head(descriptor);
+    const compression* const kind = compression_of(head);
+    if (!kind)
+        return make_stream(descriptor, head);
+    return make_stream(decompression_start(self.source, *kind, descriptor, head));
+}
+
+// Why no more comes: what libpcap says (or null), but for what is wrong with compressed bytes,
+// which is the reason then.
+const char* words_of_end(capture_reader& self, const char* libpcap, std::string& words) {
+    const char* const fault = decompression_end(self.source);
+    if (!fault)
+        return libpcap;
+    words = std::string(compression_name(*self.source.kind)) + ": " + fault;
+    return words.c_str();
 }
 
 void note_break(capture_reader& self, uint64_t position, const char* words) {
@@ -62,7 +84,7 @@ const char* reader_path(const capture_reader& self) {
 bool reader_open(capture_reader& self, const char* path) {
     self.path = path;
     const int descriptor = is_standard_input(self) ? open_standard_input() : open_bytes(path);
-    std::FILE* stream = make_stream(descriptor);
+    std::FILE* stream = open_stream(self, descriptor);
     if (!stream) {
         verbose_msg(-1, "Capture file %s: %s", reader_path(self), std::strerror(errno));
         return false;
@@ -71,8 +93,10 @@ bool reader_open(capture_reader& self, const char* path) {
     self.handle =
         pcap_fopen_offline_with_tstamp_precision(stream, PCAP_TSTAMP_PRECISION_NANO, error);
     if (!self.handle) {
+        std::string words;
         if (!was_interrupted())
-            verbose_msg(-1, "Capture file %s: %s", reader_path(self), error);
+            verbose_msg(-1, "Capture file %s: %s", reader_path(self),
+                        words_of_end(self, error, words));
         std::fclose(stream);
         return false;
     }
@@ -84,7 +108,7 @@ void reader_close(capture_reader& self) {
     unmap_file(self.file);
     if (self.handle)
         pcap_close(self.handle);
-    self = {};
+    (void)decompression_end(self.source);  // it was told
 }
 
 bool reader_set_filter(capture_reader& self, const char* path) {
@@ -120,9 +144,11 @@ reading reader_next_of_libpcap(capture_reader& self, captured_frame& frame) {
         self.frames += 1;
         return reading::frame;
     }
-    if (result == PCAP_ERROR && !was_interrupted())
-        note_break(self, static_cast<uint64_t>(std::ftell(pcap_file(self.handle))),
-                   pcap_geterr(self.handle));
+    std::string buffer;
+    const char* const words =
+        words_of_end(self, result == PCAP_ERROR ? pcap_geterr(self.handle) : nullptr, buffer);
+    if (words && !was_interrupted())
+        note_break(self, static_cast<uint64_t>(std::ftell(pcap_file(self.handle))), words);
     return reading::end;
 }
 

@@ -1,7 +1,8 @@
 // Frames of a capture file, one after the other, as they lie in the file: a regular classic pcap
 // file is mapped and walked in place, everything else (pcapng, pipes, standard input, old
-// versions) is read by libpcap. libpcap reads every file's header and has the last word on each: at
-// the first record that is not whole and sound the walk ends and libpcap reads on from there.
+// versions, what is compressed) is read by libpcap. libpcap reads every file's header and has the
+// last word on each: at the first record that is not whole and sound the walk ends and libpcap
+// reads on from there.
 //
 // Opened on the main thread, then used by the thread that reads.
 #pragma once
@@ -10,6 +11,7 @@
 
 #include <cstdint>
 
+#include "decompression.h"
 #include "mapped_file.h"
 #include "record_walk.h"
 
@@ -26,6 +28,7 @@ struct capture_reader {
     size_t look_around_at;  // where the walk makes pages ready and looks whether it is to end
     mapped_file file;
     bpf_program filter;
+    decompression source;
 };
 
 // A frame as the file has it. A mapped one stays where it is, another one is valid until the next

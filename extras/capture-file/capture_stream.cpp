@@ -7,8 +7,10 @@
 #include <stdio_ext.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 
 namespace capture_file {
 namespace {
@@ -20,6 +22,7 @@ constexpr size_t buffer_bytes = size_t{256} * 1024;
 struct source {
     int descriptor;
     off64_t position;  // bytes read
+    stream_head head;  // read before, and not yet given out
 };
 
 bool is_interrupted = false;
@@ -45,8 +48,19 @@ bool wait_for(int descriptor) {
     return true;  // or a fault, which the read will tell of
 }
 
+ssize_t take_head(source& self, char* to, size_t size) {
+    const size_t taken = std::min(size, self.head.size);
+    std::memcpy(to, self.head.bytes, taken);
+    self.head.size -= taken;
+    std::memmove(self.head.bytes, self.head.bytes + taken, self.head.size);
+    self.position += static_cast<off64_t>(taken);
+    return static_cast<ssize_t>(taken);
+}
+
 ssize_t read_some(void* cookie, char* to, size_t size) {
     auto& self = *static_cast<source*>(cookie);
+    if (self.head.size > 0)
+        return take_head(self, to, size);
     if (!wait_for(self.descriptor))
         return 0;
     const ssize_t result = read(self.descriptor, to, size);
@@ -62,6 +76,7 @@ int seek_position(void* cookie, off64_t* offset, int whence) {
         if (reached < 0)
             return -1;
         self.position = reached;
+        self.head.size = 0;
     }
     *offset = self.position;
     return 0;
@@ -88,11 +103,21 @@ int open_standard_input() {
     return dup(STDIN_FILENO);
 }
 
-std::FILE* make_stream(int descriptor) {
+stream_head read_head(int descriptor) {
+    stream_head head{};
+    ssize_t result = 0;
+    while (head.size < sizeof head.bytes && wait_for(descriptor) &&
+           (result = read(descriptor, head.bytes + head.size, sizeof head.bytes - head.size)) > 0)
+        head.size += static_cast<size_t>(result);
+    return head;  // a fault comes again with the next read
+}
+
+std::FILE* make_stream(int descriptor, const stream_head& head) {
     if (descriptor < 0)
         return nullptr;
-    auto* self = static_cast<source*>(malloc_wrapper(sizeof(source), 0));
+    auto* self = static_cast<source*>(malloc_wrapper(sizeof(source), 1));
     self->descriptor = descriptor;
+    self->head = head;
     std::FILE* stream = fopencookie(
         self, "r",
         {.read = read_some, .write = nullptr, .seek = seek_position, .close = close_stream});

@@ -1,7 +1,6 @@
 // Tests of files in memory that are cut while they are read.
 #include "mapped_file.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -10,27 +9,31 @@
 #include <csignal>
 #include <string>
 
-#include "tests/support/scratch_file.h"
-
 namespace capture_file {
 namespace {
 
 constexpr size_t page = 4096;
 
+// A file without a name that has so many letters.
+int make_file(size_t size, char letter) {
+    const int descriptor = memfd_create("mapped_file_test", 0);
+    const std::string content(size, letter);
+    EXPECT_EQ(write(descriptor, content.data(), size), static_cast<ssize_t>(size));
+    return descriptor;
+}
+
 class MappedFile : public testing::Test {
   protected:
-    MappedFile() : content_(std::string(10 * page, 'x')), descriptor_(open(content_.path(), 0)) {}
     ~MappedFile() override {
         unmap_file(file_);
         close(descriptor_);
     }
 
     void map() { ASSERT_TRUE(map_file(descriptor_, 1, file_)); }
-    void cut(size_t size) { ASSERT_EQ(truncate(content_.path(), static_cast<off_t>(size)), 0); }
+    void cut(size_t size) { ASSERT_EQ(ftruncate(descriptor_, static_cast<off_t>(size)), 0); }
     uint8_t byte(size_t at) const { return *const_cast<const volatile uint8_t*>(file_.data + at); }
 
-    kestrel_test::scratch_file content_;
-    int descriptor_;
+    int descriptor_ = make_file(10 * page, 'x');
     mapped_file file_{};
 };
 
@@ -96,8 +99,7 @@ TEST_F(MappedFile, LeavesOtherFaultsToWhoTookThemBefore) {
     before.sa_handler = leave;
     ASSERT_EQ(sigaction(SIGBUS, &before, &former), 0);
     map();
-    const kestrel_test::scratch_file other(std::string(page, 'y'));
-    const int descriptor = open(const_cast<kestrel_test::scratch_file&>(other).path(), O_RDWR);
+    const int descriptor = make_file(page, 'y');
     const auto* const foreign =
         static_cast<volatile uint8_t*>(mmap(nullptr, page, PROT_READ, MAP_SHARED, descriptor, 0));
     ASSERT_EQ(ftruncate(descriptor, 0), 0);

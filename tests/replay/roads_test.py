@@ -126,7 +126,8 @@ class Roads(ReplayCase):
         whole = pcap(timed(mixed(20)))
         changed = {"version 2.3": (4, 0x00030002), "version 2.5": (4, 0x00050002),
                    "version 1.4": (4, 0x00040001), "modified": (0, 0xA1B2CD34),
-                   "no snap length": (16, 0), "a short one": (16, 20), "a huge one": (16, 2**32 - 1),
+                   "no snap length": (16, 0), "a short one": (16, 20),
+                   "a huge one": (16, 0xFFFFFFFF),
                    "link type with more bits": (20, 0x44000001), "another link type": (20, 105)}
         for name, (at, word) in changed.items():
             with self.subTest(name):
