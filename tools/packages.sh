@@ -1,12 +1,12 @@
 # shellcheck shell=bash disable=SC2034  # the lists are for those who source this
 # Debian packages that building and testing need, and how the scripts get them. Sourced, not run.
 
-BUILD_PACKAGES=(cmake g++ libgcrypt20-dev libpcap-dev make pkg-config)
+BUILD_PACKAGES=(cmake g++ libgcrypt20-dev libpcap-dev libzstd-dev make pkg-config zlib1g-dev)
 # What the metrics plugin takes besides.
 METRICS_PACKAGES=(libjs-dygraphs libmicrohttpd-dev nlohmann-json3-dev prometheus-cpp-dev)
 TEST_PACKAGES=(ccache chromium chromium-driver clang-format clang-tidy dpkg-dev file iproute2
     libbenchmark-dev libfixbuf-tools libgtest-dev lintian man-db mandoc netbase nfdump ninja-build
-    pmacct prometheus python3 python3-selenium systemd tshark zsh)
+    pmacct prometheus python3 python3-selenium systemd tshark zsh zstd)
 
 # Words that run a command as root: none for root, else sudo. (Not a function: a function started in
 # the background would be a shell of its own between the script and the program that it signals.)

@@ -7,8 +7,10 @@
 #include <stdio_ext.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 
 namespace capture_file {
 namespace {
@@ -20,6 +22,7 @@ constexpr size_t buffer_bytes = size_t{256} * 1024;
 struct source {
     int descriptor;
     off64_t position;  // bytes read
+    stream_head head;  // read before, and not yet given out
 };
 
 bool is_interrupted = false;
@@ -45,8 +48,19 @@ bool wait_for(int descriptor) {
     return true;  // or a fault, which the read will tell of
 }
 
+ssize_t take_head(source& self, char* to, size_t size) {
+    const size_t taken = std::min(size, self.head.size);
+    std::memcpy(to, self.head.bytes, taken);
+    self.head.size -= taken;
+    std::memmove(self.head.bytes, self.head.bytes + taken, self.head.size);
+    self.position += static_cast<off64_t>(taken);
+    return static_cast<ssize_t>(taken);
+}
+
 ssize_t read_some(void* cookie, char* to, size_t size) {
     auto& self = *static_cast<source*>(cookie);
+    if (self.head.size > 0)
+        return take_head(self, to, size);
     if (!wait_for(self.descriptor))
         return 0;
     const ssize_t result = read(self.descriptor, to, size);
@@ -54,13 +68,17 @@ ssize_t read_some(void* cookie, char* to, size_t size) {
     return result;
 }
 
-// Tells the position and goes nowhere: libpcap reads on and on.
-int tell_position(void* cookie, off64_t* offset, int whence) {
+// Tells the position, of a pipe too, or goes to another one.
+int seek_position(void* cookie, off64_t* offset, int whence) {
+    auto& self = *static_cast<source*>(cookie);
     if (whence != SEEK_CUR || *offset != 0) {
-        errno = ESPIPE;
-        return -1;
+        const off64_t reached = lseek64(self.descriptor, *offset, whence);
+        if (reached < 0)
+            return -1;
+        self.position = reached;
+        self.head.size = 0;
     }
-    *offset = static_cast<source*>(cookie)->position;
+    *offset = self.position;
     return 0;
 }
 
@@ -70,14 +88,39 @@ int close_stream(void* cookie) {
     return result;
 }
 
-std::FILE* stream_of(int descriptor) {
+}  // namespace
+
+int open_bytes(const char* path) {
+    // Without O_NONBLOCK a FIFO is not open before it has a writer, and no interrupt would end
+    // that. With it, wait_for() waits for the writer as for any bytes.
+    const int descriptor = open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+    if (descriptor >= 0)
+        (void)fcntl(descriptor, F_SETFL, O_RDONLY);  // reads come after a wait, as they always did
+    return descriptor;
+}
+
+int open_standard_input() {
+    return dup(STDIN_FILENO);
+}
+
+stream_head read_head(int descriptor) {
+    stream_head head{};
+    ssize_t result = 0;
+    while (head.size < sizeof head.bytes && wait_for(descriptor) &&
+           (result = read(descriptor, head.bytes + head.size, sizeof head.bytes - head.size)) > 0)
+        head.size += static_cast<size_t>(result);
+    return head;  // a fault comes again with the next read
+}
+
+std::FILE* make_stream(int descriptor, const stream_head& head) {
     if (descriptor < 0)
         return nullptr;
-    auto* self = static_cast<source*>(malloc_wrapper(sizeof(source), 0));
+    auto* self = static_cast<source*>(malloc_wrapper(sizeof(source), 1));
     self->descriptor = descriptor;
+    self->head = head;
     std::FILE* stream = fopencookie(
         self, "r",
-        {.read = read_some, .write = nullptr, .seek = tell_position, .close = close_stream});
+        {.read = read_some, .write = nullptr, .seek = seek_position, .close = close_stream});
     if (!stream) {
         (void)close_stream(self);  // the caller hears of the stream
         return nullptr;
@@ -88,19 +131,8 @@ std::FILE* stream_of(int descriptor) {
     return stream;
 }
 
-}  // namespace
-
-std::FILE* open_stream(const char* path) {
-    // Without O_NONBLOCK a FIFO is not open before it has a writer, and no interrupt would end
-    // that. With it, wait_for() waits for the writer as for any bytes.
-    const int descriptor = open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-    if (descriptor >= 0)
-        (void)fcntl(descriptor, F_SETFL, O_RDONLY);  // reads come after a wait, as they always did
-    return stream_of(descriptor);
-}
-
-std::FILE* open_standard_input() {
-    return stream_of(dup(STDIN_FILENO));
+bool is_interrupt_pending() {
+    return is_flush_wanted();
 }
 
 bool was_interrupted() {

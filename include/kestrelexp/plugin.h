@@ -84,7 +84,8 @@ enum input_clock_state {
     INPUT_CLOCK_FAILED = 2 /* as before, but the input broke off: packets are missing */
 };
 
-/* Optional, beside get_packet: the input brings its own clock (a replay), and the times of its
+/* Optional, beside get_packet or get_batch (whose queue 0 is the only one then): the input brings
+ * its own clock (a replay), and the times of its
  * packets, not the system's clocks, drive all time of the program: ageing, the times that exports
  * write, the start-up time, the flush of idle exports. Stores in *now how far the input has come,
  * in ns since the Unix epoch: no packet to come is older, save for packets that are out of order.
@@ -92,7 +93,7 @@ enum input_clock_state {
  * ends with status 0; after INPUT_CLOCK_FAILED it does the same and ends with status 1, and the
  * input has said why. (Any other number but 0 is taken as INPUT_CLOCK_ENDED.) Called once or more
  * after init, when *now is the time of the first packet to come, and whenever get_packet returned
- * NULL. An input that waits for packets returns NULL from get_packet now and then (every 10 ms,
+ * NULL, or get_batch nothing. An input that waits for packets returns so now and then (every 10 ms,
  * say). */
 typedef int input_clock_function(void* instance, uint64_t* now);
 
@@ -290,10 +291,10 @@ KX_API packet_function plugin_input_get_packet;               /* one of these th
 KX_API input_flow_function plugin_input_get_flow;             /* ... */
 KX_API input_final_flow_function plugin_input_get_final_flow; /* ... */
 KX_API input_flow_packet_function plugin_input_get_flow_packet; /* optional, beside get_flow */
-KX_API input_clock_function plugin_input_clock;                 /* optional, beside get_packet */
-KX_API input_counters_function plugin_input_counters;           /* optional */
-KX_API input_batch_function plugin_input_get_batch;             /* optional */
-KX_API input_queues_function plugin_input_queues;               /* optional, beside get_batch */
+KX_API input_clock_function plugin_input_clock;       /* optional, beside get_packet or get_batch */
+KX_API input_counters_function plugin_input_counters; /* optional */
+KX_API input_batch_function plugin_input_get_batch;   /* optional */
+KX_API input_queues_function plugin_input_queues;     /* optional, beside get_batch */
 
 KX_API plugin_desc_function plugin_export_desc;
 KX_API export_init_function plugin_export_init;

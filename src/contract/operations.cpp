@@ -13,12 +13,12 @@ namespace kestrel {
 namespace {
 
 constexpr operation_row operation_rows[] = {
-    {"plugin_input_clock", PLUGIN_KIND_INPUT, offsetof(plugin_operations, clock),
-     "plugin_input_get_packet", operation_row::in_plugin, offsetof(input_plugin, get_packet)},
     {"plugin_input_counters", PLUGIN_KIND_INPUT, offsetof(plugin_operations, counters), nullptr,
      operation_row::in_plugin, 0},
     {"plugin_input_get_batch", PLUGIN_KIND_INPUT, offsetof(plugin_operations, get_batch), nullptr,
      operation_row::in_plugin, 0},
+    {"plugin_input_clock", PLUGIN_KIND_INPUT, offsetof(plugin_operations, clock),
+     "plugin_input_get_packet", operation_row::in_plugin, offsetof(input_plugin, get_packet), true},
     {"plugin_input_queues", PLUGIN_KIND_INPUT, offsetof(plugin_operations, queues),
      "plugin_input_get_batch", operation_row::in_operations,
      offsetof(plugin_operations, get_batch)},
@@ -31,7 +31,7 @@ constexpr plugin_operations no_operations{};
 // Whether the plugin has what the operation goes with. Operations are stored by their place in a
 // record, whatever their type.
 bool has_companion(const void* plugin, const plugin_operations& found, const operation_row& row) {
-    if (row.companion == nullptr)
+    if (row.companion == nullptr || (row.goes_with_batches && found.get_batch != nullptr))
         return true;
     const void* const record = row.companion_is == operation_row::in_plugin ? plugin : &found;
     void* companion;

@@ -29,6 +29,8 @@ struct operation_row {
     const char* companion;  // what it goes with; null: any
     enum { in_plugin, in_operations } companion_is;
     size_t companion_place;  // in the plugin record of its kind, or in plugin_operations
+    // It goes with get_batch as well. (Rows are looked up in their order: that one is before it.)
+    bool goes_with_batches = false;
 };
 
 // Every optional operation.

@@ -54,7 +54,7 @@ bool gives_batches(const run_configuration& run, const input_plugin* input) {
 void ignore_clock_jump() {}
 
 constexpr engine engines[] = {
-    {"replay", has_clock, chosen_size, sizeof(replay_stamp), replay_queue_init, sw_init,
+    {"replay", has_clock, chosen_size, sizeof(replay_stamp), replay_queue_init, replay_switch_init,
      start_clock, replay_loop, replay_record_loop, replay_stop, ignore_clock_jump},
     {"lanes", gives_batches, chosen_size, 0, queue_init_unaged, lanes_switch_init, lanes_prepare,
      lanes_loop, main_record_loop, request_flush, flush_for_clock_jump},

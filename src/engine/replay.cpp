@@ -17,6 +17,7 @@
 #include "base/memory.h"
 #include "base/packet_clock.h"
 #include "base/wire.h"
+#include "engine/lanes.h"
 #include "flow/ageing.h"
 #include "flow/flow_cache_update.h"
 #include "flow/flush_request.h"
@@ -35,7 +36,6 @@ constexpr unsigned slot_distance = 12;  // packets ahead
 struct replay {
     flow_switch& sw;
     flow_queue& queue;
-    const packet_reader& reader;
     uint64_t read;     // the latest time of a frame read, flow or not
     uint64_t now;      // the latest time that has come up to the queue
     uint64_t reached;  // how far the input said it had come, after the batch
@@ -48,12 +48,13 @@ struct replay {
     uint8_t* records;
     flow_key keys[batch_packets];
     uint64_t times[batch_packets];  // the clock at each packet
+    input_frame frames[batch_packets];
 };
 
 // How far the input has come (ns); once it is initialised, the time of its first packet.
 uint64_t clock_of(const flow_switch& sw) {
     uint64_t now = 0;
-    (void)sw.clock(static_cast<const packet_reader*>(sw.context)->context, &now);
+    (void)sw.clock(sw.instance, &now);
     return now;
 }
 
@@ -63,31 +64,47 @@ flow_record& record_of(const replay& r, unsigned n) {
 
 // The input has no packet just now, or never again.
 void note_pause(replay& r) {
-    const int state = r.sw.clock(r.reader.context, &r.reached);
+    const int state = r.sw.clock(r.sw.instance, &r.reached);
     r.has_ended = state != INPUT_CLOCK_RUNS;
     r.totals->has_failed = state == INPUT_CLOCK_FAILED;
+}
+
+// Frames from the input, up to the limit; they are valid until the next call. How many: 0 is a
+// pause. One that gives single packets gives batches of one.
+unsigned read_frames(replay& r, unsigned limit) {
+    std::memset(r.frames, 0, limit * sizeof *r.frames);
+    if (r.sw.get_batch != nullptr)
+        return std::min(r.sw.get_batch(r.sw.instance, 0, r.frames, limit), limit);
+    const auto& reader = *static_cast<const packet_reader*>(r.sw.context);
+    r.frames[0].data = reader.get_packet(reader.context, &r.frames[0].header);
+    return r.frames[0].data != nullptr ? 1 : 0;
+}
+
+// Parses the frame into the next record of the batch.
+inline void take_packet(replay& r, const input_frame& frame) {
+    // The clock never runs backwards: a packet that is not in order is as late as it was live.
+    r.read = std::max(r.read, frame.header.timestamp);
+    flow_record& record = record_of(r, r.count);
+    prepare_slot(record);
+    const flow_key key = take_frame(r.sw.counters, frame.data, frame.header, r.sw.sampling, record);
+    if (!occupied(key)) [[unlikely]] {
+        r.totals->no_flow += 1;
+        return;
+    }
+    queue_prefetch_bucket(r.queue, key);
+    r.times[r.count] = r.read;
+    r.keys[r.count++] = key;
 }
 
 void read_batch(replay& r) {
     r.count = 0;
     while (r.count < r.batch_limit) {
-        packet_header header{};
-        const uint8_t* frame = r.reader.get_packet(r.reader.context, &header);
-        if (!frame) [[unlikely]]
+        const unsigned given = read_frames(r, r.batch_limit - r.count);
+        if (given == 0) [[unlikely]]
             return note_pause(r);
-        r.totals->frames += 1;
-        // The clock never runs backwards: a packet that is not in order is as late as it was live.
-        r.read = std::max(r.read, header.timestamp);
-        flow_record& record = record_of(r, r.count);
-        prepare_slot(record);
-        const flow_key key = take_frame(r.sw.counters, frame, header, r.reader.sampling, record);
-        if (!occupied(key)) {
-            r.totals->no_flow += 1;
-            continue;
-        }
-        queue_prefetch_bucket(r.queue, key);
-        r.times[r.count] = r.read;
-        r.keys[r.count++] = key;
+        r.totals->frames += given;
+        for (unsigned n = 0; n < given; ++n)
+            take_packet(r, r.frames[n]);
     }
 }
 
@@ -189,8 +206,19 @@ flow_queue* replay_queue_init(int32_t size_exponent, int32_t active_s, int32_t i
     return queue;
 }
 
+flow_switch* replay_switch_init(flow_queue* queue, uint32_t flow_mask, int needs_packets,
+                                input_plugin* input) {
+    if (input->get_packet == nullptr)
+        return lanes_switch_init(queue, flow_mask, needs_packets, input);
+    flow_switch* const sw = sw_init(queue, flow_mask, needs_packets, input);
+    if (sw != nullptr)
+        sw->sampling = static_cast<const packet_reader*>(sw->context)->sampling;
+    return sw;
+}
+
 void replay_start_clock(flow_switch& sw, const plugin_operations& input) {
     sw.clock = input.clock;
+    sw.get_batch = input.get_batch;
     packet_clock_start(clock_of(sw));
 }
 
@@ -209,7 +237,6 @@ void* replay_loop(void* argument) {
     auto& r = *make_lifelong<replay>(replay{
         .sw = sw,
         .queue = queue,
-        .reader = *static_cast<const packet_reader*>(sw.context),
         .read = start,
         .now = start,
         .reached = start,
@@ -223,6 +250,7 @@ void* replay_loop(void* argument) {
         .records = static_cast<uint8_t*>(malloc_wrapper(batch_packets * queue.stride, 1)),
         .keys = {},
         .times = {},
+        .frames = {},
     });
     while (!r.has_ended && !is_stop_wanted.load(std::memory_order_acquire) && reads_on(sw)) {
         read_batch(r);

@@ -23,8 +23,12 @@ flow_queue* replay_queue_init(int32_t size_exponent, int32_t active_s, int32_t i
                               temporal_storage* final_storage, const char* directory,
                               uint64_t data_size, int32_t plugin_count, process_plugin* plugins);
 
-// Lets the switch ask the input for its clock, and puts the packet clock in place of the system's,
-// at the time of the first packet to come. The input is initialised.
+// sw_init (kestrelexp/flow.h) for an input that gives single packets or batches of them.
+flow_switch* replay_switch_init(flow_queue* queue, uint32_t flow_mask, int needs_packets,
+                                input_plugin* input);
+
+// Lets the switch ask the input for its clock and its batches, and puts the packet clock in place
+// of the system's, at the time of the first packet to come. The input is initialised.
 void replay_start_clock(flow_switch& sw, const plugin_operations& input);
 
 // Has the replay end after the packets in hand, as if its input had ended. An input that waits sees

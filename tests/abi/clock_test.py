@@ -9,8 +9,13 @@ BEGAN = 946598400  # the last day of 1999
 
 class Clocks(Run):
     def test_the_program_lives_and_ends_on_the_time_of_the_packets(self):
+        for name in ("replayed", "replayed_batches"):
+            with self.subTest(object=name):
+                self.assert_replayed(name)
+
+    def assert_replayed(self, name):
         status, _, lines = run_to_its_end(
-            "-v", "0", "-t", "180:10", "-X", f"{plugin('replayed')},{plugin('collect')}",
+            "-v", "0", "-t", "180:10", "-X", f"{plugin(name)},{plugin('collect')}",
             "-I", "replayed", "-E", f"collect:file={self.out}")
         flows = [line.split() for line in self.collected()]
         self.assertEqual(status, 0, lines)
