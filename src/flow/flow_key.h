@@ -17,7 +17,7 @@ namespace kestrel {
 inline constexpr uint64_t flow_key_start = 0xFFFF'FFFF'FFFF'FFFF;
 
 // One 32-bit word. Packet bytes enter as little-endian words, that is as they lie in memory.
-inline uint64_t key_step32(uint64_t h, uint32_t word) {
+[[gnu::always_inline]] inline uint64_t key_step32(uint64_t h, uint32_t word) {
     const uint32_t x = word ^ static_cast<uint32_t>(h);
     return (h << 32) ^ crc64_table[3][x & 0xFF] ^ crc64_table[2][(x >> 8) & 0xFF] ^
            crc64_table[1][(x >> 16) & 0xFF] ^ crc64_table[0][x >> 24];
