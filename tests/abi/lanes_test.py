@@ -163,21 +163,31 @@ class Lanes(Run):
         self.assertEqual([line for line in lines if line.startswith("queues:")],
                          ["queues: 0 is empty"])
 
-    def test_process_plugins_for_several_threads_see_the_frames_of_each_lane(self):
+    def check_frames_seen(self, object_, lanes, wanted):
+        """A process plugin that asks for frames sees that of each packet."""
         running = self.start_program(
-            "-v", "0", "-X", ",".join(map(plugin, ("queues", "collect", "count_frames_safe"))),
-            "-P", "frames", "-I", "queues:lanes=3,packets=990,flows=33",
+            "-v", "0", "-X", ",".join(map(plugin, ("queues", "collect", object_))),
+            "-P", "frames", "-I", f"queues:lanes={wanted},packets=990,flows=33",
             "-E", f"collect:file={self.out},offset=88,length=8")
-        for lane in range(3):
+        for lane in range(lanes):
             running.wait_for_line(f"queues: {lane} is empty", 60)
-        self.assertIn("VERBOSE: 0:3 lanes of 131072 slots", self.interrupt(running))
-        # Packets of the flow; why it ended; captured length, bytes of headers and the first byte.
-        areas = sorted(line.split(" +")[1] for line in self.collected() if line != "flush")
-        self.assertEqual(len(areas), 33)
-        for line in (line for line in self.collected() if line != "flush"):
-            packets = int(line.split()[2])
-            self.assertEqual(line.split(" +")[1],
-                             packets.to_bytes(4, "little").hex().upper() + "033C2A00")
+        lines = self.interrupt(running)
+        self.assertEqual([line for line in lines if " lanes of " in line],
+                         [f"VERBOSE: 0:{lanes} lanes of 131072 slots"] if lanes > 1 else [])
+        found = [line.split() for line in self.collected() if line != "flush"]
+        self.assertEqual(len(found), 33)
+        for fields in found:
+            # Packets of the flow; why it ended; captured length, bytes of headers, the first byte.
+            self.assertEqual(fields[-1], "+" + int(fields[2]).to_bytes(4, "little").hex().upper()
+                             + "033C2A00")
+
+    def test_process_plugins_for_several_threads_see_the_frames_of_each_lane(self):
+        for lanes in (3, 4):
+            with self.subTest(lanes=lanes):
+                self.check_frames_seen("count_frames_safe", lanes, lanes)
+
+    def test_a_process_plugin_for_one_thread_sees_the_frames_of_its_lane(self):
+        self.check_frames_seen("count_frames", 1, 4)
 
     def test_numbers_of_queues_out_of_range_end_the_start(self):
         for answer in (0, 65):
