@@ -257,7 +257,6 @@ flow_switch* lanes_switch_init(flow_queue* queue, uint32_t flow_mask, int needs_
     verbose_msg(3, "trying to init batch plugin");
     if (!switch_init_input(needs_packets != 0, *input))
         return nullptr;
-    queue->sink = put_final;
     auto* sw = make_lifelong<flow_switch>();
     switch_connect(*sw, queue, *input, 0);
     sw->sampling = input->sampling(input->instance);
@@ -267,6 +266,7 @@ flow_switch* lanes_switch_init(flow_queue* queue, uint32_t flow_mask, int needs_
 void lanes_prepare(flow_switch& first, const run_configuration& run) {
     const plugin_operations& operations = operations_of(run.registry, chosen_input(run)->desc);
     first.get_batch = operations.get_batch;
+    first.queue->sink = put_final;
     if (const uint32_t count = lane_count(first, run, operations); count > 1)
         make_lanes(first, count, run, operations);
 }
