@@ -91,7 +91,7 @@ void start_replay(std::vector<step> steps, temporal_storage** finals, process_pl
     input.init = [](char*, int, uint16_t) -> void* { return &played; };
     input.sampling = [](void*) -> uint32_t { return 5; };
     input.get_packet = get_packet;
-    flow_switch* sw = sw_init(queue, FLOW_MASK_DEFAULT, 0, &input);
+    flow_switch* sw = replay_switch_init(queue, FLOW_MASK_DEFAULT, 0, &input);
     sw->clock = get_clock;
     start_thread(replay_loop, sw);
 }
