@@ -109,12 +109,14 @@ bool is_drained(const outlet& self) {
 void* work(void* argument) {
     outlet& self = *static_cast<outlet*>(argument);
     bool was_later = false;
-    while (!is_drained(self)) {
+    for (;;) {
         const outlet_round round = run_round(self);
         // Who takes nothing twice in a row has nothing to wait for, and is asked a little later.
         const bool is_later = round.end == outlet_round::later && round.delivered == 0;
         const bool is_stuck = is_later && was_later;
         was_later = is_later;
+        if (is_drained(self))
+            break;
         if (is_stuck || round.end == outlet_round::idle || round.end == outlet_round::blocked)
             sleep_after(self, round, is_stuck);
     }
