@@ -25,6 +25,8 @@ namespace {
 
 // How often a TCP connection is asked for what was acknowledged while something is not.
 constexpr uint64_t acknowledge_look_ns = 20 * ns_per_ms;
+// How often a connection that takes nothing is looked at.
+constexpr uint64_t full_look_ns = ns_per_second;
 
 struct family_order {
     int ip;  // the parameter
@@ -124,6 +126,7 @@ void collector_connection::greet(outlet* queue) {
     datagrams_ = written_ = acknowledged_ = 0;
     part_ = 0;
     is_full_ = false;
+    full_since_ns_ = 0;
     last_progress_ns_ = last_send_ns_ = now_ns_;
     if (has_greeted_) {
         const int64_t sent = network_.send(message, length);
@@ -195,7 +198,7 @@ bool collector_connection::look_after(outlet* queue, outlet_wait& wait) {
     // It is tried again when there is room, or when there was something else to do.
     is_full_ = false;
     wait.events |= POLLOUT;
-    wait_until(last_progress_ns_ + stall_limit_ns, wait);
+    wait_until(now_ns_ + full_look_ns, wait);
     return false;
 }
 
@@ -218,9 +221,17 @@ void collector_connection::settle_datagram(outlet* queue) {
     account_.note_success();
 }
 
+// What the system takes is no progress where acknowledgements tell more.
 bool collector_connection::is_stalled() const {
-    const bool is_waited_for = tells_acknowledgements() ? acknowledged_ < written_ : is_full_;
-    return is_waited_for && now_ns_ >= last_progress_ns_ + stall_limit_ns;
+    if (tells_acknowledgements())
+        return acknowledged_ < written_ && now_ns_ >= last_progress_ns_ + stall_limit_ns;
+    return full_since_ns_ != 0 && now_ns_ >= full_since_ns_ + stall_limit_ns;
+}
+
+void collector_connection::note_full() {
+    is_full_ = true;
+    if (full_since_ns_ == 0)
+        full_since_ns_ = now_ns_;
 }
 
 outlet_answer collector_connection::deliver(outlet* queue, outlet_message& message) {
@@ -234,8 +245,8 @@ outlet_answer collector_connection::deliver(outlet* queue, outlet_message& messa
                              : sent_part(message, static_cast<uint32_t>(sent));
     if (is_datagram() && sent == -EMSGSIZE)
         return OUTLET_REFUSE;
-    if (!is_datagram() && sent == -EAGAIN)
-        is_full_ = true;
+    if (sent == -EAGAIN)
+        note_full();
     else
         fail(queue, static_cast<int>(-sent));
     return OUTLET_LATER;
@@ -248,6 +259,7 @@ outlet_answer collector_connection::sent_datagram(outlet* queue, const outlet_me
     }
     datagrams_ += 1;
     last_send_ns_ = now_ns_;
+    full_since_ns_ = 0;
     protocol_.note_sent(message);
     return OUTLET_KEEP;
 }
@@ -255,10 +267,9 @@ outlet_answer collector_connection::sent_datagram(outlet* queue, const outlet_me
 outlet_answer collector_connection::sent_part(outlet_message& message, uint32_t bytes) {
     part_ += bytes;
     written_ += bytes;
-    if (!tells_acknowledgements())
-        last_progress_ns_ = now_ns_;
+    full_since_ns_ = 0;
     if (part_ < message.length) {
-        is_full_ = true;
+        note_full();
         return OUTLET_LATER;
     }
     part_ = 0;

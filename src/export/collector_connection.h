@@ -73,6 +73,7 @@ class collector_connection {
     void settle_acknowledged(outlet* queue);
     void settle_datagram(outlet* queue);
     bool is_stalled() const;
+    void note_full();
     outlet_answer sent_datagram(outlet* queue, const outlet_message& message);
     outlet_answer sent_part(outlet_message& message, uint32_t bytes);
     void give_held_back(outlet* queue, int fault);
@@ -109,8 +110,9 @@ class collector_connection {
     uint64_t acknowledged_ = 0;  // of these
     uint64_t last_progress_ns_ = 0;
     uint64_t last_send_ns_ = 0;
-    uint32_t part_ = 0;     // bytes of the next message that the system has taken
-    bool is_full_ = false;  // the system takes no more for now
+    uint32_t part_ = 0;           // bytes of the next message that the system has taken
+    uint64_t full_since_ns_ = 0;  // 0: the last send was taken
+    bool is_full_ = false;        // the system takes no more for now
 };
 
 }  // namespace kestrel

@@ -1,4 +1,6 @@
 // The connection of an export in the background over UDP, with and without templates.
+#include <poll.h>
+
 #include "tests/support/connection_fixture.h"
 
 namespace kestrel {
@@ -57,6 +59,34 @@ TEST_F(Datagrams, WithoutARouteNothingIsLost) {
     run_for(2);
     EXPECT_EQ(net_.stream, "templates.two");
     EXPECT_EQ(count(OUTLET_SENT), 2U);
+}
+
+TEST_F(Datagrams, OneThatFindsNoRoomWaitsForIt) {
+    come_up();
+    run_for(100);
+    net_.send_fault = EAGAIN;
+    offer("one");
+    offer("two");
+    EXPECT_EQ(round().end, outlet_round::later);
+    const outlet_round waiting = round();
+    EXPECT_EQ(waiting.end, outlet_round::blocked);
+    EXPECT_NE(waiting.wait.events & POLLOUT, 0);
+    run_for(1);
+    EXPECT_EQ(net_.stream, "templates.onetwo");
+    EXPECT_TRUE(connection_->is_up());
+    EXPECT_EQ(count(OUTLET_SENT), 2U);
+}
+
+TEST_F(Datagrams, FifteenSecondsWithoutRoomAreAnOutage) {
+    come_up();
+    run_for(100);
+    net_.room = 0;
+    offer("one");
+    run_for(14.9);
+    EXPECT_TRUE(connection_->is_up());
+    run_for(1.2);
+    EXPECT_FALSE(connection_->is_up());
+    EXPECT_EQ(queued(), 1U);
 }
 
 TEST_F(Datagrams, OneThatIsTooLongIsLostAndNoOutage) {
