@@ -67,8 +67,8 @@ class Background(BackgroundCase):
         for collector in collectors:
             collector.die()
         self.sender.send(*flows(2))
-        for _ in exports:
-            probe.wait_for_line("no collector (Connection refused), trying again")
+        wait_until(lambda: probe.log.count("no collector (Connection refused), trying again") == 3,
+                   "outages")
         for collector in collectors:
             collector.come_back()
         wait_until(lambda: have(2 * SOME - 200), "what waited")
