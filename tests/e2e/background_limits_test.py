@@ -4,19 +4,16 @@ nothing, and one whose host vanishes, are left within seconds."""
 # Not under the thread sanitizer: it waits for time limits, with the threads of background_test.
 # Not under the address sanitizer: it waits for time limits, with the messages of background_test.
 
-import os
 import socket
-import threading
 import time
 
-from testbed import namespaces
 from testbed.accounts import DROPPED, LOST
 from testbed.background import (BACKGROUND, LARGE, ONE, SMALL, SOME, TCP, BackgroundCase, flows,
-                                messages, run_command)
+                                messages)
 from testbed.flow_sets import Reader
 from testbed.network import blast
 from testbed.probe import ipfix
-from testbed.process import SLOWNESS, WatchedProcess, wait_until
+from testbed.process import SLOWNESS, wait_until
 
 
 class BackgroundLimits(BackgroundCase):
@@ -48,18 +45,9 @@ class BackgroundLimits(BackgroundCase):
         self.assertEqual(total, stalled.packets + found.kept_from(ONE))
 
     def test_a_host_that_vanishes_is_noticed_within_twenty_seconds(self):
-        other = WatchedProcess(["unshare", "--net", "sleep", "100"])
-        self.addCleanup(other.kill)
-        inside = ["nsenter", "--net", "--target", str(other.pid)]
-        wait_until(lambda: os.readlink(f"/proc/{other.pid}/ns/net") !=
-                   os.readlink("/proc/self/ns/net"), "its name space")
-        for line in (f"ip link add near type veth peer name far netns {other.pid}",
-                     "ip addr add 192.0.2.1/24 dev near", "ip link set near up",
-                     " ".join(inside) + " ip addr add 192.0.2.2/24 dev far",
-                     " ".join(inside) + " ip link set far up"):
-            run_command(line)
-        idle, busy = (self.listen_inside(other.pid) for _ in range(2))
-        words = [word.replace("127.0.0.1", "192.0.2.2") for listener in (idle, busy)
+        far = self.far_machine()
+        idle, busy = (far.socket(self.listen) for _ in range(2))
+        words = [word.replace("127.0.0.1", far.address) for listener in (idle, busy)
                  for word in ipfix(listener.getsockname()[1], TCP + ",drain=0")]
         # The first has no traffic: a filter that keeps nothing is in front of it.
         rules = self.directory() / "rules"
@@ -70,7 +58,7 @@ class BackgroundLimits(BackgroundCase):
             self.addCleanup(peer.close)
         self.sender.send(*flows(1))
         time.sleep(1)
-        run_command(" ".join(inside) + " ip link set far down")
+        far.run("ip link set far down")
         start = time.monotonic()
         self.sender.send(*flows(2))
         wait_until(lambda: probe.log.count("no collector (") == 2, probe.describe(), 21)
@@ -78,17 +66,8 @@ class BackgroundLimits(BackgroundCase):
         self.end_in_time(probe, 3)
         self.sum_of(probe, 2 * SOME)
 
-    def listen_inside(self, pid):
-        """A socket that listens in the name space of another process."""
-        made = []
-
-        def make():
-            namespaces.enter(pid, namespaces.NETWORK)
-            made.append(socket.create_server(("192.0.2.2", 0)))
-
-        maker = threading.Thread(target=make)  # which alone is in the other name space
-        maker.start()
-        maker.join()
-        made[0].settimeout(20 * SLOWNESS)
-        self.addCleanup(made[0].close)
-        return made[0]
+    @staticmethod
+    def listen(address):
+        listener = socket.create_server((address, 0))
+        listener.settimeout(20 * SLOWNESS)
+        return listener

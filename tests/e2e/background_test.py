@@ -1,6 +1,7 @@
 """Exports in the background: whatever a collector does, frames sent = packets that it has + losses
 that the probe counts, and neither the capture nor another export nor the end is held up."""
 
+import select
 import signal
 import socket
 import threading
@@ -115,6 +116,48 @@ class Background(BackgroundCase):
         self.assertEqual(found.total(LOST), 0)
         self.assertEqual([message.sequence for message in read], list(range(len(read))))
         self.assertEqual(read[0].records, 0)  # the templates
+
+    def test_a_route_that_goes_and_comes_back_costs_nothing(self):
+        far = self.far_machine()
+        receivers = [far.socket(self.receive) for _ in range(2)]
+        words = [word.replace("127.0.0.1", far.address) for export, receiver in
+                 zip((ipfix, netflow_v9), receivers)
+                 for word in export(receiver.getsockname()[1], BACKGROUND)]
+        probe = self.probe(*words, source=SMALL)
+        read = [[], []]
+
+        def have(packets):
+            for receiver, taken in zip(receivers, read):
+                while select.select([receiver], [], [], 0)[0]:
+                    taken.append(receiver.recv(65536))
+            return all(self.packets_in(taken) >= packets for taken in read)
+
+        self.sender.send(*flows(1))
+        wait_until(lambda: have(SOME - 100), "the first flows")
+        time.sleep(0.3)  # what was sent is there
+        run_command("ip link set near down")
+        self.sender.send(*flows(2))
+        wait_until(lambda: probe.log.count("no collector (Network is unreachable)") == 2,
+                   "outages")
+        run_command("ip link set near up")
+        wait_until(lambda: have(2 * SOME - 100), "what waited")
+        self.stop_in_order(probe)
+        have(0)
+        found = self.sum_of(probe, 2 * SOME)
+        self.assertEqual(found.total(LOST), 0)
+        self.assertEqual([self.packets_in(taken) for taken in read], [2 * SOME] * 2)
+
+    @staticmethod
+    def packets_in(datagrams):
+        reader = Reader()
+        return sum(reader.read(datagram).packets for datagram in datagrams)
+
+    def receive(self, address):
+        receiver = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.addCleanup(receiver.close)
+        receiver.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 20)
+        receiver.bind((address, 0))
+        return receiver
 
     # ---- TCP ----
 

@@ -1,8 +1,11 @@
 """What the tests of exports in the background share."""
 
+import os
 import signal
+import threading
 import time
 
+from testbed import namespaces
 from testbed.accounts import Sum
 from testbed.case import E2eCase
 from testbed.flow_sets import Reader
@@ -38,7 +41,47 @@ def run_command(line):
         assert command.wait() == 0, command.describe()
 
 
+class FarMachine:
+    """Another network name space, reached through the interface "near"."""
+
+    address = "192.0.2.2"
+
+    def __init__(self):
+        self._holder = WatchedProcess(["unshare", "--net", "sleep", "600"])
+        wait_until(lambda: os.readlink(f"/proc/{self._holder.pid}/ns/net") !=
+                   os.readlink("/proc/self/ns/net"), "its name space")
+        for line in (f"ip link add near type veth peer name far netns {self._holder.pid}",
+                     "ip addr add 192.0.2.1/24 dev near", "ip link set near up"):
+            run_command(line)
+        self.run(f"ip addr add {self.address}/24 dev far")
+        self.run("ip link set far up")
+
+    def run(self, line):
+        run_command(f"nsenter --net --target {self._holder.pid} {line}")
+
+    def socket(self, make):
+        """What make, called with the machine's address, makes there."""
+        made = []
+
+        def enter_and_make():
+            namespaces.enter(self._holder.pid, namespaces.NETWORK)
+            made.append(make(self.address))
+
+        maker = threading.Thread(target=enter_and_make)  # which alone is there
+        maker.start()
+        maker.join()
+        return made[0]
+
+    def close(self):
+        self._holder.kill()
+
+
 class BackgroundCase(E2eCase):
+    def far_machine(self):
+        far = FarMachine()
+        self.addCleanup(far.close)
+        return far
+
     def sum_of(self, probe, frames):
         found = Sum(probe.lines)
         found.check(self)
