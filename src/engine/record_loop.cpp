@@ -11,6 +11,7 @@
 #include "base/clock.h"
 #include "base/heartbeat.h"
 #include "base/log.h"
+#include "base/outlet.h"
 #include "base/packet_clock.h"
 #include "base/wire.h"
 #include "engine/accounts.h"
@@ -163,6 +164,13 @@ std::vector<temporal_storage*> rings_of(const run_configuration& configuration,
     return sw == nullptr || sw->next_lane == nullptr ? std::vector{storage} : final_rings(*sw);
 }
 
+// Nothing more is handed to the exports: what waits in outlets is sent or lost before it is summed
+// up.
+void close_accounts(const run_configuration& run) {
+    close_outlets();
+    say_sum(run);
+}
+
 [[noreturn]] void say_farewell(int status) {
     verbose_msg(-1, "QUIT signal processed. All data flushed. Exiting ...");
     std::exit(status);
@@ -213,14 +221,14 @@ int replay_record_loop(temporal_storage* storage, unsigned record_size,
         if (stamp.ended != nullptr) {
             flush_exports(self);
             say_totals(*stamp.ended, out);
-            say_sum(*configuration);
+            close_accounts(*configuration);
             say_farewell(stamp.ended->has_failed ? exit_input_failed : exit_ok);
         }
         flow_record& record = flow.in(slot);
         out.flows += 1;
         out.packets += record.packets;
         if (const int32_t rejection = deliver(self, &record); rejection != 0) {
-            say_sum(*configuration);
+            close_accounts(*configuration);
             return rejection;
         }
     }
@@ -242,12 +250,12 @@ int main_record_loop(temporal_storage* storage, unsigned record_size,
         if (slot == nullptr)
             (void)flush_when_idle(self);
         else if (const int32_t rejection = deliver(self, &flow.in(slot)); rejection != 0) {
-            say_sum(*configuration);
+            close_accounts(*configuration);
             return rejection;
         }
     } while (!is_stop_due(rings));
 
     flush_exports(self);
-    say_sum(*configuration);
+    close_accounts(*configuration);
     say_farewell(exit_ok);
 }

@@ -65,7 +65,11 @@ constexpr plugin_description description = {
     " source_id=id                 Exporter identification.\n"
     " template-file=filename       File with template parameters.\n"
     " template-refresh-time=time   Send templates to collector each 'time' seconds.\n"
-    " template-refresh-packets=num Send templates to collector each 'num' packets.",
+    " template-refresh-packets=num Send templates to collector each 'num' packets.\n"
+    " reconnect=background         Never wait for the collector: connect and send beside the "
+    "record loop.\n"
+    " queue=MiB                    What waits for the collector then (1 to 4096, default 16).\n"
+    " drain=seconds                How long it may be sent at the end (0 to 3600, default 10).",
     0, 0};
 
 struct transport {
@@ -74,6 +78,24 @@ struct transport {
     uint8_t protocol;
 };
 constexpr transport transports[] = {{"udp", 3, 17}, {"tcp", 3, 6}, {"sctp", 4, 132}};
+
+struct ipfix_exporter;
+
+// What the worker of an export in the background adds to the messages: the templates, in a message
+// of their own. Template records do not count, so it has the sequence number of the next message.
+class ipfix_conversation final : public conversation {
+  public:
+    explicit ipfix_conversation(const ipfix_exporter& exporter) : exporter_(exporter) {}
+
+    uint32_t greeting(uint8_t* message) override;
+    void note_sent(const outlet_message& message) override {
+        sequence_ = static_cast<uint32_t>(message.number) + message.records;
+    }
+
+  private:
+    const ipfix_exporter& exporter_;
+    uint32_t sequence_ = 0;  // after the message that was sent last
+};
 
 struct ipfix_exporter : template_exporter {
     char* transport_name = nullptr;
@@ -98,15 +120,24 @@ void count_message() {
         verbose_msg(4, "EXPORTER_SENT_PACKETS: %14lu", messages_sent);
 }
 
-void write_header(ipfix_exporter& self, uint64_t now_s, uint32_t length) {
+void write_header(const ipfix_exporter& self, uint8_t* message, uint64_t now_s, uint32_t length,
+                  uint32_t sequence) {
     const ipfix_header header = {
         .version_be = byte_swap(uint16_t{10}),
         .length_be = byte_swap(static_cast<uint16_t>(length)),
         .export_time_be = byte_swap(static_cast<uint32_t>(now_s)),
-        .sequence_be = byte_swap(self.sequence),
+        .sequence_be = byte_swap(sequence),
         .observation_domain_be = byte_swap(static_cast<uint32_t>(self.source_id)),
     };
-    store_native(self.packet, header);
+    store_native(message, header);
+}
+
+uint32_t ipfix_conversation::greeting(uint8_t* message) {
+    uint32_t length;
+    (void)write_greeting(exporter_, message + sizeof(ipfix_header), length);
+    length += sizeof(ipfix_header);
+    write_header(exporter_, message, timer_get_sec(), length, sequence_);
+    return length;
 }
 
 bool is_connected(const ipfix_exporter& self) {
@@ -159,6 +190,17 @@ bool send_message(const ipfix_exporter& self, uint32_t length) {
     return net_send(self.socket, self.packet + sent, left, MSG_NOSIGNAL) >= 0;
 }
 
+// The end of a message that was sent, or was not for this error.
+void note_message(ipfix_exporter& self, uint64_t now_s, uint32_t length, bool sent, int error) {
+    self.account.add_message(sent, length);
+    start_packet(self);
+    if (sent)
+        return;
+    reconnect(self, error);
+    // The collector of the new connection may know no template yet.
+    self.pending += restart_templates(self, now_s);
+}
+
 // What is pending are records and templates: a template set waits for the next record or flush,
 // whichever comes first. Only the first one waits for a record.
 uint32_t flush(ipfix_exporter& self) {
@@ -168,15 +210,13 @@ uint32_t flush(ipfix_exporter& self) {
         return 0;
     }
     const uint32_t length = close_packet(self);
-    write_header(self, now_s, length);
-    const bool sent = is_connected(self) && send_message(self, length);
-    const int error = errno;  // of the send, when it failed
-    self.account.add_message(sent, length);
-    start_packet(self);
-    if (!sent) {
-        reconnect(self, error);
-        // The collector of the new connection may know no template yet.
-        self.pending += restart_templates(self, now_s);
+    write_header(self, self.packet, now_s, length, self.sequence);
+    if (self.queue != nullptr) {
+        offer_message(self.queue, self.account, self.packet, length, self.sequence);
+        start_packet(self);
+    } else {
+        const bool sent = is_connected(self) && send_message(self, length);
+        note_message(self, now_s, length, sent, errno);  // of the send, when it failed
     }
     self.pending += refresh_templates(self, now_s);
     count_message();
@@ -217,7 +257,7 @@ void* exporter_ipfix_init(char* params, struct getter* getters) {
     if (self->transport_name)
         self->to.protocol = transport_protocol(self->transport_name);
     load_templates(*self, getters);
-    connect_collector(*self);
+    connect_collector(*self, description.name, *make_lifelong<ipfix_conversation>(*self));
     open_packet(*self);
     verbose_msg(0, "Export ipfix OK");
     return self;

@@ -1,7 +1,7 @@
 // The "netflow-v5" exporter: IPv4 flows as NetFlow version 5 packets of at most 30 records over
 // UDP. Fields come straight from the flow record; only the AS numbers come through getters. Record
-// loop thread only. It never reconnects and never resends: a packet that cannot be sent is lost,
-// and the sequence number tells the collector so.
+// loop thread only. It never reconnects, save in the background, and never resends: a packet that
+// cannot be sent is lost, and the sequence number tells the collector so.
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -11,6 +11,7 @@
 #include "base/log.h"
 #include "base/memory.h"
 #include "base/wire.h"
+#include "export/background.h"
 #include "export/header_clock.h"
 #include "export/net.h"
 #include "export/send_account.h"
@@ -30,7 +31,11 @@ constexpr plugin_description description = {
     " host=hostname (mandatory)\n"
     " port=port     (default = 3001)\n"
     " ip=ip         Protocol to connect with collector(4,6,46 or 64 - default is 46).\n"
-    " source_id=id  Exporter identification.",
+    " source_id=id  Exporter identification.\n"
+    " reconnect=background  Never wait for the collector: connect and send beside the record "
+    "loop.\n"
+    " queue=MiB     What waits for the collector then (1 to 4096, default 16).\n"
+    " drain=seconds How long it may be sent at the end (0 to 3600, default 10).",
     0, 0};
 
 constexpr uint32_t not_exported = 0xFFFFFFFF;
@@ -91,9 +96,11 @@ struct nf5_exporter {
     // Parameters
     collector to = {};
     int32_t source_id = 0;
+    background_settings background = {};
 
     int socket = -1;
-    getter src_as = {};  // copies: the table may still move
+    outlet* queue = nullptr;  // of an export in the background, which has no socket
+    getter src_as = {};       // copies: the table may still move
     getter dst_as = {};
     uint32_t flows = 0;          // written into packets since the start
     uint16_t last_sampling = 0;  // of the last flow written
@@ -135,6 +142,10 @@ uint32_t flush(nf5_exporter& self) {
     };
     const size_t size = sizeof(nf5_header) + self.count * sizeof(nf5_record);
     self.count = 0;
+    if (self.queue != nullptr) {
+        offer_message(self.queue, self.account, &self.packet, static_cast<uint32_t>(size), 0);
+        return 0;
+    }
     const ssize_t result = send(self.socket, &self.packet, size, 0);
     self.account.add_message(result >= 0, size);
     return static_cast<uint32_t>(result);
@@ -179,6 +190,18 @@ bool went_back(const header_time& before, const header_time& now, uint64_t now_n
     return before.uptime_ms > now.uptime_ms || now_ns < wrapped_ns;
 }
 
+void connect_collector(nf5_exporter& self) {
+    if (is_background(self.background)) {
+        // Packets need nothing before them, and have their numbers already.
+        self.queue = open_background(description.name, self.background, self.to,
+                                     *make_lifelong<conversation>(), self.account);
+        return;
+    }
+    self.socket = net_connect(self.to);
+    if (self.socket <= 0)
+        die(exit_config, "Can't connect to collector");
+}
+
 uint32_t export_flow(nf5_exporter& self, const flow_record& flow) {
     if (flow.l3protocol != 4) {
         self.account.add_refused(flow);
@@ -216,20 +239,22 @@ const struct plugin_description* exporter_nf5_desc(void) {
 
 void* exporter_nf5_init(char* params, struct getter* getters) {
     auto* self = make_lifelong<nf5_exporter>();
+    const auto background = self->background.rows();
     const config_setting settings[] = {
         {"source_id", &self->source_id, CONFIG_INTEGER},
         {"host", &self->to.host, CONFIG_STRING},
         {"port", &self->to.port, CONFIG_INTEGER},
         {"ip", &self->to.ip, CONFIG_INTEGER},
+        background[0],
+        background[1],
+        background[2],
         {nullptr, nullptr, 0},
     };
     if (config_set_values(params, settings) != 0)
         die(exit_config, "Parameters decoding problem");
     if (!self->to.host)
         die(exit_config, "Hostname parameter is mandatory for netflow v5 export");
-    self->socket = net_connect(self->to);
-    if (self->socket <= 0)
-        die(exit_config, "Can't connect to collector");
+    connect_collector(*self);
     self->src_as = as_getter(getters, "SRC_AS");
     self->dst_as = as_getter(getters, "DST_AS");
     verbose_msg(0, "Export v5 OK");

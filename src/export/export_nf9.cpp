@@ -1,7 +1,7 @@
 // The "netflow-v9" exporter: flows as NetFlow version 9 packets (RFC 3954) over UDP. Here stands
 // what differs from IPFIX: the packet header with its two clocks, a sequence number that counts
 // packets, the look at the clocks before each record, and a plain send. Record loop thread only. It
-// never reconnects: a packet that cannot be sent is lost.
+// never reconnects, save in the background: a packet that cannot be sent is lost.
 #include <sys/socket.h>
 
 #include <cstddef>
@@ -61,7 +61,11 @@ constexpr plugin_description description = {
     " source_id=id                 Exporter identification.\n"
     " template-file=filename       File with template parameters.\n"
     " template-refresh-time=time   Send templates to collector each 'time' seconds.\n"
-    " template-refresh-packets=num Send templates to collector each 'num' packets.",
+    " template-refresh-packets=num Send templates to collector each 'num' packets.\n"
+    " reconnect=background         Never wait for the collector: connect and send beside the "
+    "record loop.\n"
+    " queue=MiB                    What waits for the collector then (1 to 4096, default 16).\n"
+    " drain=seconds                How long it may be sent at the end (0 to 3600, default 10).",
     0, 0};
 
 // Far beyond any uptime: the message is meant for nobody but a reader of the counter.
@@ -75,6 +79,62 @@ struct nf9_exporter : template_exporter {
     clock_fault_report clock_faults{clock_report_margin_s};
 };
 
+// What the worker of an export in the background adds to the packets: the templates, in a packet of
+// their own. Such packets count, so the worker gives each packet its number when it is sent: that
+// of the record loop, which also counts those that were dropped, and the packets of templates
+// before.
+class nf9_conversation final : public conversation {
+  public:
+    explicit nf9_conversation(const nf9_exporter& exporter) : exporter_(exporter) {}
+
+    uint32_t greeting(uint8_t* packet) override;
+    void note_greeting() override { ++greetings_; }
+    void prepare(outlet_message& message) override {
+        store_native(static_cast<uint8_t*>(message.data) + offsetof(nf9_header, sequence_be),
+                     byte_swap(static_cast<uint32_t>(message.number) + greetings_));
+    }
+    void note_sent(const outlet_message& message) override {
+        next_ = static_cast<uint32_t>(message.number) + 1;
+    }
+
+  private:
+    const nf9_exporter& exporter_;
+    uint32_t next_ = 0;       // after the packet that was sent last
+    uint32_t greetings_ = 0;  // that have reached a collector, as far as can be told
+};
+
+void write_header(const nf9_exporter& self, uint8_t* packet, const header_time& time,
+                  uint16_t count, uint32_t sequence) {
+    const nf9_header header = {
+        .version_be = byte_swap(uint16_t{9}),
+        .count_be = byte_swap(count),
+        .sys_uptime_be = byte_swap(time.uptime_ms),
+        .unix_secs_be = byte_swap(time.secs),
+        .sequence_be = byte_swap(sequence),
+        .source_id_be = byte_swap(static_cast<uint32_t>(self.source_id)),
+    };
+    store_native(packet, header);
+}
+
+uint32_t nf9_conversation::greeting(uint8_t* packet) {
+    uint32_t length;
+    const uint32_t count = write_greeting(exporter_, packet + sizeof(nf9_header), length);
+    write_header(exporter_, packet, header_time_at(timer_get_nsec()), static_cast<uint16_t>(count),
+                 next_ + greetings_);
+    return length + sizeof(nf9_header);
+}
+
+// Returns whether the packet has left, or waits to leave.
+bool send_packet(nf9_exporter& self, uint32_t length) {
+    if (self.queue != nullptr) {
+        offer_message(self.queue, self.account, self.packet, length, self.sequence);
+        return true;
+    }
+    const bool sent = send(self.socket, self.packet, length, 0) >= 0;
+    self.account.add_message(sent, length);
+    return sent;
+}
+
 // Only records are pending here: a template set waits for the next record.
 uint32_t flush(nf9_exporter& self) {
     const uint64_t now_s = timer_get_sec();
@@ -84,17 +144,8 @@ uint32_t flush(nf9_exporter& self) {
     }
     const uint32_t length = close_packet(self);
     self.last_count = static_cast<uint16_t>(self.cursor.count);
-    const nf9_header header = {
-        .version_be = byte_swap(uint16_t{9}),
-        .count_be = byte_swap(self.last_count),
-        .sys_uptime_be = byte_swap(self.time.uptime_ms),
-        .unix_secs_be = byte_swap(self.time.secs),
-        .sequence_be = byte_swap(self.sequence),
-        .source_id_be = byte_swap(static_cast<uint32_t>(self.source_id)),
-    };
-    store_native(self.packet, header);
-    const bool sent = send(self.socket, self.packet, length, 0) >= 0;
-    self.account.add_message(sent, length);
+    write_header(self, self.packet, self.time, self.last_count, self.sequence);
+    const bool sent = send_packet(self, length);
     if (sent)
         ++self.sequence;
     start_packet(self);
@@ -149,7 +200,7 @@ void* exporter_nf9_init(char* params, struct getter* getters) {
     auto* self = make_lifelong<nf9_exporter>(template_exporter{.protocol = &netflow_v9_protocol});
     read_parameters(*self, params, {});
     load_templates(*self, getters);
-    connect_collector(*self);
+    connect_collector(*self, description.name, *make_lifelong<nf9_conversation>(*self));
     open_packet(*self);
     verbose_msg(0, "Export v9 OK");
     return self;

@@ -4,72 +4,21 @@
 #include "export/net.h"
 
 #include <fcntl.h>
-#include <netdb.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
-#include <memory>
 
 #include "base/clock.h"
 #include "base/heartbeat.h"
 #include "base/log.h"
 #include "base/stop.h"
-#include "base/wire.h"
+#include "export/collector_socket.h"
 #include "kestrelexp/builtin.h"
 
 namespace kestrel {
 namespace {
-
-struct free_addresses {
-    void operator()(addrinfo* list) const { freeaddrinfo(list); }
-};
-
-union socket_address {
-    sockaddr any;
-    sockaddr_in ipv4;
-    sockaddr_in6 ipv6;
-};
-
-// The first address of the family. Flow information and scope stay 0.
-bool resolve(const char* host, uint16_t port, int family, socket_address* address) {
-    addrinfo wanted = {};
-    wanted.ai_family = family;
-    wanted.ai_socktype = SOCK_STREAM;  // one entry for each address; the type itself is not used
-    addrinfo* list = nullptr;
-    if (getaddrinfo(host, nullptr, &wanted, &list) != 0)
-        return false;
-    const std::unique_ptr<addrinfo, free_addresses> owner(list);
-    *address = {};
-    address->any.sa_family = static_cast<sa_family_t>(family);
-    if (family == AF_INET) {
-        address->ipv4.sin_addr = reinterpret_cast<const sockaddr_in*>(list->ai_addr)->sin_addr;
-        address->ipv4.sin_port = byte_swap(port);
-    } else {
-        address->ipv6.sin6_addr = reinterpret_cast<const sockaddr_in6*>(list->ai_addr)->sin6_addr;
-        address->ipv6.sin6_port = byte_swap(port);
-    }
-    return true;
-}
-
-// A socket above descriptor 0, which whoever calls this may have closed: 0 means failure here.
-int open_socket(int family, uint8_t protocol) {
-    const int type = protocol == IPPROTO_UDP ? SOCK_DGRAM : SOCK_STREAM;
-    int descriptor = socket(family, type | SOCK_CLOEXEC | SOCK_NONBLOCK, protocol);
-    if (descriptor == 0) {
-        descriptor = fcntl(0, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-        (void)close(0);
-    }
-    if (descriptor > 0 && protocol == IPPROTO_TCP) {
-        const int on = 1;
-        (void)setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);  // only a wish
-    }
-    return descriptor;
-}
 
 // Waits for a connect under way as long as the system tries. When the program is to stop, a
 // collector that is there has answered within a second.
@@ -105,8 +54,7 @@ int connect_family(const char* host, uint16_t port, uint8_t protocol, int family
     const int descriptor = open_socket(family, protocol);
     if (descriptor < 0)
         return descriptor;
-    const socklen_t size = family == AF_INET ? sizeof address.ipv4 : sizeof address.ipv6;
-    if (connect_socket(descriptor, address.any, size))
+    if (connect_socket(descriptor, address.any, address.size()))
         return descriptor;
     (void)close(descriptor);  // nothing was sent that could be lost
     return 0;

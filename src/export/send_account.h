@@ -64,6 +64,21 @@ class send_account {
         was_sent_ = true;
     }
 
+    // For an export whose messages an outlet sends and counts (see collector_connection.h):
+    struct contents {
+        uint32_t records;
+        uint64_t packets;
+    };
+    // What has waited for the message, which takes it away.
+    contents take_pending() {
+        return {static_cast<uint32_t>(std::exchange(pending_records_, 0)),
+                std::exchange(pending_packets_, 0)};
+    }
+    // By the outlet's worker, from its start on, so that these numbers have one writer.
+    void set_up(bool is_up) const { block_.set(send_metric::is_up, is_up ? 1 : 0); }
+    void count_reconnect() const { block_.add(send_metric::reconnects); }
+    void note_success() const { block_.set(send_metric::last_success_s, system_wall_s()); }
+
   private:
     counter_block<send_metric> block_;
     uint64_t pending_records_ = 0;

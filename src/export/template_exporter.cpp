@@ -93,6 +93,8 @@ void read_parameters(template_exporter& self, char* params,
         {self.protocol->file_key, &self.template_file, CONFIG_STRING},
     };
     settings.insert(settings.end(), more);
+    for (const config_setting& row : self.background.rows())
+        settings.push_back(row);
     settings.push_back({nullptr, nullptr, 0});
     if (config_set_values(params, settings.data()) != 0)
         die(exit_config, "Parameters decoding problem");
@@ -134,7 +136,11 @@ void load_templates(template_exporter& self, getter* getters) {
             self.templates_length, self.templates->largest_record);
 }
 
-void connect_collector(template_exporter& self) {
+void connect_collector(template_exporter& self, const char* name, conversation& protocol) {
+    if (is_background(self.background)) {
+        self.queue = open_background(name, self.background, self.to, protocol, self.account);
+        return;
+    }
     self.socket = net_connect(self.to);
     if (self.socket <= 0)
         die(exit_config, "Can't connect to collector");
@@ -142,7 +148,15 @@ void connect_collector(template_exporter& self) {
 
 void open_packet(template_exporter& self) {
     self.cursor.buffer = self.packet + self.protocol->header_length;
-    (void)write_templates(self, timer_get_sec());  // an empty packet has room for them
+    if (self.queue == nullptr)
+        (void)write_templates(self, timer_get_sec());  // an empty packet has room for them
+}
+
+uint32_t write_greeting(const template_exporter& self, uint8_t* sets, uint32_t& length) {
+    template_cursor cursor = {sets, 0, 0};
+    const uint32_t count = exporter_template_fill_packet_templates(self.templates, &cursor);
+    length = cursor.offset;
+    return count;
 }
 
 uint32_t close_packet(template_exporter& self) {

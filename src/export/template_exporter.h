@@ -7,6 +7,7 @@
 #include <initializer_list>
 #include <span>
 
+#include "export/background.h"
 #include "export/net.h"
 #include "export/send_account.h"
 #include "kestrelexp/service.h"
@@ -43,10 +44,12 @@ struct template_exporter {
     int32_t refresh_time_s = 600;
     int32_t refresh_packets = 2048;
     char* template_file = nullptr;
+    background_settings background = {};
 
     send_account account{"reason=\"no_template\""};
     counter_block<template_metric> template_counter = count_templates();
     int socket = -1;
+    outlet* queue = nullptr;  // of an export in the background, which has no socket
     template_collection* templates = nullptr;
     uint32_t templates_length = 0;  // bytes of a template set
     uint64_t last_templates_s = 0;  // when a template set was written last
@@ -62,8 +65,14 @@ struct template_exporter {
 void read_parameters(template_exporter& self, char* params,
                      std::initializer_list<config_setting> more);
 void load_templates(template_exporter& self, getter* getters);
-void connect_collector(template_exporter& self);
-void open_packet(template_exporter& self);  // the first carries all templates
+// Or opens an outlet, whose worker follows the protocol; name: the export's.
+void connect_collector(template_exporter& self, const char* name, conversation& protocol);
+// The first carries all templates. In the background the greeting does.
+void open_packet(template_exporter& self);
+
+// Writes a template set where it may take TEMPLATE_SETS_SIZE bytes, and its length; returns the
+// number of templates. Reads the collection alone, so that a worker may do it.
+uint32_t write_greeting(const template_exporter& self, uint8_t* sets, uint32_t& length);
 
 // The definitions that serve when there is no template file: IPv4 and IPv6 flows, each with
 // addresses only, with ports, with ports and TCP flags, with the ICMP type. As convert_config's.

@@ -173,7 +173,8 @@ TEST_F(TemplateExporter, FilesWithoutTemplatesEndTheProgram) {
 
 TEST_F(TemplateExporter, NoConnectionEndsTheProgram) {
     read("host=127.0.0.1,ip=5");
-    EXPECT_EXIT(connect_collector(self_), testing::ExitedWithCode(255),
+    conversation silent;
+    EXPECT_EXIT(connect_collector(self_, "tested", silent), testing::ExitedWithCode(255),
                 "^Can't connect to collector\n$");
 }
 

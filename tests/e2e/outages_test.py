@@ -7,9 +7,9 @@ from collections import Counter
 from testbed.accounts import HANDED, LOST, SENT, UNREAD, Sum
 from testbed.case import E2eCase
 from testbed.returning_collector import ReturningCollector
-from testbed.flow_sets import Message, Reader, split_stream
+from testbed.flow_sets import Reader, split_stream
 from testbed.frames import UDP, ethernet, ipv4, udp
-from testbed.netflow_v5 import decode
+from testbed.netflow_v5 import V5Reader
 from testbed.network import PROBED, received_frames
 from testbed.probe import ipfix, netflow_v5, netflow_v9
 from testbed.process import wait_until
@@ -30,15 +30,6 @@ LARGE = ("-q", "16", "-t", "600:1")
 def flows_of_one_packet(block, count):
     """Frames of as many flows; flows of different blocks differ."""
     return [ethernet(ipv4(udp(1 + n, 53), f"10.1.0.{block}", "10.2.0.1")) for n in range(count)]
-
-
-class V5Reader:
-    """Reads NetFlow v5 as flow_sets.Reader does the others."""
-
-    def read(self, datagram):
-        header, records = decode(datagram)
-        packets = sum(record.flow.packets for record in records)
-        return Message(5, 0, header.sequence, len(records), packets)
 
 
 def packets_of(datagrams, reader):

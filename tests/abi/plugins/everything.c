@@ -36,6 +36,7 @@ void* plugin_export_init(char* params, struct getter* getters) {
     check_rules();
     check_addresses();
     check_metrics();
+    check_outlets();
     verbose_msg(-1, "everything: %i failures", failures);
     return NULL;
 }

@@ -19,6 +19,7 @@ void check_plugins(void);
 void check_rules(void);
 void check_addresses(void);
 void check_metrics(void);
+void check_outlets(void);
 
 struct getter;
 void check_templates(struct getter* getters);

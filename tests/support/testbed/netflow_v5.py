@@ -8,6 +8,7 @@ from collections import Counter
 from dataclasses import dataclass
 
 from testbed.flow_model import Flow
+from testbed.flow_sets import Message
 from testbed.network import udp_receiver
 from testbed.process import SLOWNESS
 
@@ -133,3 +134,12 @@ def _decode_record(fields):
 def _require(condition, message):
     if not condition:
         raise Malformed(message)
+
+
+class V5Reader:
+    """Reads NetFlow v5 as flow_sets.Reader does the others."""
+
+    def read(self, datagram):
+        header, records = decode(datagram)
+        packets = sum(record.flow.packets for record in records)
+        return Message(5, 0, header.sequence, len(records), packets)

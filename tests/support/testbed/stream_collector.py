@@ -58,6 +58,12 @@ class StreamCollector:
     def read_on(self):
         self._is_reading.set()
 
+    def take_what_is_there(self):
+        """Takes what its system has for a stalled collector, down to the last byte."""
+        with self._lock:
+            part = self._peer.recv(1 << 24, socket.MSG_DONTWAIT)
+            self.connections[-1].stream += part
+
     def die(self, after_bytes=0):
         """Goes away as a killed process does: nobody listens, what it has not read is gone. Before
         that a stalled one takes so many bytes more."""
@@ -111,7 +117,10 @@ class StreamCollector:
             self._peer, _ = self._listener.accept()
             self.connections.append(Connection())
             return
-        part = self._peer.recv(1 << 16)
+        try:
+            part = self._peer.recv(1 << 16)
+        except ConnectionResetError:
+            part = b""
         if part:
             self.connections[-1].stream += part
         else:
