@@ -20,6 +20,10 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parents[1]
 EXTRAS = "/usr/lib/kestrelexp"  # where they are installed
 KINDS = ("INPUT", "PROCESS", "FILTER", "EXPORT")
+# Parameters that are told by the manual and not by the plugins' own texts, which have been what they
+# are for a long time.
+BACKGROUND = ["reconnect", "queue", "drain"]
+UNLISTED = {"netflow-v5": BACKGROUND, "netflow-v9": BACKGROUND, "ipfix": BACKGROUND}
 # Keys that the descriptions spell in another way than the plugin reads them.
 READ_AS = {("ipfix", "template-file"): "template_file"}
 
@@ -42,7 +46,8 @@ class Plugin:
     def keys(self):
         """Its settings, where they are "key=value" items."""
         found = (re.match(r" ([a-z_-]+)=", line) for line in self.text)
-        return [READ_AS.get((self.name, match[1]), match[1]) for match in found if match]
+        return [READ_AS.get((self.name, match[1]), match[1]) for match in found if match
+                ] + UNLISTED.get(self.name, [])
 
 
 @dataclass(frozen=True)

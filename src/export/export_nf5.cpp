@@ -31,11 +31,7 @@ constexpr plugin_description description = {
     " host=hostname (mandatory)\n"
     " port=port     (default = 3001)\n"
     " ip=ip         Protocol to connect with collector(4,6,46 or 64 - default is 46).\n"
-    " source_id=id  Exporter identification.\n"
-    " reconnect=background  Never wait for the collector: connect and send beside the record "
-    "loop.\n"
-    " queue=MiB     What waits for the collector then (1 to 4096, default 16).\n"
-    " drain=seconds How long it may be sent at the end (0 to 3600, default 10).",
+    " source_id=id  Exporter identification.",
     0, 0};
 
 constexpr uint32_t not_exported = 0xFFFFFFFF;

@@ -61,11 +61,7 @@ constexpr plugin_description description = {
     " source_id=id                 Exporter identification.\n"
     " template-file=filename       File with template parameters.\n"
     " template-refresh-time=time   Send templates to collector each 'time' seconds.\n"
-    " template-refresh-packets=num Send templates to collector each 'num' packets.\n"
-    " reconnect=background         Never wait for the collector: connect and send beside the "
-    "record loop.\n"
-    " queue=MiB                    What waits for the collector then (1 to 4096, default 16).\n"
-    " drain=seconds                How long it may be sent at the end (0 to 3600, default 10).",
+    " template-refresh-packets=num Send templates to collector each 'num' packets.",
     0, 0};
 
 // Far beyond any uptime: the message is meant for nobody but a reader of the counter.

@@ -143,7 +143,7 @@ std::vector<std::string> lines_of_replay(const seed_row& row, kestrel::replay_to
                                                    static_cast<int32_t>(row.inactive_s), finals,
                                                    nullptr, 0, row.with_plugin, &silent);
     static input_plugin input = make_input();
-    flow_switch* sw = replay_switch_init(queue, FLOW_MASK_DEFAULT, 0, &input);
+    flow_switch* sw = kestrel::replay_switch_init(queue, FLOW_MASK_DEFAULT, 0, &input);
     sw->clock = get_clock;
     kestrel::start_thread(kestrel::replay_loop, sw);
 
