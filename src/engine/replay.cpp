@@ -80,20 +80,32 @@ unsigned read_frames(replay& r, unsigned limit) {
     return r.frames[0].data != nullptr ? 1 : 0;
 }
 
-// Parses the frame into the next record of the batch.
-inline void take_packet(replay& r, const input_frame& frame) {
-    // The clock never runs backwards: a packet that is not in order is as late as it was live.
-    r.read = std::max(r.read, frame.header.timestamp);
-    flow_record& record = record_of(r, r.count);
-    prepare_slot(record);
-    const flow_key key = take_frame(r.sw.counters, frame.data, frame.header, r.sw.sampling, record);
-    if (!occupied(key)) [[unlikely]] {
-        r.totals->no_flow += 1;
-        return;
+// Parses the frames into the next records of the batch.
+void parse_frames(replay& r, unsigned given) {
+    uint64_t bytes = 0;
+    uint64_t read = r.read;
+    unsigned count = r.count;
+    for (unsigned n = 0; n < given; ++n) {
+        const input_frame& frame = r.frames[n];
+        bytes += frame.header.wire_length;
+        // The clock never runs backwards: a packet out of order is as late as it was live.
+        read = std::max(read, frame.header.timestamp);
+        flow_record& record = record_of(r, count);
+        prepare_slot(record);
+        const flow_key key = parse_packet(frame.data, frame.header, r.sw.sampling, record);
+        if (!occupied(key)) [[unlikely]] {
+            r.sw.counters.add_discarded(key);
+            r.totals->no_flow += 1;
+            continue;
+        }
+        queue_prefetch_bucket(r.queue, key);
+        r.times[count] = read;
+        r.keys[count++] = key;
     }
-    queue_prefetch_bucket(r.queue, key);
-    r.times[r.count] = r.read;
-    r.keys[r.count++] = key;
+    r.sw.counters.add_frames(given, bytes);
+    r.totals->frames += given;
+    r.read = read;
+    r.count = count;
 }
 
 void read_batch(replay& r) {
@@ -102,9 +114,7 @@ void read_batch(replay& r) {
         const unsigned given = read_frames(r, r.batch_limit - r.count);
         if (given == 0) [[unlikely]]
             return note_pause(r);
-        r.totals->frames += given;
-        for (unsigned n = 0; n < given; ++n)
-            take_packet(r, r.frames[n]);
+        parse_frames(r, given);
     }
 }
 
