@@ -47,8 +47,8 @@ struct replay {
     unsigned count;  // packets in the batch
     uint8_t* records;
     flow_key keys[batch_packets];
-    uint64_t times[batch_packets];  // the clock at each packet
-    input_frame frames[batch_packets];
+    uint64_t times[batch_packets];      // the clock at each packet
+    input_frame frames[batch_packets];  // zero when the input is asked
 };
 
 // How far the input has come (ns); once it is initialised, the time of its first packet.
@@ -72,7 +72,6 @@ void note_pause(replay& r) {
 // Frames from the input, up to the limit; they are valid until the next call. How many: 0 is a
 // pause. One that gives single packets gives batches of one.
 unsigned read_frames(replay& r, unsigned limit) {
-    std::memset(r.frames, 0, limit * sizeof *r.frames);
     if (r.sw.get_batch != nullptr)
         return std::min(r.sw.get_batch(r.sw.instance, 0, r.frames, limit), limit);
     const auto& reader = *static_cast<const packet_reader*>(r.sw.context);
@@ -80,7 +79,7 @@ unsigned read_frames(replay& r, unsigned limit) {
     return r.frames[0].data != nullptr ? 1 : 0;
 }
 
-// Parses the frames into the next records of the batch.
+// Parses the frames into the next records of the batch, and clears them.
 void parse_frames(replay& r, unsigned given) {
     uint64_t bytes = 0;
     uint64_t read = r.read;
@@ -102,6 +101,7 @@ void parse_frames(replay& r, unsigned given) {
         r.times[count] = read;
         r.keys[count++] = key;
     }
+    std::memset(r.frames, 0, given * sizeof *r.frames);
     r.sw.counters.add_frames(given, bytes);
     r.totals->frames += given;
     r.read = read;
@@ -112,8 +112,10 @@ void read_batch(replay& r) {
     r.count = 0;
     while (r.count < r.batch_limit) {
         const unsigned given = read_frames(r, r.batch_limit - r.count);
-        if (given == 0) [[unlikely]]
+        if (given == 0) [[unlikely]] {
+            std::memset(r.frames, 0, sizeof r.frames);  // whatever was begun
             return note_pause(r);
+        }
         parse_frames(r, given);
     }
 }
