@@ -3,8 +3,8 @@
 
 The files are made by bench_make_capture, 60-byte frames of TCP and UDP flows in a random order
 that repeats: few flows, many flows, a mix with IPv6 and VLAN tags. Programs take turns (A B C, A B
-C, ...): the floor (bench_floor: a walk over the mapped file with our parser and one look-up), a bare
-libpcap loop, kestrelexp, softflowd, nfpcapd. The files are in the page cache.
+C, ...): the floor (bench_floor: a walk over the mapped file with our parser and one look-up), a
+bare libpcap loop, kestrelexp, softflowd, nfpcapd. The files are in the page cache.
 
 What is counted: user + system time of all threads of the program from its fork to its end, divided
 by the packets of the file; start-up, the export of every flow at the end and what the kernel does

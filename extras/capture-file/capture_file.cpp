@@ -145,15 +145,21 @@ inline bool take_frame(input& self, captured_frame& frame) {
     return true;
 }
 
-// Most frames go by this alone: their first type is no tag.
-inline bool may_have_tags(const uint8_t* frame, uint32_t captured) {
-    constexpr uint32_t type_at = 12;
-    if (captured < type_at + sizeof(uint16_t))
-        return false;
+// Whether the type at this place of the frame is that of IPv4 or IPv6, so that no tag follows.
+inline bool is_ip_at(const uint8_t* frame, uint32_t at) {
     uint16_t type;
-    std::memcpy(&type, frame + type_at, sizeof type);
-    // In network order: IPv4 and IPv6.
-    return type != __builtin_bswap16(0x0800) && type != __builtin_bswap16(0x86DD);
+    std::memcpy(&type, frame + at, sizeof type);
+    return type == __builtin_bswap16(0x0800) || type == __builtin_bswap16(0x86DD);
+}
+
+// Most frames go by this alone: IP comes first, or after one plain tag.
+inline bool may_have_service_tags(const uint8_t* frame, uint32_t captured) {
+    constexpr uint32_t type_at = 12;
+    constexpr uint32_t tag_size = 4;
+    if (captured < type_at + tag_size + sizeof(uint16_t))
+        return true;
+    const bool is_tagged = frame[type_at] == 0x81 && frame[type_at + 1] == 0x00;
+    return !is_ip_at(frame, is_tagged ? type_at + tag_size : type_at);
 }
 
 // One whose tags the parser would not know; it may lie in the buffer already.
@@ -176,7 +182,7 @@ inline bool fill_in(input& self, const captured_frame& captured, input_frame& fr
     if (self.format) [[unlikely]]
         frame.data = link_to_ethernet(self.format, captured.data, &header, self.changed_frame,
                                       self.changed_room);
-    if (may_have_tags(frame.data, header.captured_length) &&
+    if (may_have_service_tags(frame.data, header.captured_length) &&
         link_has_service_tags(frame.data, header.captured_length)) [[unlikely]]
         frame.data = retagged_frame(self, frame.data, header);
     return self.reader.is_walking && frame.data != self.changed_frame;
