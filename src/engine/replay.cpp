@@ -12,12 +12,13 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <span>
 
 #include "base/clock.h"
+#include "base/log.h"
 #include "base/memory.h"
 #include "base/packet_clock.h"
 #include "base/wire.h"
-#include "engine/lanes.h"
 #include "flow/ageing.h"
 #include "flow/flow_cache_update.h"
 #include "flow/flush_request.h"
@@ -81,12 +82,11 @@ unsigned read_frames(replay& r, unsigned limit) {
 
 // Parses the frames into the next records of the batch, and clears them.
 void parse_frames(replay& r, unsigned given) {
-    uint64_t bytes = 0;
+    r.sw.counters.add_frames(std::span(r.frames, given));
     uint64_t read = r.read;
     unsigned count = r.count;
     for (unsigned n = 0; n < given; ++n) {
         const input_frame& frame = r.frames[n];
-        bytes += frame.header.wire_length;
         // The clock never runs backwards: a packet out of order is as late as it was live.
         read = std::max(read, frame.header.timestamp);
         flow_record& record = record_of(r, count);
@@ -102,7 +102,6 @@ void parse_frames(replay& r, unsigned given) {
         r.keys[count++] = key;
     }
     std::memset(r.frames, 0, given * sizeof *r.frames);
-    r.sw.counters.add_frames(given, bytes);
     r.totals->frames += given;
     r.read = read;
     r.count = count;
@@ -220,11 +219,19 @@ flow_queue* replay_queue_init(int32_t size_exponent, int32_t active_s, int32_t i
 
 flow_switch* replay_switch_init(flow_queue* queue, uint32_t flow_mask, int needs_packets,
                                 input_plugin* input) {
-    if (input->get_packet == nullptr)
-        return lanes_switch_init(queue, flow_mask, needs_packets, input);
-    flow_switch* const sw = sw_init(queue, flow_mask, needs_packets, input);
-    if (sw != nullptr)
-        sw->sampling = static_cast<const packet_reader*>(sw->context)->sampling;
+    if (input->get_packet != nullptr) {
+        flow_switch* const sw = sw_init(queue, flow_mask, needs_packets, input);
+        if (sw != nullptr)
+            sw->sampling = static_cast<const packet_reader*>(sw->context)->sampling;
+        return sw;
+    }
+    parser_set_flow_mask(flow_mask);
+    verbose_msg(3, "trying to init batch plugin");
+    if (!switch_init_input(needs_packets != 0, *input))
+        return nullptr;
+    auto* const sw = make_lifelong<flow_switch>();
+    switch_connect(*sw, queue, *input, 0);
+    sw->sampling = input->sampling(input->instance);
     return sw;
 }
 

@@ -56,11 +56,9 @@ class input_counters {
     // The input will be asked for what it did not deliver.
     void expect_counts(const char* labels);
 
-    void add_frame(const packet_header& header) const { add_frames(1, header.wire_length); }
-    // Several at once; bytes: on the wire.
-    void add_frames(uint64_t count, uint64_t bytes) const {
-        capture_.add(capture_metric::packets, count);
-        capture_.add(capture_metric::bytes, bytes);
+    void add_frame(const packet_header& header) const {
+        capture_.add(capture_metric::packets);
+        capture_.add(capture_metric::bytes, header.wire_length);
     }
     void add_frames(std::span<const input_frame> frames) const {
         uint64_t bytes = 0;
