@@ -32,7 +32,6 @@ namespace {
 std::atomic<bool> is_stop_wanted = false;
 
 constexpr unsigned batch_packets = 64;
-constexpr unsigned slot_distance = 12;  // packets ahead
 
 struct replay {
     flow_switch& sw;
@@ -48,6 +47,7 @@ struct replay {
     unsigned count;  // packets in the batch
     uint8_t* records;
     flow_key keys[batch_packets];
+    uint32_t slots[batch_packets];      // where the flows may be
     uint64_t times[batch_packets];      // the clock at each packet
     input_frame frames[batch_packets];  // zero when the input is asked
 };
@@ -166,19 +166,15 @@ void update_showing_frame(replay& r) {
     }
 }
 
+// All slots are fetched ahead before the first is changed.
 void update_batch(replay& r) {
     if (r.queue.plugin_count != 0)
         return update_showing_frame(r);
-    const auto fetch_slot = [&r](unsigned n) {
-        if (n < r.count)
-            (void)queue_prefetch_slot(r.queue, r.keys[n]);
-    };
-    for (unsigned n = 0; n < slot_distance; ++n)
-        fetch_slot(n);
+    for (unsigned n = 0; n < r.count; ++n)
+        r.slots[n] = queue_prefetch_slot(r.queue, r.keys[n]);
     for (unsigned n = 0; n < r.count; ++n) {
-        fetch_slot(n + slot_distance);
         advance_clock(r, r.times[n]);
-        queue_update_locked(r.queue, record_of(r, n), r.keys[n]);
+        queue_update_locked(r.queue, record_of(r, n), r.keys[n], r.slots[n]);
     }
 }
 
@@ -268,6 +264,7 @@ void* replay_loop(void* argument) {
         .count = 0,
         .records = static_cast<uint8_t*>(malloc_wrapper(batch_packets * queue.stride, 1)),
         .keys = {},
+        .slots = {},
         .times = {},
         .frames = {},
     });
