@@ -3,7 +3,8 @@
 
 The files are made by bench_make_capture, 60-byte frames of TCP and UDP flows in a random order
 that repeats: few flows, many flows, a mix with IPv6 and VLAN tags. Programs take turns (A B C, A B
-C, ...): a bare libpcap loop, kestrelexp, softflowd, nfpcapd. The files are in the page cache.
+C, ...): the floor (bench_floor: a walk over the mapped file with our parser and one look-up), a
+bare libpcap loop, kestrelexp, softflowd, nfpcapd. The files are in the page cache.
 
 What is counted: user + system time of all threads of the program from its fork to its end, divided
 by the packets of the file; start-up, the export of every flow at the end and what the kernel does
@@ -33,6 +34,7 @@ from dataclasses import dataclass
 
 TOTALS = re.compile(r"Input ended: (\d+) packets read, (\d+) in (\d+) flows, (\d+) no flow")
 FEW_FLOWS = 64
+FLOOR = "floor"
 
 
 @dataclass
@@ -110,6 +112,7 @@ class Bench:
         softflowd = ["softflowd", "-d", "-r", path, "-c", "none", "-6", "-m", str(2 * work.flows),
                      "-p", f"{self.scratch}/softflowd.pid"]
         found = [
+            (FLOOR, [f"{self.options.build}/bench/bench_floor", "-r", path]),
             ("bare loop", [f"{self.options.build}/bench/bench_bare_pcap", "-r", path]),
             ("kestrelexp null", self.kestrelexp(path, work.queue, "null:")),
             ("kestrelexp v5", self.kestrelexp(path, work.queue, self.netflow_v5())),
@@ -147,16 +150,17 @@ class Bench:
                 runs[name].append(self.measure(name, command))
         print(f"\n{work.title}, -q {work.queue}, {self.options.rounds} rounds; "
               "median us of CPU per packet (lowest to highest)")
-        print(f"{'program':<16} {'CPU':>8} {'':<17} {'x kestrelexp null':>17} {'MiB':>6} "
-              f"{'flows out':>10}")
-        base = statistics.median(run.cpu_us for run in runs["kestrelexp null"])
+        print(f"{'program':<16} {'CPU':>8} {'':<17} {'x floor':>8} {'x kestrelexp null':>17} "
+              f"{'MiB':>6} {'flows out':>10}")
+        floor, base = (statistics.median(run.cpu_us for run in runs[name]) / work.packets
+                       for name in (FLOOR, "kestrelexp null"))
         for name, rows in runs.items():
             times = sorted(run.cpu_us / work.packets for run in rows)
             median = statistics.median(times)
             flows = "-" if rows[0].flows is None else f"{rows[0].flows:,}"
             print(f"{name:<16} {median:8.3f} ({times[0]:.3f} to {times[-1]:.3f}) "
-                  f"{median * work.packets / base:17.2f} {max(run.memory for run in rows):6.0f} "
-                  f"{flows:>10}", flush=True)
+                  f"{median / floor:8.2f} {median / base:17.2f} "
+                  f"{max(run.memory for run in rows):6.0f} {flows:>10}", flush=True)
 
     def split(self, work):
         files = [self.make("empty", 1, 1, "other"),

@@ -42,8 +42,8 @@ struct input {
     const link_format* format;  // null: Ethernet frames, handed on where the reader has them
     uint8_t* changed_frame;     // room for one that was translated, or whose tags were
     uint32_t changed_room;      // bytes
-    captured_frame captured;    // the frame read last
-    bool is_ahead;              // it was read by init and has not been delivered
+    captured_frame first;       // read by init
+    bool is_ahead;              // it has not been delivered
     bool has_ended;             // no frame follows
     uint64_t clock;             // ns, the latest time seen
 };
@@ -103,59 +103,63 @@ int64_t seconds_of(const pcap_pkthdr& captured) {
 uint64_t time_of(const pcap_pkthdr& captured) {
     const auto seconds = std::clamp<int64_t>(seconds_of(captured), 0, last_second);
     // The precision asked for puts nanoseconds into the microseconds' place.
-    return static_cast<uint64_t>(seconds) * ns_per_second +
-           static_cast<uint64_t>(captured.ts.tv_usec) % ns_per_second;
+    auto fraction = static_cast<uint64_t>(captured.ts.tv_usec);
+    if (fraction >= ns_per_second) [[unlikely]]
+        fraction %= ns_per_second;
+    return static_cast<uint64_t>(seconds) * ns_per_second + fraction;
 }
 
-// Takes the next frame of the file into self; false when there is none, for now or for ever.
-inline bool read_frame(input& self) {
-    const reading result = reader_next(self.reader, self.captured);
+// Reads the next frame of the file; false when there is none, for now or for ever.
+inline bool read_frame(input& self, captured_frame& frame) {
+    const reading result = reader_next(self.reader, frame);
     if (result == reading::frame) [[likely]] {
-        self.clock = std::max(self.clock, time_of(self.captured.header));
+        self.clock = std::max(self.clock, time_of(frame.header));
         return true;
     }
     self.has_ended = result == reading::end;
     return false;
 }
 
-// Whether the frame in hand is to be delivered; counts it otherwise.
-inline bool is_sampled(input& self) {
+// Whether the frame is to be delivered; counts it otherwise.
+inline bool is_sampled(input& self, const captured_frame& frame) {
     if (self.sampling == 0) [[likely]]
         return true;
     if (--self.frames_to_skip > 0) {
         self.counts.sampled_out_packets += 1;
-        self.counts.sampled_out_bytes += self.captured.header.len;
+        self.counts.sampled_out_bytes += frame.header.len;
         return false;
     }
     self.frames_to_skip = self.sampling;
     return true;
 }
 
-// The next frame that is to be delivered comes into hand; false: as above.
-inline bool take_frame(input& self) {
+// The next frame that is to be delivered; false: as above.
+inline bool take_frame(input& self, captured_frame& frame) {
     do {
-        if (!self.is_ahead && (self.has_ended || !read_frame(self)))
+        if (self.is_ahead) [[unlikely]]
+            frame = self.first;
+        else if (self.has_ended || !read_frame(self, frame)) [[unlikely]]
             return false;
         self.is_ahead = false;
-    } while (!is_sampled(self));
+    } while (!is_sampled(self, frame));
     return true;
 }
 
-// Most frames go by this alone: their first type is no tag.
-inline bool may_have_tags(const uint8_t* frame, uint32_t captured) {
-    constexpr uint32_t type_at = 12;
-    if (captured < type_at + sizeof(uint16_t))
-        return false;
+// Whether the type at this place of the frame is that of IPv4 or IPv6, so that no tag follows.
+inline bool is_ip_at(const uint8_t* frame, uint32_t at) {
     uint16_t type;
-    std::memcpy(&type, frame + type_at, sizeof type);
-    // In network order: IPv4 and IPv6.
-    return type != __builtin_bswap16(0x0800) && type != __builtin_bswap16(0x86DD);
+    std::memcpy(&type, frame + at, sizeof type);
+    return type == __builtin_bswap16(0x0800) || type == __builtin_bswap16(0x86DD);
 }
 
-// The frame in hand as the parser knows frames, in a buffer of ours.
-const uint8_t* translated_frame(input& self, packet_header& header) {
-    return link_to_ethernet(self.format, self.captured.data, &header, self.changed_frame,
-                            self.changed_room);
+// Most frames go by this alone: IP comes first, or after one plain tag.
+inline bool may_have_service_tags(const uint8_t* frame, uint32_t captured) {
+    constexpr uint32_t type_at = 12;
+    constexpr uint32_t tag_size = 4;
+    if (captured < type_at + tag_size + sizeof(uint16_t))
+        return true;
+    const bool is_tagged = frame[type_at] == 0x81 && frame[type_at + 1] == 0x00;
+    return !is_ip_at(frame, is_tagged ? type_at + tag_size : type_at);
 }
 
 // One whose tags the parser would not know; it may lie in the buffer already.
@@ -167,23 +171,25 @@ const uint8_t* retagged_frame(input& self, const uint8_t* frame, packet_header& 
     return self.changed_frame;
 }
 
-// Fills in the frame in hand. Returns whether it stays valid while others follow: it lies neither
-// in the buffer nor in libpcap's.
-inline bool fill_in(input& self, input_frame& frame) {
-    const pcap_pkthdr& captured = self.captured.header;
+// Fills in the frame as the parser knows frames. Returns whether it stays valid while others
+// follow: it lies neither in our buffer nor in libpcap's.
+inline bool fill_in(input& self, const captured_frame& captured, input_frame& frame) {
     packet_header& header = frame.header;
-    header.timestamp = time_of(captured);
-    header.captured_length = captured.caplen;
-    header.wire_length = captured.len;
-    frame.data = self.format ? translated_frame(self, header) : self.captured.data;
-    if (may_have_tags(frame.data, header.captured_length) &&
+    header.timestamp = time_of(captured.header);
+    header.captured_length = captured.header.caplen;
+    header.wire_length = captured.header.len;
+    frame.data = captured.data;
+    if (self.format) [[unlikely]]
+        frame.data = link_to_ethernet(self.format, captured.data, &header, self.changed_frame,
+                                      self.changed_room);
+    if (may_have_service_tags(frame.data, header.captured_length) &&
         link_has_service_tags(frame.data, header.captured_length)) [[unlikely]]
         frame.data = retagged_frame(self, frame.data, header);
     return self.reader.is_walking && frame.data != self.changed_frame;
 }
 
 bool read_first_frame(input& self) {
-    self.is_ahead = read_frame(self);
+    self.is_ahead = read_frame(self, self.first);
     // A file without any frame is well-formed; one that breaks off in its first frame is not.
     return !self.reader.has_broken_off;
 }
@@ -225,8 +231,9 @@ uint32_t plugin_input_get_batch(void* instance, uint32_t, input_frame* frames, u
     auto& self = *static_cast<input*>(instance);
     uint32_t count = 0;
     bool has_room = limit > 0;
-    while (has_room && take_frame(self))
-        has_room = fill_in(self, frames[count++]) && count < limit;
+    captured_frame captured;
+    while (has_room && take_frame(self, captured))
+        has_room = fill_in(self, captured, frames[count++]) && count < limit;
     return count;
 }
 

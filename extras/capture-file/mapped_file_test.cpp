@@ -104,7 +104,7 @@ TEST_F(MappedFile, LeavesOtherFaultsToWhoTookThemBefore) {
         static_cast<volatile uint8_t*>(mmap(nullptr, page, PROT_READ, MAP_SHARED, descriptor, 0));
     ASSERT_EQ(ftruncate(descriptor, 0), 0);
     if (sigsetjmp(way_out, 1) == 0)
-        FAIL() << "read " << int{*foreign};
+        (void)*foreign;
     EXPECT_EQ(caught, SIGBUS);
     caught = 0;
     if (sigsetjmp(way_out, 1) == 0)

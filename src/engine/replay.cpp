@@ -12,12 +12,13 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <span>
 
 #include "base/clock.h"
+#include "base/log.h"
 #include "base/memory.h"
 #include "base/packet_clock.h"
 #include "base/wire.h"
-#include "engine/lanes.h"
 #include "flow/ageing.h"
 #include "flow/flow_cache_update.h"
 #include "flow/flush_request.h"
@@ -31,7 +32,6 @@ namespace {
 std::atomic<bool> is_stop_wanted = false;
 
 constexpr unsigned batch_packets = 64;
-constexpr unsigned slot_distance = 12;  // packets ahead
 
 struct replay {
     flow_switch& sw;
@@ -47,8 +47,9 @@ struct replay {
     unsigned count;  // packets in the batch
     uint8_t* records;
     flow_key keys[batch_packets];
-    uint64_t times[batch_packets];  // the clock at each packet
-    input_frame frames[batch_packets];
+    uint32_t slots[batch_packets];      // where the flows may be
+    uint64_t times[batch_packets];      // the clock at each packet
+    input_frame frames[batch_packets];  // zero when the input is asked
 };
 
 // How far the input has come (ns); once it is initialised, the time of its first packet.
@@ -72,7 +73,6 @@ void note_pause(replay& r) {
 // Frames from the input, up to the limit; they are valid until the next call. How many: 0 is a
 // pause. One that gives single packets gives batches of one.
 unsigned read_frames(replay& r, unsigned limit) {
-    std::memset(r.frames, 0, limit * sizeof *r.frames);
     if (r.sw.get_batch != nullptr)
         return std::min(r.sw.get_batch(r.sw.instance, 0, r.frames, limit), limit);
     const auto& reader = *static_cast<const packet_reader*>(r.sw.context);
@@ -80,31 +80,42 @@ unsigned read_frames(replay& r, unsigned limit) {
     return r.frames[0].data != nullptr ? 1 : 0;
 }
 
-// Parses the frame into the next record of the batch.
-inline void take_packet(replay& r, const input_frame& frame) {
-    // The clock never runs backwards: a packet that is not in order is as late as it was live.
-    r.read = std::max(r.read, frame.header.timestamp);
-    flow_record& record = record_of(r, r.count);
-    prepare_slot(record);
-    const flow_key key = take_frame(r.sw.counters, frame.data, frame.header, r.sw.sampling, record);
-    if (!occupied(key)) [[unlikely]] {
-        r.totals->no_flow += 1;
-        return;
+// Parses the frames into the next records of the batch, and clears them.
+void parse_frames(replay& r, unsigned given) {
+    r.sw.counters.add_frames(std::span(r.frames, given));
+    uint64_t read = r.read;
+    unsigned count = r.count;
+    for (unsigned n = 0; n < given; ++n) {
+        const input_frame& frame = r.frames[n];
+        // The clock never runs backwards: a packet out of order is as late as it was live.
+        read = std::max(read, frame.header.timestamp);
+        flow_record& record = record_of(r, count);
+        prepare_slot(record);
+        const flow_key key = parse_packet(frame.data, frame.header, r.sw.sampling, record);
+        if (!occupied(key)) [[unlikely]] {
+            r.sw.counters.add_discarded(key);
+            r.totals->no_flow += 1;
+            continue;
+        }
+        queue_prefetch_bucket(r.queue, key);
+        r.times[count] = read;
+        r.keys[count++] = key;
     }
-    queue_prefetch_bucket(r.queue, key);
-    r.times[r.count] = r.read;
-    r.keys[r.count++] = key;
+    std::memset(r.frames, 0, given * sizeof *r.frames);
+    r.totals->frames += given;
+    r.read = read;
+    r.count = count;
 }
 
 void read_batch(replay& r) {
     r.count = 0;
     while (r.count < r.batch_limit) {
         const unsigned given = read_frames(r, r.batch_limit - r.count);
-        if (given == 0) [[unlikely]]
+        if (given == 0) [[unlikely]] {
+            std::memset(r.frames, 0, sizeof r.frames);  // whatever was begun
             return note_pause(r);
-        r.totals->frames += given;
-        for (unsigned n = 0; n < given; ++n)
-            take_packet(r, r.frames[n]);
+        }
+        parse_frames(r, given);
     }
 }
 
@@ -155,19 +166,15 @@ void update_showing_frame(replay& r) {
     }
 }
 
+// All slots are fetched ahead before the first is changed.
 void update_batch(replay& r) {
     if (r.queue.plugin_count != 0)
         return update_showing_frame(r);
-    const auto fetch_slot = [&r](unsigned n) {
-        if (n < r.count)
-            (void)queue_prefetch_slot(r.queue, r.keys[n]);
-    };
-    for (unsigned n = 0; n < slot_distance; ++n)
-        fetch_slot(n);
+    for (unsigned n = 0; n < r.count; ++n)
+        r.slots[n] = queue_prefetch_slot(r.queue, r.keys[n]);
     for (unsigned n = 0; n < r.count; ++n) {
-        fetch_slot(n + slot_distance);
         advance_clock(r, r.times[n]);
-        queue_update_locked(r.queue, record_of(r, n), r.keys[n]);
+        queue_update_locked(r.queue, record_of(r, n), r.keys[n], r.slots[n]);
     }
 }
 
@@ -208,11 +215,19 @@ flow_queue* replay_queue_init(int32_t size_exponent, int32_t active_s, int32_t i
 
 flow_switch* replay_switch_init(flow_queue* queue, uint32_t flow_mask, int needs_packets,
                                 input_plugin* input) {
-    if (input->get_packet == nullptr)
-        return lanes_switch_init(queue, flow_mask, needs_packets, input);
-    flow_switch* const sw = sw_init(queue, flow_mask, needs_packets, input);
-    if (sw != nullptr)
-        sw->sampling = static_cast<const packet_reader*>(sw->context)->sampling;
+    if (input->get_packet != nullptr) {
+        flow_switch* const sw = sw_init(queue, flow_mask, needs_packets, input);
+        if (sw != nullptr)
+            sw->sampling = static_cast<const packet_reader*>(sw->context)->sampling;
+        return sw;
+    }
+    parser_set_flow_mask(flow_mask);
+    verbose_msg(3, "trying to init batch plugin");
+    if (!switch_init_input(needs_packets != 0, *input))
+        return nullptr;
+    auto* const sw = make_lifelong<flow_switch>();
+    switch_connect(*sw, queue, *input, 0);
+    sw->sampling = input->sampling(input->instance);
     return sw;
 }
 
@@ -249,6 +264,7 @@ void* replay_loop(void* argument) {
         .count = 0,
         .records = static_cast<uint8_t*>(malloc_wrapper(batch_packets * queue.stride, 1)),
         .keys = {},
+        .slots = {},
         .times = {},
         .frames = {},
     });
