@@ -15,11 +15,11 @@ is charged to the sender, for every program alike; the program pays for its wake
 does with the ring. What the kernel does to deliver an exported datagram to the sink over loopback
 is charged to the program that sends it.
 
-Loss is looked for in three places: frames that the sender sent and the interface did not see,
-frames that the program's capture ring had no room for (kestrelexp tells how many it received in the
-sum at its end, the floor prints it; the others' own socket is asked with PACKET_STATISTICS), both in
-"lost"; and packets that did not come out as flows (the sum of the NetFlow v5 records), in "not
-exported".
+Loss is looked for in three places: frames that the sender sent and the interface did not see, and
+frames that the program's capture ring had no room for, both in "lost" (kestrelexp tells in the sum
+at its end how many it received, the floor prints it; of the others the socket is asked with
+PACKET_STATISTICS); and packets that did not come out as flows (the sum of the NetFlow v5 records),
+in "not exported".
 """
 
 import argparse
