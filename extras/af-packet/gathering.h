@@ -16,7 +16,7 @@ constexpr uint32_t pause_ring_part = 16;
 constexpr uint64_t sudden_ring_bytes_per_us = 2000;
 constexpr uint64_t worthwhile_blocks = 2;
 
-// What was walked since the wait before.
+// What was walked since the last question, in all the time up to now.
 struct walked {
     uint64_t blocks;
     uint64_t elapsed_ns;

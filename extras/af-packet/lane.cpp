@@ -108,7 +108,9 @@ uint32_t lane::take_what_is_there(input_frame* frames, uint32_t limit) {
 
 // The longest pause that all rings allow; see gathering.h.
 uint64_t lane::gathering_ns() {
-    const uint64_t elapsed_ns = timer_get_uptime() - waited_ns_;
+    const uint64_t now_ns = timer_get_uptime();
+    const uint64_t elapsed_ns = now_ns - asked_ns_;
+    asked_ns_ = now_ns;
     uint64_t result = 0;
     for (port& at : ports_) {
         const packet_ring* const from = ring(at);
@@ -144,7 +146,7 @@ void lane::wait() {
 
 // An error stays until it is taken, and poll does not wait meanwhile.
 void lane::take_errors() {
-    const uint64_t now_ns = waited_ns_ = timer_get_uptime();
+    const uint64_t now_ns = timer_get_uptime();
     for (size_t n = 0; n < ports_.size(); ++n) {
         const packet_ring* const from = ring(ports_[n]);
         const bool has_error =

@@ -51,7 +51,7 @@ class lane {
     std::vector<port> ports_;
     std::vector<pollfd> waits_;  // by port
     size_t turn_ = 0;            // the port that is first
-    uint64_t waited_ns_ = 0;     // when the last wait ended, of the uptime
+    uint64_t asked_ns_ = 0;      // uptime of the last gathering_ns()
 };
 
 }  // namespace af_packet

@@ -43,6 +43,17 @@ ring_fault fault_of(int error) {
     }
 }
 
+// Frames that follow one another are often of one length. What the kernel has just written lies in
+// another processor's cache: the three lines of a frame and what is told of it, some frames ahead.
+inline void fetch_ahead(const uint8_t* frame, uint32_t length) {
+    constexpr uint32_t frames_ahead = 6;
+    constexpr uint32_t line = 64;
+    const uint8_t* const ahead = frame + size_t{frames_ahead} * length;
+    __builtin_prefetch(ahead);
+    __builtin_prefetch(ahead + line);
+    __builtin_prefetch(ahead + size_t{2} * line);
+}
+
 }  // namespace
 
 packet_ring::~packet_ring() {
@@ -150,6 +161,7 @@ uint32_t packet_ring::take(input_frame* frames, uint32_t limit, const frame_limi
     while (count < limit && (left_ > 0 || enter_block())) {
         for (const uint32_t end = std::min(limit, count + left_); count < end; --left_) {
             auto* const header = reinterpret_cast<tpacket3_hdr*>(next_);
+            fetch_ahead(next_, header->tp_next_offset);
             next_ += header->tp_next_offset;
             joined += describe_frame(*header, limits, frames[count++]);
         }

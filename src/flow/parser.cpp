@@ -202,8 +202,8 @@ template <typename Mask>
 }
 
 template <typename Mask>
-inline parse_state link_layer(Mask mask, const checked_view& frame, uint64_t h,
-                              flow_record& record) {
+[[gnu::always_inline]] inline parse_state link_layer(Mask mask, const checked_view& frame,
+                                                     uint64_t h, flow_record& record) {
     if (is_ip(frame.be16(ethertype_offset))) [[likely]]
         return {h, ethertype_offset + sizeof(uint16_t)};
     return tag_walk(mask, frame, {h, ethertype_offset}, record);
@@ -212,8 +212,8 @@ inline parse_state link_layer(Mask mask, const checked_view& frame, uint64_t h,
 // Reads one transport header at state.at and moves past it. False when it was an IPv6 extension
 // header and the walk goes on.
 template <typename Mask, typename View>
-inline bool transport_header(Mask mask, const View& frame, parse_state& state,
-                             flow_record& record) {
+[[gnu::always_inline]] inline bool transport_header(Mask mask, const View& frame,
+                                                    parse_state& state, flow_record& record) {
     const size_t t = state.at;
     const uint32_t ports = frame.template load<uint32_t>(t);
     record.srcport = byte_swap(static_cast<uint16_t>(ports));
@@ -263,7 +263,8 @@ template <typename Mask>
 }
 
 template <typename Mask, typename View>
-inline parse_state ipv4(Mask mask, const View& frame, parse_state state, flow_record& record) {
+[[gnu::always_inline]] inline parse_state ipv4(Mask mask, const View& frame, parse_state state,
+                                               flow_record& record) {
     const size_t ip = state.at;
     const uint32_t source = frame.template load<uint32_t>(ip + 12);
     const uint32_t destination = frame.template load<uint32_t>(ip + 16);
@@ -289,7 +290,8 @@ inline parse_state ipv4(Mask mask, const View& frame, parse_state state, flow_re
 
 // The 16 wire bytes of an address, reversed, into the record; and into the key as they came.
 template <typename Mask, typename View>
-inline void ipv6_address(Mask mask, const View& frame, size_t at, uint64_t& h, uint8_t* to) {
+[[gnu::always_inline]] inline void ipv6_address(Mask mask, const View& frame, size_t at,
+                                                uint64_t& h, uint8_t* to) {
     for (size_t word = 0; word < 16; word += 4) {
         const uint32_t value = frame.template load<uint32_t>(at + word);
         store_native(to + 12 - word, byte_swap(value));
@@ -299,7 +301,8 @@ inline void ipv6_address(Mask mask, const View& frame, size_t at, uint64_t& h, u
 }
 
 template <typename Mask, typename View>
-inline parse_state ipv6(Mask mask, const View& frame, parse_state state, flow_record& record) {
+[[gnu::always_inline]] inline parse_state ipv6(Mask mask, const View& frame, parse_state state,
+                                               flow_record& record) {
     const size_t ip = state.at;
     ipv6_address(mask, frame, ip + 8, state.h, record.ipv6.srcipv6);
     ipv6_address(mask, frame, ip + 24, state.h, record.ipv6.dstipv6);
@@ -313,8 +316,8 @@ inline parse_state ipv6(Mask mask, const View& frame, parse_state state, flow_re
 
 // The IP header and what follows it; discarded when its version is neither 4 nor 6.
 template <typename Mask>
-inline parse_state network_layer(Mask mask, const checked_view& frame, parse_state state,
-                                 flow_record& record) {
+[[gnu::always_inline]] inline parse_state network_layer(Mask mask, const checked_view& frame,
+                                                        parse_state state, flow_record& record) {
     const unchecked_view whole{frame.data, frame.captured};
     const uint8_t first = frame.byte(state.at);
     const size_t left = frame.captured - std::min(state.at, frame.captured);
