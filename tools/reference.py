@@ -20,8 +20,8 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parents[1]
 EXTRAS = "/usr/lib/kestrelexp"  # where they are installed
 KINDS = ("INPUT", "PROCESS", "FILTER", "EXPORT")
-# Parameters that are told by the manual and not by the plugins' own texts, which have been what they
-# are for a long time.
+# Parameters that are told by the manual and not by the plugins' own texts, which have been what
+# they are for a long time.
 BACKGROUND = ["reconnect", "queue", "drain"]
 UNLISTED = {"netflow-v5": BACKGROUND, "netflow-v9": BACKGROUND, "ipfix": BACKGROUND}
 # Keys that the descriptions spell in another way than the plugin reads them.

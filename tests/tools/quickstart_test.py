@@ -7,10 +7,32 @@ import tempfile
 import unittest
 from pathlib import Path
 
+from testbed import namespaces
+
 ROOT = Path(__file__).resolve().parents[2]
 CAPTURES = ROOT / "tests" / "data" / "captures"
 NEEDED = ("CMakeLists.txt", "cmake", "etc", "extras", "include", "quickstart", "src", "tools")
 NOBODY = 65534
+
+
+def shown_compiler_cache():
+    """Environment with which a user without rights builds from what this one has compiled. The
+    cache is shown in a name space of this process alone, outside of what a test removes."""
+    if not shutil.which("ccache"):
+        return {}
+    asked = subprocess.run(["ccache", "--get-config", "cache_dir"], capture_output=True, text=True,
+                           check=True)
+    cache = asked.stdout.strip()
+    if not os.path.isdir(cache):
+        return {}
+    namespaces.unshare(namespaces.MOUNTS)
+    for command in (["--make-rprivate", "/"], ["-t", "tmpfs", "-o", "mode=755", "none", "/mnt"]):
+        subprocess.run(["mount", *command], check=True)
+    os.mkdir("/mnt/ccache")
+    subprocess.run(["mount", "--bind", cache, "/mnt/ccache"], check=True)
+    os.mkdir("/mnt/room")
+    os.chmod("/mnt/room", 0o1777)
+    return {"CCACHE_DIR": "/mnt/ccache", "CCACHE_READONLY": "1", "CCACHE_TEMPDIR": "/mnt/room"}
 
 
 class Quickstart(unittest.TestCase):
@@ -26,15 +48,16 @@ class Quickstart(unittest.TestCase):
             elif source.exists():
                 shutil.copy(source, copy)
         (self.directory / "tmp").mkdir()
-        self.rights = {}
+        self.rights, self.cache = {}, {}
         if os.geteuid() == 0:
+            self.cache = shown_compiler_cache()
             self.rights = {"user": NOBODY, "group": NOBODY, "extra_groups": []}
             for path in (self.directory, *self.directory.rglob("*")):
                 os.chown(path, NOBODY, NOBODY)
 
     def run_script(self, *words):
         """Status, output, errors; called from another directory than the script's."""
-        environment = {**os.environ, "TMPDIR": str(self.directory / "tmp"),
+        environment = {**os.environ, **self.cache, "TMPDIR": str(self.directory / "tmp"),
                        "HOME": str(self.directory)}
         done = subprocess.run([self.directory / "quickstart", *words], capture_output=True,
                               text=True, stdin=subprocess.DEVNULL, cwd=self.directory / "etc",
