@@ -190,6 +190,9 @@ inline bool fill_in(input& self, const captured_frame& captured, input_frame& fr
 
 bool read_first_frame(input& self) {
     self.is_ahead = read_frame(self, self.first);
+    // Also when an interrupt waits: an input without frames.
+    if (!self.is_ahead)
+        self.has_ended = true;
     // A file without any frame is well-formed; one that breaks off in its first frame is not.
     return !self.reader.has_broken_off;
 }

@@ -230,8 +230,10 @@ const char* compression_name(const compression& kind) {
 int decompression_start(decompression& self, const compression& kind, int source,
                         const stream_head& head) {
     int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0)
+    if (pipe2(ends, O_CLOEXEC) != 0) {
+        (void)close(source);
         return -1;
+    }
     (void)fcntl(ends[1], F_SETPIPE_SZ, pipe_bytes);  // fewer switches; less does too
     (void)fcntl(ends[1], F_SETFL, O_NONBLOCK);
     self.kind = &kind;
@@ -240,6 +242,7 @@ int decompression_start(decompression& self, const compression& kind, int source
     self.head = head;
     if (const int fault = start_without_signals(self); fault != 0) {
         self.kind = nullptr;
+        (void)close(source);
         (void)close(ends[0]);
         (void)close(ends[1]);
         errno = fault;
@@ -249,8 +252,10 @@ int decompression_start(decompression& self, const compression& kind, int source
 }
 
 const char* decompression_end(decompression& self) {
-    if (self.kind != nullptr && !self.is_stopped.exchange(true, std::memory_order_relaxed))
+    if (self.kind != nullptr && !self.is_stopped.exchange(true, std::memory_order_relaxed)) {
         (void)pthread_join(self.thread, nullptr);
+        (void)close(self.source);
+    }
     return self.fault;
 }
 

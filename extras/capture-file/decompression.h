@@ -17,7 +17,7 @@ struct compression;  // how a kind of compressed file is told and read
 
 struct decompression {
     const compression* kind;  // null: there is none
-    int source;               // what is read; the caller's
+    int source;               // what is read
     int pipe;                 // what is written; closed at the end
     stream_head head;         // read from the source before
     pthread_t thread;
