@@ -262,9 +262,11 @@ template <typename Mask>
     return state;
 }
 
+// header_bytes: what its first byte says, which the caller has looked at. It is read once: frames
+// may lie where others write.
 template <typename Mask, typename View>
 [[gnu::always_inline]] inline parse_state ipv4(Mask mask, const View& frame, parse_state state,
-                                               flow_record& record) {
+                                               flow_record& record, size_t header_bytes) {
     const size_t ip = state.at;
     const uint32_t source = frame.template load<uint32_t>(ip + 12);
     const uint32_t destination = frame.template load<uint32_t>(ip + 16);
@@ -277,7 +279,7 @@ template <typename Mask, typename View>
         state.h = key_step32(state.h, source);
         state.h = key_step32(state.h, destination);
     }
-    state.at = ip + 4u * (frame.byte(ip) & 0x0F);
+    state.at = ip + header_bytes;
     if (frame.be16(ip + 6) & 0x3FFF) {  // more fragments, or a fragment offset
         record.srcport = 0;
         record.dstport = 0;
@@ -325,8 +327,8 @@ template <typename Mask>
     if (record.l3protocol == 4) [[likely]] {
         const size_t header = size_t{4} * (first & 0x0F);
         if (header >= ipv4_header_min && left >= header + transport_bytes_read) [[likely]]
-            return ipv4(mask, whole, state, record);
-        return ipv4(mask, frame, state, record);
+            return ipv4(mask, whole, state, record, header);
+        return ipv4(mask, frame, state, record, header);
     }
     if (record.l3protocol == 6) {
         if (left >= ipv6_header_size + transport_bytes_read) [[likely]]
