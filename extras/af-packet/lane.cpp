@@ -7,6 +7,7 @@
 #include <time.h>
 
 #include <algorithm>
+#include <optional>
 #include <string>
 
 #include "gathering.h"
@@ -106,12 +107,12 @@ uint32_t lane::take_what_is_there(input_frame* frames, uint32_t limit) {
     return count;
 }
 
-// The longest pause that all rings allow; see gathering.h.
+// The longest pause that all rings allow that had frames; see gathering.h.
 uint64_t lane::gathering_ns() {
     const uint64_t now_ns = timer_get_uptime();
     const uint64_t elapsed_ns = now_ns - asked_ns_;
     asked_ns_ = now_ns;
-    uint64_t result = 0;
+    std::optional<uint64_t> result;
     for (port& at : ports_) {
         const packet_ring* const from = ring(at);
         if (!from)
@@ -121,9 +122,9 @@ uint64_t lane::gathering_ns() {
         const uint64_t pause =
             pause_ns({blocks, elapsed_ns, from->block_bytes(), from->block_count()});
         if (blocks > 0)
-            result = result == 0 ? pause : std::min(result, pause);
+            result = result ? std::min(*result, pause) : pause;
     }
-    return result;
+    return result.value_or(0);
 }
 
 // All rings are empty: waits for frames or changes.
