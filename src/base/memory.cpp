@@ -63,8 +63,8 @@ void* fresh_pages(size_t size) {
         mmap(nullptr, room, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (mapping == MAP_FAILED)
         out_of_memory("Posix memalign problem (malloc)", size);
-    const auto start = (reinterpret_cast<uintptr_t>(mapping) + huge_page - 1) & ~(huge_page - 1);
-    void* const block = reinterpret_cast<void*>(start);
+    const size_t past_page = reinterpret_cast<uintptr_t>(mapping) % huge_page;
+    void* const block = static_cast<char*>(mapping) + (huge_page - past_page) % huge_page;
     (void)madvise(block, size / huge_page * huge_page, MADV_HUGEPAGE);  // only a wish, as above
     if (madvise(block, size, MADV_POPULATE_WRITE) != 0) {
         if (errno != EINVAL)
