@@ -167,6 +167,9 @@ std::vector<temporal_storage*> rings_of(const run_configuration& configuration,
 // Nothing more is handed to the exports: what waits in outlets is sent or lost before it is summed
 // up.
 void close_accounts(const run_configuration& run) {
+    // Nobody takes finished flows any more, so what is captured while outlets drain would be lost.
+    if (run.input_switch != nullptr)
+        ask_reader(*run.input_switch, close_input);
     close_outlets();
     say_sum(run);
 }
