@@ -19,7 +19,9 @@
  * kestrelexp_export_queued_records for what has come to no end yet.
  *
  * The program closes all outlets at its end, after the last flush of all exports: they go on at the
- * same time for as long as each was given, and what is left then is counted as lost. */
+ * same time for as long as each was given, and what is left then is counted as lost. An export that
+ * ends the program itself, as one that does not run in the background and gives its collector up,
+ * leaves no time for that. */
 #ifndef KESTRELEXP_OUTLET_H
 #define KESTRELEXP_OUTLET_H
 
@@ -36,7 +38,7 @@ extern "C" {
 struct outlet;
 
 struct outlet_message {
-    void* data;       /* whole; once it is in the outlet, the worker's functions may change it */
+    void* data; /* whole; the worker's functions may change the bytes, and mark: no other field */
     uint32_t length;  /* bytes */
     uint32_t records; /* flow records in it, for the counts */
     uint64_t packets; /* packets in these records */
