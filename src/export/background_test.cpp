@@ -5,6 +5,8 @@
 
 #include <string>
 
+#include "base/memory.h"
+
 namespace kestrel {
 namespace {
 
@@ -51,7 +53,7 @@ TEST(Background, TheFamilyIsCheckedAtTheStart) {
     collector to;
     to.host = host.data();
     to.ip = 5;
-    conversation silent;
+    auto& silent = *make_lifelong<conversation>();  // as exports have theirs
     send_account account("reason=\"none\"");
     EXPECT_EXIT(open_background("tested", read("reconnect=background"), to, silent, account),
                 ExitedWithCode(255), "^Can't connect to collector\n$");

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "base/memory.h"
 #include "tests/support/export_fixture.h"
 
 namespace {
@@ -173,7 +174,7 @@ TEST_F(TemplateExporter, FilesWithoutTemplatesEndTheProgram) {
 
 TEST_F(TemplateExporter, NoConnectionEndsTheProgram) {
     read("host=127.0.0.1,ip=5");
-    conversation silent;
+    auto& silent = *make_lifelong<conversation>();  // as exports have theirs
     EXPECT_EXIT(connect_collector(self_, "tested", silent), testing::ExitedWithCode(255),
                 "^Can't connect to collector\n$");
 }
