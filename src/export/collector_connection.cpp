@@ -5,7 +5,9 @@
 //  - TCP: a message is held until its last byte is acknowledged, so what a broken connection took
 //    with it is known to the message. A message of which a part was sent is sent whole on the next
 //    connection; the collector drops the part with the old one.
-//  - UDP: the last datagram is held for a moment, as the answer that nobody listens comes after it.
+//  - UDP: the last datagram is held for a moment, as the answer that nobody listens, or that
+//  somebody
+//    on the way refuses it, comes after it.
 //    The first one of a socket is sent again then: it is the one that was refused, so nobody has
 //    it.
 //  - SCTP: what the system takes is sent.
@@ -42,6 +44,11 @@ int family_at(int ip, unsigned position) {
     return found != std::end(orders) && position < 2 ? found->families[position] : 0;
 }
 
+// What a send may tell of the datagram before it: nobody listens, or somebody on the way refuses.
+bool is_refusal(int fault) {
+    return fault == ECONNREFUSED || fault == EHOSTUNREACH || fault == EACCES;
+}
+
 }  // namespace
 
 collector_connection::collector_connection(const char* name, const collector& to,
@@ -55,7 +62,7 @@ bool collector_connection::tend(outlet* queue, bool is_closing, outlet_wait& wai
         state_until_ns_ = now_ns_;  // the collector may be back
     is_closing_ = is_closing;
     if (state_ == state::resting && now_ns_ >= state_until_ns_)
-        try_family(queue, 0);
+        try_family(queue, 0, name_unknown);
     if (state_ == state::connecting)
         await_connect(queue, wait);
     if (state_ == state::proving)
@@ -78,13 +85,15 @@ void collector_connection::rest(outlet_wait& wait) {
 }
 
 // Begins an attempt with the collector's address of the family at the position, or of the next one
-// that can be tried.
-void collector_connection::try_family(outlet* queue, unsigned position) {
-    int fault = name_unknown;
+// that can be tried. fault: of the position before. What is said is the last fault of an address:
+// that there is none of the other family says little.
+void collector_connection::try_family(outlet* queue, unsigned position, int fault) {
     for (; const int family = family_at(to_.ip, position); ++position) {
-        fault = network_.start(to_, family);
-        if (fault != no_fault)
+        if (const int found = network_.start(to_, family); found != no_fault) {
+            if (found != name_unknown)
+                fault = found;
             continue;
+        }
         now_ns_ = network_.now_ns();  // a name may have taken its time
         state_ = state::connecting;
         family_ = position;
@@ -114,7 +123,7 @@ void collector_connection::await_connect(outlet* queue, outlet_wait& wait) {
         return;
     }
     network_.close(false);
-    try_family(queue, family_ + 1);
+    try_family(queue, family_ + 1, fault);
     if (state_ == state::connecting)
         wait_until(now_ns_, wait);  // looked at anew at once
 }
@@ -145,7 +154,7 @@ void collector_connection::greet(outlet* queue) {
 
 void collector_connection::prove(outlet* queue, outlet_wait& wait) {
     if (const int fault = network_.look(); fault != no_fault) {
-        fail(queue, fault);
+        fail(queue, fault, true);
         return;
     }
     wait.descriptor = network_.descriptor();
@@ -187,7 +196,7 @@ bool collector_connection::look_after(outlet* queue, outlet_wait& wait) {
         fault = is_stalled() ? int{takes_nothing} : no_fault;
     }
     if (fault != no_fault) {
-        fail(queue, fault);
+        fail(queue, fault, fault != takes_nothing);
         rest(wait);
         return false;
     }
@@ -248,7 +257,7 @@ outlet_answer collector_connection::deliver(outlet* queue, outlet_message& messa
     if (sent == -EAGAIN)
         note_full();
     else
-        fail(queue, static_cast<int>(-sent));
+        fail(queue, static_cast<int>(-sent), is_refusal(static_cast<int>(-sent)));
     return OUTLET_LATER;
 }
 
@@ -282,21 +291,22 @@ outlet_answer collector_connection::sent_part(outlet_message& message, uint32_t 
 }
 
 // What becomes of messages that are on their way when the connection ends.
-void collector_connection::give_held_back(outlet* queue, int fault) {
+void collector_connection::give_held_back(outlet* queue, bool is_answer, int fault) {
     if (tells_acknowledgements() && state_ == state::up)
         settle_acknowledged(queue);
     if (is_datagram() && outlet_held(queue) != nullptr) {
-        if (fault == ECONNREFUSED && datagrams_ == 1)
+        if (!is_answer)
+            outlet_settle(queue, OUTLET_SENT);          // the fault is another datagram's
+        else if (datagrams_ == 1 && fault != EMSGSIZE)  // it would be too long again
             outlet_return(queue);
-        else if (fault != ECONNREFUSED)
-            outlet_settle(queue, OUTLET_SENT);  // the fault is another datagram's
     }
     while (outlet_held(queue) != nullptr)
         outlet_settle(queue, OUTLET_UNACKNOWLEDGED);
 }
 
-void collector_connection::fail(outlet* queue, int fault) {
-    give_held_back(queue, fault);
+// is_answer: the fault is what came back for the last datagram.
+void collector_connection::fail(outlet* queue, int fault, bool is_answer) {
+    give_held_back(queue, is_answer, fault);
     network_.close(true);
     if (state_ == state::up && now_ns_ >= up_since_ns_ + good_life_ns)
         failures_ = 0;

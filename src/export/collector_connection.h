@@ -64,7 +64,7 @@ class collector_connection {
     enum class state { resting, connecting, proving, up };
 
     void rest(outlet_wait& wait);
-    void try_family(outlet* queue, unsigned position);
+    void try_family(outlet* queue, unsigned position, int fault);
     void await_connect(outlet* queue, outlet_wait& wait);
     void greet(outlet* queue);
     void prove(outlet* queue, outlet_wait& wait);
@@ -76,8 +76,8 @@ class collector_connection {
     void note_full();
     outlet_answer sent_datagram(outlet* queue, const outlet_message& message);
     outlet_answer sent_part(outlet_message& message, uint32_t bytes);
-    void give_held_back(outlet* queue, int fault);
-    void fail(outlet* queue, int fault);
+    void give_held_back(outlet* queue, bool is_answer, int fault);
+    void fail(outlet* queue, int fault, bool is_answer = false);
     void say_down(int fault);
     bool awaits_first_datagram() const;
     bool is_datagram() const { return to_.protocol == IPPROTO_UDP; }

@@ -50,6 +50,17 @@ TEST_F(Datagrams, ARefusalIsSeenWithoutSendingMore) {
     EXPECT_FALSE(connection_->is_up());
 }
 
+TEST_F(Datagrams, AFirewallsAnswerIsARefusalToo) {
+    come_up();
+    offer("one");
+    run_for(0.01);
+    net_.look_fault = EHOSTUNREACH;
+    run_for(0.3);
+    EXPECT_EQ(count(OUTLET_UNACKNOWLEDGED), 1U);
+    EXPECT_EQ(count(OUTLET_SENT), 0U);
+    EXPECT_FALSE(connection_->is_up());
+}
+
 TEST_F(Datagrams, WithoutARouteNothingIsLost) {
     come_up();
     offer("one");
@@ -105,6 +116,19 @@ class Ungreeted : public connection_fixture {
   protected:
     Ungreeted() : connection_fixture(IPPROTO_UDP) { talk_.words.clear(); }
 };
+
+TEST_F(Ungreeted, AFirstDatagramThatAFirewallRefusesIsSentAgain) {
+    offer("one");
+    run_for(0.01);
+    EXPECT_EQ(net_.stream, "one");
+    net_.look_fault = EHOSTUNREACH;
+    run_for(0.1);
+    EXPECT_EQ(count(OUTLET_SENT), 0U);
+    EXPECT_EQ(queued(), 1U);
+    run_for(2);
+    EXPECT_EQ(net_.sent.size(), 2U);
+    EXPECT_EQ(count(OUTLET_SENT), 1U);
+}
 
 TEST_F(Ungreeted, TheFirstDatagramProvesTheConnection) {
     offer("one");
