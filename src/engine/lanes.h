@@ -12,7 +12,7 @@
 
 namespace kestrel {
 
-// sw_init (kestrelexp/flow.h) for an input with batches.
+// sw_init (kestrelexp/flow.h) for an input with batches, of lanes or of a replay.
 flow_switch* lanes_switch_init(flow_queue* queue, uint32_t flow_mask, int needs_packets,
                                input_plugin* input);
 

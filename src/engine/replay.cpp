@@ -15,10 +15,10 @@
 #include <span>
 
 #include "base/clock.h"
-#include "base/log.h"
 #include "base/memory.h"
 #include "base/packet_clock.h"
 #include "base/wire.h"
+#include "engine/lanes.h"
 #include "flow/ageing.h"
 #include "flow/flow_cache_update.h"
 #include "flow/flush_request.h"
@@ -221,14 +221,7 @@ flow_switch* replay_switch_init(flow_queue* queue, uint32_t flow_mask, int needs
             sw->sampling = static_cast<const packet_reader*>(sw->context)->sampling;
         return sw;
     }
-    parser_set_flow_mask(flow_mask);
-    verbose_msg(3, "trying to init batch plugin");
-    if (!switch_init_input(needs_packets != 0, *input))
-        return nullptr;
-    auto* const sw = make_lifelong<flow_switch>();
-    switch_connect(*sw, queue, *input, 0);
-    sw->sampling = input->sampling(input->instance);
-    return sw;
+    return lanes_switch_init(queue, flow_mask, needs_packets, input);
 }
 
 void replay_start_clock(flow_switch& sw, const plugin_operations& input) {
