@@ -25,7 +25,7 @@ extern "C" {
 /* One element that a template may name. A table is closed by a row whose name is NULL. */
 struct template_element {
     const char* name;
-    uint16_t id;     /* number on the wire (RFC 7012, RFC 3954 section 8); never an enterprise's */
+    uint16_t id;     /* number on the wire (RFC 7012, RFC 3954 section 8), without enterprise bit */
     uint16_t length; /* bytes on the wire, whatever the getter's own length */
 };
 
@@ -82,7 +82,8 @@ struct template_cursor {
 KX_API char** exporter_template_convert_config(char** lines);
 
 /* Builds a collection from definitions up to the first NULL; NULL when there is none. elements and
- * getters are borrowed for the life of the collection, and getters must not grow any more. */
+ * getters are borrowed for the life of the collection, and getters must not grow any more. An
+ * element that is no row of elements may be given by number and length ("id461/4"). */
 KX_API struct template_collection* exporter_template_init(char** definitions,
                                                           const struct template_element* elements,
                                                           struct getter* getters);
@@ -111,8 +112,9 @@ KX_API uint32_t exporter_template_add_record(struct template_collection* collect
 /* Bytes that the data sets will take at most: templates without records count 4 bytes each. */
 KX_API uint16_t exporter_template_current_data_size(const struct template_collection* collection);
 
-/* Writes one template set: 4 bytes, and for each template 4 + 4 * field_count. Returns the number
- * of templates. */
+/* Writes one template set: 4 bytes, and for each template 4 + 4 * field_count, and 4 more for each
+ * element of an enterprise, which definitions may name for static_field_ipfix alone
+ * ("id32473.57/4"). Returns the number of templates. */
 KX_API uint32_t exporter_template_fill_packet_templates(struct template_collection* collection,
                                                         struct template_cursor* cursor);
 

@@ -15,6 +15,7 @@
 #include "base/heap.h"
 #include "base/log.h"
 #include "base/memory.h"
+#include "export/numbered_element.h"
 #include "export/template_plan.h"
 #include "kestrelexp/template.h"
 
@@ -25,6 +26,7 @@ constexpr std::string_view opening = "BEGIN-TEMPLATE";
 constexpr uint32_t set_limit = std::numeric_limits<uint16_t>::max();  // as is a record's length
 
 struct item {
+    const char* text;  // whole
     std::string element;
     std::string value;  // without its '*'
     bool optional;
@@ -38,24 +40,35 @@ item parse_item(const char* text) {
     std::string_view value = whole.substr(equals + 1);
     const bool optional = value.front() == '*';
     value.remove_prefix(optional);
-    return {std::string(whole.substr(0, equals)), std::string(value), optional};
+    return {text, std::string(whole.substr(0, equals)), std::string(value), optional};
 }
 
-const template_element* resolve_element(const item& line, const template_element* elements) {
-    const template_element* row = exporter_template_find_field(line.element.c_str(), elements);
-    if (!row) {
-        verbose_msg(-1, "Bad field: %s", line.element.c_str());
+// Where a field goes.
+struct field_target {
+    const template_element* element;
+    uint32_t enterprise;
+    bool is_by_number;
+};
+
+// A row of the table that has the name comes first: tables of plugins may have any.
+field_target resolve_element(const item& field, const template_element* elements) {
+    if (const auto* row = exporter_template_find_field(field.element.c_str(), elements))
+        return {row, 0, false};
+    const bool is_ipfix = elements == static_field_ipfix;
+    const auto [element, enterprise] = read_numbered_element(field.element, field.text, is_ipfix);
+    if (!element) {
+        verbose_msg(-1, "Bad field: %s", field.element.c_str());
         verbose_msg(-1, "Allowed fields are:");
         exporter_template_print_fields(elements);
         std::exit(exit_config);
     }
-    return row;
+    return {element, enterprise, true};
 }
 
-const getter* resolve_value(const item& line, getter* table) {
-    const char* name = line.value.c_str();
-    const getter* found = getter_by_name(table, name);
-    if (!found && line.optional) {
+getter* resolve_value(const item& field, getter* table) {
+    const char* name = field.value.c_str();
+    getter* found = getter_by_name(table, name);
+    if (!found && field.optional) {
         verbose_msg(-1, "Fallback to ZERO getter for value: %s", name);
         found = getter_by_name(table, "ZERO");
     }
@@ -67,10 +80,7 @@ const getter* resolve_value(const item& line, getter* table) {
 }
 
 // A value of an odd width is copied whole into a shorter element (getter.h), so the last field of a
-// full buffer may run over its end by as much as the longest value. Plugins' accessors may copy
-// more than the natural length of their field says: the margin is for those.
-constexpr size_t value_margin = 64;
-
+// full buffer may run over its end by as much as the longest value, and a plugin's by the margin.
 template_data* make_data(const getter* getters) {
     size_t longest = 0;
     for (const getter* entry = getters; entry && entry->name; ++entry)
@@ -86,35 +96,71 @@ void check_lengths(uint32_t set_length, uint32_t record_length) {
             record_length);
 }
 
+// A template that has no place among the others yet.
+struct new_template {
+    export_template result = {};
+    std::vector<const template_element*> elements;
+    std::vector<uint32_t> enterprises;  // of each element; 0: none
+    uint32_t record_length = 0;
+};
+
+// Returns the bytes that the field takes in a template set.
+uint32_t add_field(new_template& to, const field_target& target, getter* value) {
+    const uint32_t length = target.element->length;
+    to.elements.push_back(target.element);
+    to.enterprises.push_back(target.enterprise);
+    to.record_length += length;
+    const getter entry = target.is_by_number ? value_of_any_width(*value, length) : *value;
+    getter_copy_to(&to.result.getters, &entry);
+    return field_specifier_size(target.enterprise);
+}
+
 // Appends to *set_length the bytes that the template takes in a template set.
-export_template make_template(const char* definition, const template_element* elements,
-                              getter* table, uint32_t* set_length) {
+new_template make_template(const char* definition, const template_element* elements, getter* table,
+                           uint32_t* set_length) {
     if (!elements)
         die(exit_config, "blank field definition");
     // A copy of its own: char_split's is the caller's to free by its first piece.
     std::string text = definition;
     const heap_array pieces(char_split(text.data(), ',', 0));
-    std::vector<const template_element*> rows;
-    export_template result = {};
-    uint32_t record_length = 0;
+    new_template made;
     *set_length += 4;
     for (char** piece = pieces.get(); *piece; ++piece) {
         const item parsed = parse_item(*piece);
-        rows.push_back(resolve_element(parsed, elements));
-        getter_copy_to(&result.getters, resolve_value(parsed, table));
-        record_length += rows.back()->length;
-        *set_length += 4;
-        check_lengths(*set_length, record_length);
+        const field_target target = resolve_element(parsed, elements);
+        *set_length += add_field(made, target, resolve_value(parsed, table));
+        check_lengths(*set_length, made.record_length);
     }
-    check_lengths(*set_length, record_length);  // of a template without fields
-    const size_t size = std::span(rows).size_bytes();
+    check_lengths(*set_length, made.record_length);  // of a template without fields
+    const size_t size = std::span(made.elements).size_bytes();
+    export_template& result = made.result;
     result.elements = static_cast<const template_element**>(malloc_wrapper(size, 0));
-    std::copy(rows.begin(), rows.end(), result.elements);
-    result.field_count = static_cast<uint16_t>(rows.size());
-    result.record_length = static_cast<uint16_t>(record_length);
+    std::copy(made.elements.begin(), made.elements.end(), result.elements);
+    result.field_count = static_cast<uint16_t>(made.elements.size());
+    result.record_length = static_cast<uint16_t>(made.record_length);
     result.required = getter_bitmap_from_list(result.getters);
     result.data = make_data(result.getters);
-    return result;
+    return made;
+}
+
+// Gives the collection its templates in their order, and the plan.
+void settle_templates(template_collection& collection, std::vector<new_template>& templates) {
+    // Templates that require equally many getters stay in the order of their definitions.
+    std::stable_sort(templates.begin(), templates.end(),
+                     [](const new_template& left, const new_template& right) {
+                         return exporter_template_cmp_rev(&left.result, &right.result) < 0;
+                     });
+    collection.count = static_cast<int32_t>(templates.size());
+    collection.templates = static_cast<export_template*>(
+        malloc_wrapper(templates.size() * sizeof(export_template), 1));
+    std::vector<uint32_t> enterprises;
+    for (size_t i = 0; i < templates.size(); ++i) {
+        const new_template& made = templates[i];
+        collection.templates[i] = made.result;
+        collection.largest_record = std::max(collection.largest_record, made.record_length);
+        enterprises.insert(enterprises.end(), made.enterprises.begin(), made.enterprises.end());
+    }
+    collection.plan = new template_plan(collection, enterprises);
 }
 
 }  // namespace
@@ -163,29 +209,15 @@ int exporter_template_cmp_rev(const void* left, const void* right) {
 struct template_collection* exporter_template_init(char** definitions,
                                                    const struct template_element* elements,
                                                    struct getter* getters) {
-    std::vector<export_template> templates;
+    std::vector<new_template> templates;
+    uint32_t set_length = 4;
+    for (; definitions && *definitions; ++definitions)
+        templates.push_back(make_template(*definitions, elements, getters, &set_length));
+    if (templates.empty())
+        return nullptr;
     auto* collection = make_lifelong<template_collection>();
     collection->getters = getters;
-    uint32_t set_length = 4;
-    for (; definitions && *definitions; ++definitions) {
-        templates.push_back(make_template(*definitions, elements, getters, &set_length));
-        collection->largest_record =
-            std::max(collection->largest_record, uint32_t{templates.back().record_length});
-    }
-    if (templates.empty()) {
-        std::free(collection);
-        return nullptr;
-    }
-    // Templates that require equally many getters stay in the order of their definitions.
-    std::stable_sort(templates.begin(), templates.end(),
-                     [](const export_template& left, const export_template& right) {
-                         return exporter_template_cmp_rev(&left, &right) < 0;
-                     });
-    collection->count = static_cast<int32_t>(templates.size());
-    collection->templates = static_cast<export_template*>(
-        malloc_wrapper(templates.size() * sizeof(export_template), 1));
-    std::copy(templates.begin(), templates.end(), collection->templates);
-    collection->plan = new template_plan(*collection);
+    settle_templates(*collection, templates);
     verbose_msg(0, "Templates OK");
     return collection;
 }

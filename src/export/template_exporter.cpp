@@ -23,6 +23,7 @@
 
 #include "base/heap.h"
 #include "base/log.h"
+#include "export/template_plan.h"
 
 namespace kestrel {
 namespace {
@@ -127,9 +128,7 @@ void load_templates(template_exporter& self, getter* getters) {
     if (!self.templates)
         die(exit_config, "No templates found");
     self.templates->set_id = self.protocol->template_set_id;
-    self.templates_length = 4;
-    for (int32_t i = 0; i < self.templates->count; ++i)
-        self.templates_length += 4 + uint32_t{4} * self.templates->templates[i].field_count;
+    self.templates_length = self.templates->plan->set_length(self.templates->count);
     if (!templates_fit_at(self, 0))
         die(exit_config,
             "Templates too large for a packet: %u bytes of templates and a record of %u bytes",

@@ -49,6 +49,18 @@ void copy_data_set(template_data& data, size_t index, template_cursor& cursor) {
     data.length = 0;
 }
 
+void write_field_specifier(wire_writer& out, const template_element& element, uint32_t enterprise) {
+    constexpr uint16_t enterprise_bit = 0x8000;
+    if (enterprise == 0) {
+        out.u16(element.id);
+        out.u16(element.length);
+        return;
+    }
+    out.u16(static_cast<uint16_t>(element.id | enterprise_bit));
+    out.u16(element.length);
+    out.u32(enterprise);
+}
+
 }  // namespace
 }  // namespace kestrel
 
@@ -102,21 +114,17 @@ uint16_t exporter_template_current_data_size(const struct template_collection* c
 
 uint32_t exporter_template_fill_packet_templates(struct template_collection* collection,
                                                  struct template_cursor* cursor) {
-    uint32_t length = set_header_size;
-    for (const export_template& definition : all_templates(collection))
-        length += 4 + uint32_t{4} * definition.field_count;
+    const uint32_t length = collection->plan->set_length(collection->count);
     wire_writer out({cursor->buffer + cursor->offset, length});
     out.u16(collection->set_id);
     out.u16(static_cast<uint16_t>(length));
-    size_t index = 0;
-    for (const export_template& definition : all_templates(collection)) {
-        out.u16(template_id(index++));
+    for (int32_t index = 0; index < collection->count; ++index) {
+        const export_template& definition = collection->templates[index];
+        const std::span<const template_field> rows = collection->plan->rows_of(index);
+        out.u16(template_id(static_cast<size_t>(index)));
         out.u16(definition.field_count);
-        for (const template_element* element :
-             std::span(definition.elements, definition.field_count)) {
-            out.u16(element->id);
-            out.u16(element->length);
-        }
+        for (size_t field = 0; field < rows.size(); ++field)
+            write_field_specifier(out, *definition.elements[field], rows[field].enterprise);
     }
     const auto count = static_cast<uint32_t>(collection->count);
     cursor->offset += length;

@@ -46,14 +46,26 @@ record_validity::record_validity(const getter* table) {
 
 }  // namespace kestrel
 
-template_plan::template_plan(const template_collection& collection) : validity(collection.getters) {
+template_plan::template_plan(const template_collection& collection,
+                             std::span<const uint32_t> enterprises)
+    : validity(collection.getters) {
     for (int32_t i = 0; i < collection.count; ++i) {
         const export_template& definition = collection.templates[i];
         first_row.push_back(static_cast<uint32_t>(rows.size()));
         for (unsigned field = 0; field < definition.field_count; ++field) {
             const getter& entry = definition.getters[field];
-            rows.push_back({entry.get, entry.context, &entry, definition.elements[field]->length});
+            const uint32_t enterprise = enterprises[rows.size()];
+            rows.push_back(
+                {entry.get, entry.context, &entry, definition.elements[field]->length, enterprise});
         }
     }
     first_row.push_back(static_cast<uint32_t>(rows.size()));
+}
+
+uint32_t template_plan::set_length(int32_t count) const {
+    const auto templates = static_cast<size_t>(count);
+    uint32_t length = 4 + 4 * static_cast<uint32_t>(count);
+    for (const kestrel::template_field& row : std::span(rows).first(first_row[templates]))
+        length += kestrel::field_specifier_size(row.enterprise);
+    return length;
 }

@@ -66,17 +66,28 @@ struct template_field {
     void* context;
     const getter* self;
     uint32_t length;
+    uint32_t enterprise;  // whose number the element's is; 0: one of IANA's
 };
+static_assert(sizeof(template_field) == 32);  // half a cache line
+
+// Bytes of a field in a template set (RFC 7011 section 3.2).
+constexpr uint32_t field_specifier_size(uint32_t enterprise) {
+    return enterprise != 0 ? 8 : 4;
+}
 
 }  // namespace kestrel
 
 struct template_plan {
-    explicit template_plan(const template_collection& collection);
+    // enterprises: of each field of all templates, in their order.
+    template_plan(const template_collection& collection, std::span<const uint32_t> enterprises);
 
     std::span<const kestrel::template_field> rows_of(int32_t index) const {
         const auto at = static_cast<size_t>(index);
         return std::span(rows).subspan(first_row[at], first_row[at + 1] - first_row[at]);
     }
+
+    // Bytes of a set of the first count templates.
+    uint32_t set_length(int32_t count) const;
 
     kestrel::record_validity validity;
     std::vector<kestrel::template_field> rows;  // of all templates, in their order

@@ -84,9 +84,21 @@ uint64_t time_value(const std::string& name, const flow_record& record, uint64_t
     return (relative ? time - startup_ns : time) / unit_ns[found - unit_names];
 }
 
+// An element by number takes numbers and labels at any width, low-order bytes last.
+void write_any_width(bytes& area, unsigned place, unsigned length, const bytes& value) {
+    for (unsigned i = 0; i < length; ++i)
+        area[place + length - 1 - i] = i < value.size() ? value[i] : uint8_t{0};
+}
+
 // The value as the wire has it, at the place of its element and possibly beyond.
 void write_field(bytes& area, unsigned place, const field& of, const bytes& value) {
     const auto length = static_cast<size_t>(of.to.length);
+    const size_t widths_by_number[] = {1, 2, 3, 4, 8};
+    if (of.to.is_by_number &&
+        std::count(std::begin(widths_by_number), std::end(widths_by_number), value.size()) > 0) {
+        write_any_width(area, place, of.to.length, value);
+        return;
+    }
     const size_t effective = std::min(length, value.size());
     const bool is_number =
         effective == 1 || effective == 2 || effective == 4 || effective == 8 || effective == 16;
@@ -256,8 +268,10 @@ bytes collection::template_set() const {
         put(body, id++, 2);
         put(body, one.fields.size(), 2);
         for (const field& of : one.fields) {
-            put(body, of.to.id, 2);
+            put(body, of.to.id + (of.to.enterprise != 0 ? 0x8000 : 0), 2);
             put(body, of.to.length, 2);
+            if (of.to.enterprise != 0)
+                put(body, of.to.enterprise, 4);
         }
     }
     bytes set;

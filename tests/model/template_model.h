@@ -17,6 +17,8 @@ struct element {
     std::string name;
     unsigned id;
     unsigned length;
+    bool is_by_number = false;
+    uint32_t enterprise = 0;  // 0: none
 };
 
 std::vector<element> ipfix_elements();

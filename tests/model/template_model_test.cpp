@@ -45,9 +45,23 @@ class TemplateModel : public export_fixture {
         table_ = getter_base_init();
     }
 
+    // By name, or by number; enterprises are IPFIX's.
+    model::element draw_element(const std::vector<model::element>& elements, bool is_ipfix) {
+        if (below(4) > 0)
+            return one_of(elements);
+        model::element drawn = {"id", 1 + static_cast<unsigned>(below(32767)),
+                                1 + static_cast<unsigned>(below(below(10) ? 9 : 40)), true, 0};
+        if (is_ipfix && below(2)) {
+            drawn.enterprise = 1 + static_cast<uint32_t>(below(0xFFFFFFFF));
+            drawn.name += std::to_string(drawn.enterprise) + ".";
+        }
+        drawn.name += std::to_string(drawn.id) + "/" + std::to_string(drawn.length);
+        return drawn;
+    }
+
     // Templates that leave room in a packet, as definitions and as the text of a file.
     std::vector<std::vector<model::field>> draw_templates(
-        const std::vector<model::element>& elements, std::string* text) {
+        const std::vector<model::element>& elements, bool is_ipfix, std::string* text) {
         const std::vector<std::string> getters = model::getter_names();
         // A third of the files is crammed.
         const size_t room = below(3) ? 100 + below(500) : 1450;
@@ -57,14 +71,16 @@ class TemplateModel : public export_fixture {
         for (size_t count = 1 + below(12); count > 0; --count) {
             std::vector<model::field> fields;
             size_t length = 0;
+            size_t size = 4;
             for (size_t number = 1 + below(25); number > 0; --number) {
-                fields.push_back({one_of(elements), one_of(getters)});
+                fields.push_back({draw_element(elements, is_ipfix), one_of(getters)});
                 length += fields.back().to.length;
+                size += fields.back().to.enterprise != 0 ? 8 : 4;
             }
             const size_t new_longest = std::max(longest, length);
-            if (sets + 4 + 4 * fields.size() + 4 + (new_longest + 3) / 4 * 4 > room)
+            if (sets + size + 4 + (new_longest + 3) / 4 * 4 > room)
                 continue;
-            sets += 4 + 4 * fields.size();
+            sets += size;
             longest = new_longest;
             templates.push_back(fields);
         }
@@ -123,7 +139,7 @@ class TemplateModel : public export_fixture {
                        const std::vector<model::element>& elements, unsigned set_id) {
         draw_blocks();
         std::string text;
-        model::collection templates(draw_templates(elements, &text), set_id);
+        model::collection templates(draw_templates(elements, set_id == 2, &text), set_id);
         const model::settings settings = {static_cast<uint32_t>(below(1u << 31)),
                                           static_cast<int64_t>(below(5) ? below(300) : 0) - 1,
                                           1 + below(30)};
