@@ -4,7 +4,7 @@
 # generated: tables
 _kx_options='-d -e -m -u -v -H -X -G -P -C -I -q -t -E -n -N -F -S -h -l -V'
 _kx_input='pcap rawnetcap af-packet capture-file'
-_kx_process=''
+_kx_process='end-reason'
 _kx_filter='filter as_helper anonymizer'
 _kx_export='null netflow-v5 netflow-v9 ipfix metrics'
 declare -gA _kx_keys=(

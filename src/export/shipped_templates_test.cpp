@@ -214,6 +214,7 @@ TEST(TemplatesPage, ExamplesAreTemplates) {
     getter* table = keep(getter_base_init());
     kestrel_vlan_offset = 0;
     getter_add(&table, "SRC_AS32", 4, nullptr, record_valid_ok, record_length_4, record_get_zero);
+    getter_add(&table, "END_REASON", 1, nullptr, record_valid_ok, record_length_1, record_get_zero);
     keep(table);
     const std::string text = page();
     const std::string opening = "```\nBEGIN-TEMPLATE";
@@ -235,7 +236,7 @@ TEST(TemplatesPage, ExamplesAreTemplates) {
         for (int32_t i = 0; i < made->count; ++i)
             fields.back().push_back(made->templates[i].field_count);
     }
-    EXPECT_EQ((std::vector<std::vector<unsigned>>{{4}, {11, 10, 7}, {4}}), fields);
+    EXPECT_EQ((std::vector<std::vector<unsigned>>{{4}, {11, 10, 7}, {6}, {4}}), fields);
 }
 
 TEST_F(ShippedTemplates, BytesOnThePageAreThoseOnTheWire) {

@@ -110,6 +110,9 @@ class Commands(unittest.TestCase):
     def test_capture_file(self):
         self.run_page("extras/capture-file/README.md")
 
+    def test_end_reason(self):
+        self.run_page("extras/end-reason/README.md")
+
     def test_metrics(self):
         self.run_page("extras/metrics/README.md")
 
