@@ -6,10 +6,8 @@
 //    with it is known to the message. A message of which a part was sent is sent whole on the next
 //    connection; the collector drops the part with the old one.
 //  - UDP: the last datagram is held for a moment, as the answer that nobody listens, or that
-//  somebody
-//    on the way refuses it, comes after it.
-//    The first one of a socket is sent again then: it is the one that was refused, so nobody has
-//    it.
+//    somebody on the way refuses it, comes after it. The first one of a socket is sent again then:
+//    it is the one that was refused, so nobody has it.
 //  - SCTP: what the system takes is sent.
 #include "export/collector_connection.h"
 
