@@ -2,15 +2,11 @@
 // of their own beside.
 #include "base/outlet_account.h"
 
+#include "base/export_metrics.h"
 #include "base/memory.h"
 
 namespace kestrel {
 namespace {
-
-constexpr const char* lost_records_name = "kestrelexp_export_lost_records_total";
-constexpr const char* lost_packets_name = "kestrelexp_export_lost_packets_total";
-constexpr const char* lost_records_help = "Records that the export has not sent, by reason.";
-constexpr const char* lost_packets_help = "Packets in the records that were not sent, by reason.";
 
 constexpr metric_row queued_messages = {"kestrelexp_export_queued_messages",
                                         "Messages that wait to be sent or acknowledged.", nullptr,
@@ -21,9 +17,6 @@ constexpr metric_row queued_packets = {"kestrelexp_export_queued_packets",
                                        "Packets in the records that wait.", nullptr, METRIC_GAUGE};
 constexpr metric_row queued_bytes = {"kestrelexp_export_queued_bytes",
                                      "Bytes of the messages that wait.", nullptr, METRIC_GAUGE};
-constexpr metric_row failed_messages = {"kestrelexp_export_failed_messages_total",
-                                        "Messages that could not be sent.", nullptr,
-                                        METRIC_COUNTER};
 
 // Registered first: a snapshot that reads what has ended before what was offered never finds more
 // of the former.
@@ -32,20 +25,17 @@ constexpr metric_row worker_rows[] = {
     queued_records,
     queued_packets,
     queued_bytes,
-    {"kestrelexp_export_messages_total", "Messages that the export has sent.", nullptr,
-     METRIC_COUNTER},
-    {"kestrelexp_export_records_total", "Records that the export has sent.", nullptr,
-     METRIC_COUNTER},
-    {"kestrelexp_export_packets_total", "Packets in the records that the export has sent.", nullptr,
-     METRIC_COUNTER},
-    {"kestrelexp_export_bytes_total", "Bytes of these messages.", nullptr, METRIC_COUNTER},
-    {lost_records_name, lost_records_help, "reason=\"send\"", METRIC_COUNTER},
-    {lost_packets_name, lost_packets_help, "reason=\"send\"", METRIC_COUNTER},
-    {lost_records_name, lost_records_help, "reason=\"unacknowledged\"", METRIC_COUNTER},
-    {lost_packets_name, lost_packets_help, "reason=\"unacknowledged\"", METRIC_COUNTER},
-    {lost_records_name, lost_records_help, "reason=\"not_drained\"", METRIC_COUNTER},
-    {lost_packets_name, lost_packets_help, "reason=\"not_drained\"", METRIC_COUNTER},
-    failed_messages,
+    sent_messages_row,
+    sent_records_row,
+    sent_packets_row,
+    sent_bytes_row,
+    lost_records_row("reason=\"send\""),
+    lost_packets_row("reason=\"send\""),
+    lost_records_row("reason=\"unacknowledged\""),
+    lost_packets_row("reason=\"unacknowledged\""),
+    lost_records_row("reason=\"not_drained\""),
+    lost_packets_row("reason=\"not_drained\""),
+    failed_messages_row,
 };
 
 constexpr metric_row producer_rows[] = {
@@ -53,9 +43,9 @@ constexpr metric_row producer_rows[] = {
     queued_records,
     queued_packets,
     queued_bytes,
-    {lost_records_name, lost_records_help, "reason=\"queue_full\"", METRIC_COUNTER},
-    {lost_packets_name, lost_packets_help, "reason=\"queue_full\"", METRIC_COUNTER},
-    failed_messages,
+    lost_records_row("reason=\"queue_full\""),
+    lost_packets_row("reason=\"queue_full\""),
+    failed_messages_row,
 };
 
 template <size_t count>

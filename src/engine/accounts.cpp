@@ -9,6 +9,7 @@
 #include <optional>
 #include <string_view>
 
+#include "base/export_metrics.h"
 #include "base/log.h"
 #include "base/wire.h"
 #include "engine/switch.h"
@@ -19,15 +20,7 @@ namespace kestrel {
 namespace {
 
 constexpr const char* handed_packets_name = "kestrelexp_handed_packets_total";
-constexpr const char* sent_records_name = "kestrelexp_export_records_total";
-constexpr const char* sent_packets_name = "kestrelexp_export_packets_total";
-constexpr const char* lost_records_name = "kestrelexp_export_lost_records_total";
-constexpr const char* lost_packets_name = "kestrelexp_export_lost_packets_total";
-constexpr const char* lost_records_help = "Records that the export has not sent, by reason.";
-constexpr const char* lost_packets_help = "Packets in the records that were not sent, by reason.";
-
 constexpr const char* rejected_packets_name = "kestrelexp_rejected_packets_total";
-constexpr const char* export_up_name = "kestrelexp_export_up";
 
 constexpr metric_row handed_rows[] = {
     {"kestrelexp_handed_records_total", "Records of flows handed to the exports.", nullptr,
@@ -38,16 +31,13 @@ constexpr metric_row handed_rows[] = {
     {rejected_packets_name, "Packets in these records.", nullptr, METRIC_COUNTER},
 };
 
-constexpr metric_row export_state_rows[] = {
-    {export_up_name, "1 while the export has its collector, 0 while it does not.", nullptr,
-     METRIC_GAUGE},
-};
+constexpr metric_row export_state_rows[] = {export_up_row};
 
 constexpr metric_row kept_back_rows[] = {
-    {lost_records_name, lost_records_help, "reason=\"filter\"", METRIC_COUNTER},
-    {lost_packets_name, lost_packets_help, "reason=\"filter\"", METRIC_COUNTER},
-    {lost_records_name, lost_records_help, "reason=\"sampling\"", METRIC_COUNTER},
-    {lost_packets_name, lost_packets_help, "reason=\"sampling\"", METRIC_COUNTER},
+    lost_records_row("reason=\"filter\""),
+    lost_packets_row("reason=\"filter\""),
+    lost_records_row("reason=\"sampling\""),
+    lost_packets_row("reason=\"sampling\""),
 };
 
 constexpr metric_row filter_rows[] = {
@@ -58,11 +48,10 @@ constexpr metric_row filter_rows[] = {
 };
 
 constexpr metric_row answer_rows[] = {
-    {sent_records_name, "Records that the export has sent.", nullptr, METRIC_COUNTER},
-    {sent_packets_name, "Packets in the records that the export has sent.", nullptr,
-     METRIC_COUNTER},
-    {lost_records_name, lost_records_help, "reason=\"refused\"", METRIC_COUNTER},
-    {lost_packets_name, lost_packets_help, "reason=\"refused\"", METRIC_COUNTER},
+    sent_records_row,
+    sent_packets_row,
+    lost_records_row("reason=\"refused\""),
+    lost_packets_row("reason=\"refused\""),
 };
 
 constexpr int look_pause_ms = 10;
@@ -184,7 +173,7 @@ std::optional<packets_inside> sum_up(flow_switch& sw) {
 // The table is short: what never came up is left out, and so is the state of things.
 bool is_worth_a_line(const metric_sample& sample) {
     constexpr std::string_view always[] = {capture_packets_name, handed_packets_name,
-                                           sent_packets_name};
+                                           sent_packets_row.name};
     if (sample.type == METRIC_GAUGE && sample.name != std::string_view(unread_packets_name))
         return false;
     return sample.value != 0 || std::ranges::find(always, sample.name) != std::end(always);
@@ -220,7 +209,7 @@ std::string label_of_filter(const export_entry& entry, size_t position) {
 
 int64_t difference_of(const export_entry& entry) {
     return static_cast<int64_t>(metrics_sum(handed_packets_name, "") -
-                                metrics_sum(sent_packets_name, entry.label) -
+                                metrics_sum(sent_packets_row.name, entry.label) -
                                 metrics_sum(lost_packets_name, entry.label));
 }
 
@@ -228,12 +217,12 @@ int64_t difference_of(const export_entry& entry) {
 
 export_account::export_account(const export_entry& entry)
     : kept_back_(kept_back_rows, entry.label.c_str()),
-      keeps_own_account_(metrics_known(sent_packets_name, entry.label)) {
+      keeps_own_account_(metrics_known(sent_packets_row.name, entry.label)) {
     if (!keeps_own_account_)
         answers_ = counter_block<answer_metric>(answer_rows, entry.label.c_str());
     for (size_t position = 0; position < entry.filters.size(); ++position)
         filters_.emplace_back(filter_rows, label_of_filter(entry, position).c_str());
-    if (!metrics_known(export_up_name, entry.label))
+    if (!metrics_known(export_up_row.name, entry.label))
         counter_block<export_state_metric>(export_state_rows, entry.label.c_str())
             .set(export_state_metric::is_up, 1);
 }

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "base/clock.h"
+#include "base/export_metrics.h"
 #include "base/log.h"
 
 namespace kestrel {
@@ -13,7 +14,7 @@ namespace {
 
 constexpr std::string_view loss_names[] = {
     "kestrelexp_capture_dropped_packets_total",
-    "kestrelexp_export_lost_packets_total",
+    lost_packets_name,
 };
 constexpr std::string_view wanted[] = {"reason=\"filter\"", "reason=\"sampling\""};
 
