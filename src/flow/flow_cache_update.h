@@ -66,18 +66,22 @@ void queue_update_plugins(flow_queue& queue, uint32_t slot, flow_record& packet)
 // victim, which leaves.
 uint32_t queue_make_room(flow_queue& queue, uint32_t start);
 
+// What the idle scan does with a slot that holds a flow.
+inline void queue_remove_idle(flow_queue& queue, uint32_t slot, uint64_t now) {
+    const fast_record& fast = queue.fast[slot];
+    if (fast.packets() != 0 && longer_than(fast.end, now, queue.inactive_timeout)) [[unlikely]]
+        queue_remove_record(&queue, slot, REMOVAL_INACTIVE);
+}
+
 // Looks at one slot of the idle scan, and into it only when there is a flow. Slot 0 is never
 // examined: the cursor reaching it ends the scan, and its flow leaves by collision, active timeout
 // or flush.
 inline void queue_scan_step(flow_queue& queue, uint64_t now) {
     if (queue.scan_cursor < 0)
         return;
-    const int32_t slot = queue.scan_cursor--;
-    if (queue.scan_cursor < 0 || !queue.map.holds_flow(static_cast<uint32_t>(slot)))
-        return;
-    const fast_record& fast = queue.fast[slot];
-    if (fast.packets() != 0 && longer_than(fast.end, now, queue.inactive_timeout)) [[unlikely]]
-        queue_remove_record(&queue, static_cast<uint32_t>(slot), REMOVAL_INACTIVE);
+    const auto slot = static_cast<uint32_t>(queue.scan_cursor--);
+    if (queue.scan_cursor >= 0 && queue.map.holds_flow(slot))
+        queue_remove_idle(queue, slot, now);
 }
 
 // Adds a packet to the flow in slot. False when the flow ended instead and the slot is free: by

@@ -3,6 +3,7 @@
 // empty alone. Guarded by the cache's lock.
 #pragma once
 
+#include <bit>
 #include <cstdint>
 
 #include "kestrelexp/service.h"
@@ -24,6 +25,20 @@ class slot_map {
     }
     // Whether no slot of the one's block holds a flow.
     bool is_block_empty(uint32_t slot) const { return block_flows_[slot / block_slots] == 0; }
+
+    // The last slot up to the given one that holds a flow; -1: none does.
+    int32_t last_flow(int32_t slot) const {
+        while (slot >= 0) {
+            const auto place = static_cast<uint32_t>(slot);
+            const uint64_t flows = bits_[place / word_slots]
+                                   << (word_slots - 1 - place % word_slots);
+            if (flows != 0)
+                return slot - std::countl_zero(flows);
+            const uint32_t skipped = is_block_empty(place) ? block_slots : word_slots;
+            slot = static_cast<int32_t>(place / skipped * skipped) - 1;
+        }
+        return -1;
+    }
 
     // The slot held no flow.
     void add(uint32_t slot) {
