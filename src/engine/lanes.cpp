@@ -106,14 +106,23 @@ void update_showing_frames(lane& self, unsigned frames) {
     }
 }
 
+// Buckets are fetched in small groups: a fetch may have to wait for the translation of its address,
+// and those that follow each other closely wait together.
 void parse_batch(lane& self, unsigned frames) {
+    constexpr unsigned group = 8;
     self.count = 0;
+    unsigned fetched = 0;
     for (unsigned n = 0; n < frames; ++n) {
         if (!parse(self, self.frames[n])) [[unlikely]]
             continue;
-        queue_prefetch_bucket(self.queue, self.keys[self.count]);
         ++self.count;
+        if (self.count % group != 0)
+            continue;
+        for (; fetched < self.count; ++fetched)
+            queue_prefetch_bucket(self.queue, self.keys[fetched]);
     }
+    for (; fetched < self.count; ++fetched)
+        queue_prefetch_bucket(self.queue, self.keys[fetched]);
 }
 
 // All slots are fetched ahead before the first is changed.
