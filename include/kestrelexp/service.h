@@ -40,6 +40,9 @@ KX_API uint64_t timer_get_sec(void);
 KX_API uint64_t timer_get_nsec(void);
 /* A cheap varying number: the wall clock's microseconds, 0 to 999,999. */
 KX_API uint64_t timer_get_rnd(void);
+/* 1 when these clocks are those of a replay's packets, else 0. They stand still between two records
+ * then, and nothing is lost when an export makes the record loop wait. */
+KX_API int32_t timer_is_replay(void);
 /* Sets the start-up time to the wall-clock ns at which the monotonic clock was zero; returns the
  * uptime that it read. */
 KX_API uint64_t timer_startup_time_update(void);

@@ -6,7 +6,7 @@ _kx_options='-d -e -m -u -v -H -X -G -P -C -I -q -t -E -n -N -F -S -h -l -V'
 _kx_input='pcap rawnetcap af-packet capture-file'
 _kx_process='end-reason'
 _kx_filter='filter as_helper anonymizer'
-_kx_export='null netflow-v5 netflow-v9 ipfix metrics'
+_kx_export='null netflow-v5 netflow-v9 ipfix ipfix-file metrics'
 declare -gA _kx_keys=(
     [pcap]='device sampling'
     [rawnetcap]='device sampling cache-size'
@@ -15,6 +15,7 @@ declare -gA _kx_keys=(
     [ipfix]='host port ip protocol source_id template_file template-refresh-time template-refresh-packets reconnect queue drain'
     [af-packet]='device lanes fanout ring sampling promiscuous snap filter'
     [capture-file]='file filter-file sampling'
+    [ipfix-file]='file rotate-time rotate-size template-file source_id queue drain'
     [metrics]='port address'
 )
 # end

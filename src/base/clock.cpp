@@ -93,6 +93,10 @@ uint64_t timer_get_rnd(void) {
     return timer_get_nsec() % ns_per_second / ns_per_us;
 }
 
+int32_t timer_is_replay(void) {
+    return clocks().is_replay ? 1 : 0;
+}
+
 uint64_t timer_startup_time_update(void) {
     const uint64_t now_ns = timer_get_nsec();
     const uint64_t uptime_ns = timer_get_uptime();

@@ -18,6 +18,7 @@ struct clock_source {
     uint64_t (*uptime_ns)();  // ns, never running backwards
     // Returns when so many ns of its time have passed or a stop is requested; null: the system's.
     void (*sleep_ns)(uint64_t ns) = nullptr;
+    bool is_replay = false;  // what timer_is_replay tells
 };
 
 // Puts another driver in place of the system's clocks (a replay that runs on the time of its

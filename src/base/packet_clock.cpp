@@ -23,7 +23,7 @@ uint64_t uptime_ns() {
     return wall_ns() - start_ns.load(std::memory_order_relaxed);
 }
 
-constexpr clock_source packet_clock = {wall_ns, uptime_ns};
+constexpr clock_source packet_clock = {wall_ns, uptime_ns, nullptr, true};
 
 }  // namespace
 

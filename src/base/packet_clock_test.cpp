@@ -27,7 +27,9 @@ std::string in_child(void (*body)()) {
 
 TEST(PacketClock, StandsAtTheFirstPacketWithAMinuteOfUptime) {
     CHECK_IN_CHILD({
+        EXPECT_EQ(0, timer_is_replay());
         packet_clock_start(start);
+        EXPECT_EQ(1, timer_is_replay());
         EXPECT_EQ(start, timer_get_nsec());
         EXPECT_EQ(631'152'000u, timer_get_sec());
         EXPECT_EQ(minute, timer_get_uptime());

@@ -24,6 +24,8 @@ SHOWN = {
                     r"From the probe to the collector: [1-9]",
     "nfdump": r"total flows: [1-9]|Top \d+ |10\.0\.0\.1",
     "cat": r"(?m)^10\.0\.0\.1,",
+    "tshark": r"(?m)^10\.0\.0\.1",
+    "ipfixDump": r"[1-9]\d* Data Records",
 }
 FRAMES = [ethernet(ipv4(transport, "10.0.0.1", "10.0.0.2")) for transport in (
     tcp(1000, 80, SYN), tcp(1000, 80, ACK, b"x" * 100), udp(1001, 53, b"x" * 40))]

@@ -113,6 +113,9 @@ class Commands(unittest.TestCase):
     def test_end_reason(self):
         self.run_page("extras/end-reason/README.md")
 
+    def test_ipfix_file(self):
+        self.run_page("extras/ipfix-file/README.md")
+
     def test_metrics(self):
         self.run_page("extras/metrics/README.md")
 

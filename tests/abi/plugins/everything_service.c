@@ -37,6 +37,7 @@ static void check_clocks(void) {
     CHECK(timer_get_nsec() / second - wall < 10);
     CHECK(timer_get_nsec() % 1000 == 0);
     CHECK(timer_get_rnd() < 1000000);
+    CHECK(timer_is_replay() == 0);
 
     const uint64_t read = timer_startup_time_update();
     CHECK(read >= up && read - up < 10 * second);
