@@ -23,7 +23,9 @@ KINDS = ("INPUT", "PROCESS", "FILTER", "EXPORT")
 # Parameters that are told by the manual and not by the plugins' own texts, which have been what
 # they are for a long time.
 BACKGROUND = ["reconnect", "queue", "drain"]
-UNLISTED = {"netflow-v5": BACKGROUND, "netflow-v9": BACKGROUND, "ipfix": BACKGROUND}
+GROUP = ["group"]
+UNLISTED = {"netflow-v5": BACKGROUND, "netflow-v9": BACKGROUND + GROUP,
+            "ipfix": BACKGROUND + GROUP}
 # Keys that the descriptions spell in another way than the plugin reads them.
 READ_AS = {("ipfix", "template-file"): "template_file"}
 

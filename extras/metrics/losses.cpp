@@ -51,7 +51,14 @@ std::vector<reason_count> export_losses(const reading_list& list, std::string_vi
     for (const reading& one : list)
         if (one.name == names::export_lost_packets && one.label_value("export") == export_name) {
             const std::string reason(one.label_value("reason"));
-            found.push_back({reason, one.value, !is_wanted(reason)});
+            // An export with several collectors has a reason several times.
+            const auto known = std::find_if(
+                found.begin(), found.end(),
+                [&reason](const reason_count& counted) { return counted.reason == reason; });
+            if (known != found.end())
+                known->packets += one.value;
+            else
+                found.push_back({reason, one.value, !is_wanted(reason)});
         }
     return without_nothing(std::move(found));
 }

@@ -76,6 +76,24 @@ std::optional<uint64_t> sum_of(const reading_list& list, std::string_view name,
     return sum;
 }
 
+std::optional<uint64_t> least_of(const reading_list& list, std::string_view name,
+                                 wanted_label with) {
+    std::optional<uint64_t> least;
+    for (const reading& one : list)
+        if (one.name == name && one.label_value(with.name) == with.value)
+            least = std::min(least.value_or(one.value), one.value);
+    return least;
+}
+
+std::optional<uint64_t> greatest_of(const reading_list& list, std::string_view name,
+                                    wanted_label with) {
+    std::optional<uint64_t> greatest;
+    for (const reading& one : list)
+        if (one.name == name && one.label_value(with.name) == with.value)
+            greatest = std::max(greatest.value_or(one.value), one.value);
+    return greatest;
+}
+
 std::vector<std::string> values_of_label(const reading_list& list, std::string_view name,
                                          std::string_view label_name) {
     std::vector<std::string> found;

@@ -45,6 +45,12 @@ struct wanted_label {
 std::optional<uint64_t> sum_of(const reading_list& list, std::string_view name,
                                std::optional<wanted_label> with = std::nullopt);
 
+// The same of the smallest and of the largest.
+std::optional<uint64_t> least_of(const reading_list& list, std::string_view name,
+                                 wanted_label with);
+std::optional<uint64_t> greatest_of(const reading_list& list, std::string_view name,
+                                    wanted_label with);
+
 // The different values that a label has among the readings of a name, in their order.
 std::vector<std::string> values_of_label(const reading_list& list, std::string_view name,
                                          std::string_view label_name);

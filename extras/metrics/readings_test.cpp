@@ -145,4 +145,18 @@ TEST(Losses, AreToldFromWhatWasAskedFor) {
     EXPECT_EQ(metrics::all_lost_packets(list), 35U);
 }
 
+TEST(Collectors, OfAnExportAreTakenTogether) {
+    const char* const lost = "kestrelexp_export_lost_packets_total";
+    const char* const sent = "kestrelexp_export_last_success_timestamp_seconds";
+    const reading_list list{
+        counted(lost, {{"export", "ipfix-0"}, {"collector", "0"}, {"reason", "send"}}, 2),
+        counted(lost, {{"export", "ipfix-0"}, {"collector", "1"}, {"reason", "send"}}, 3),
+        gauge(sent, {{"export", "ipfix-0"}, {"collector", "0"}}, 100),
+        gauge(sent, {{"export", "ipfix-0"}, {"collector", "1"}}, 90)};
+    EXPECT_EQ(text_of(metrics::export_losses(list, "ipfix-0")), "send 5! ");
+    EXPECT_EQ(metrics::greatest_of(list, sent, {"export", "ipfix-0"}), 100U);
+    EXPECT_EQ(metrics::least_of(list, sent, {"export", "ipfix-0"}), 90U);
+    EXPECT_EQ(metrics::least_of(list, sent, {"export", "null-1"}), std::nullopt);
+}
+
 }  // namespace

@@ -76,7 +76,6 @@ constexpr export_row export_rows[] = {
     {"failed_messages", names::export_failed},
     {"reconnects", names::export_reconnects},
     {"template_restarts", names::export_template_restarts},
-    {"last_success", names::export_last_success},
 };
 
 // The position of an export, which its label ends in.
@@ -101,10 +100,12 @@ json exports(const reading_list& list, std::string_view self) {
     json found = json::array();
     for (const std::string& name : names_of_exports(list)) {
         const wanted_label label{"export", name};
-        const auto up = sum_of(list, names::export_up, label);
+        // An export with several collectors is up when all of them are.
+        const auto up = least_of(list, names::export_up, label);
         json one{{"name", name}, {"up", up ? json(*up == 1) : json(nullptr)}};
         for (const export_row& row : export_rows)
             one[row.field] = number_or_null(sum_of(list, row.metric, label));
+        one["last_success"] = number_or_null(greatest_of(list, names::export_last_success, label));
         const std::vector<reason_count> counts = export_losses(list, name);
         one["lost"] = reasons(counts, true);
         one["left_out"] = reasons(counts, false);

@@ -26,6 +26,7 @@
 #include "kestrelexp/program.h"
 #include "kestrelexp/service.h"
 #include "kestrelexp/storage.h"
+#include "record/flow_identity.h"
 
 namespace kestrel {
 
@@ -134,6 +135,7 @@ flow_switch* make_switch(settings& settings, const engine& engine, flow_queue* q
     if (input == nullptr)
         die(exit_config, "Input driver not set");
     const metrics_label_scope label(metric_label("input", input->desc()->name));
+    flow_identity_set_mask(settings.flow_mask);
     struct flow_switch* const flow_switch =
         engine.make_switch(queue, settings.flow_mask, run.registry.process_flag, input);
     if (flow_switch == nullptr)

@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "base/log.h"
@@ -128,12 +129,11 @@ std::string metric_label(std::string_view key, std::string_view value) {
     return text + '"';
 }
 
-metrics_label_scope::metrics_label_scope(std::string labels) {
-    the_registry().label = std::move(labels);
-}
+metrics_label_scope::metrics_label_scope(std::string labels)
+    : outer_(std::exchange(the_registry().label, std::move(labels))) {}
 
 metrics_label_scope::~metrics_label_scope() {
-    the_registry().label.clear();
+    the_registry().label = std::move(outer_);
 }
 
 uint64_t metrics_sum(std::string_view name, std::string_view labels) {

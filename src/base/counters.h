@@ -41,13 +41,17 @@ class counter_block {
 // key="value", the value escaped.
 std::string metric_label(std::string_view key, std::string_view value);
 
-// While it lives, metrics_label() tells these labels. Main thread, while the program starts.
+// While it lives, metrics_label() tells these labels, then what it told before. Main thread, while
+// the program starts.
 class metrics_label_scope {
   public:
     explicit metrics_label_scope(std::string labels);
     ~metrics_label_scope();
     metrics_label_scope(const metrics_label_scope&) = delete;
     metrics_label_scope& operator=(const metrics_label_scope&) = delete;
+
+  private:
+    std::string outer_;
 };
 
 // The sum of all metrics of this name whose labels begin with the given ones (empty: all). Is there

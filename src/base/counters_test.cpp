@@ -127,6 +127,11 @@ TEST(Counters, TheLabelOfAPluginHoldsWhileItsScopeDoes) {
     {
         const metrics_label_scope scope(metric_label("export", "null-1"));
         EXPECT_STREQ(metrics_label(), "export=\"null-1\"");
+        {
+            const metrics_label_scope inner("collector=\"2\"");
+            EXPECT_STREQ(metrics_label(), "collector=\"2\"");
+        }
+        EXPECT_STREQ(metrics_label(), "export=\"null-1\"");
     }
     EXPECT_STREQ(metrics_label(), "");
 }

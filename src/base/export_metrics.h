@@ -23,6 +23,9 @@ inline constexpr metric_row failed_messages_row = {"kestrelexp_export_failed_mes
 inline constexpr metric_row export_up_row = {
     "kestrelexp_export_up", "1 while the export has its collector, 0 while it does not.", nullptr,
     METRIC_GAUGE};
+// Of an export whose collectors each get every record.
+inline constexpr metric_row export_copies_row = {
+    "kestrelexp_export_copies", "Collectors that each record is sent to.", nullptr, METRIC_GAUGE};
 
 inline constexpr const char* lost_packets_name = "kestrelexp_export_lost_packets_total";
 

@@ -207,10 +207,26 @@ std::string label_of_filter(const export_entry& entry, size_t position) {
            metric_label("filter", std::string(name) + "-" + std::to_string(position));
 }
 
-int64_t difference_of(const export_entry& entry) {
-    return static_cast<int64_t>(metrics_sum(handed_packets_name, "") -
-                                metrics_sum(sent_packets_row.name, entry.label) -
-                                metrics_sum(lost_packets_name, entry.label));
+// labels: of an export, or of one of its collectors. kept_back: what these labels do not have.
+int64_t difference_of(const std::string& labels, uint64_t kept_back) {
+    return static_cast<int64_t>(metrics_sum(handed_packets_name, "") - kept_back -
+                                metrics_sum(sent_packets_row.name, labels) -
+                                metrics_sum(lost_packets_name, labels));
+}
+
+// Where each collector of an export gets all records, each has a sum of its own.
+void say_differences(const export_entry& entry) {
+    const uint64_t copies = metrics_sum(export_copies_row.name, entry.label);
+    if (copies == 0)
+        say_difference(entry.label.c_str(), difference_of(entry.label, 0));
+    uint64_t kept_back = 0;
+    for (const char* reason : {",reason=\"filter\"", ",reason=\"sampling\""})
+        kept_back += metrics_sum(lost_packets_name, entry.label + reason);
+    for (uint64_t copy = 0; copy < copies; ++copy) {
+        const std::string labels =
+            entry.label + "," + metric_label("collector", std::to_string(copy));
+        say_difference(labels.c_str(), difference_of(labels, kept_back));
+    }
 }
 
 }  // namespace
@@ -247,7 +263,7 @@ void say_sum(const run_configuration& run) {
     else
         verbose_msg(0, "The flow cache is busy: what is in it and in the rings was not counted");
     for (const export_entry& entry : run.exports)
-        say_difference(entry.label.c_str(), difference_of(entry));
+        say_differences(entry);
 }
 
 }  // namespace kestrel

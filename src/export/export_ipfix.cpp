@@ -14,6 +14,7 @@
 #include "base/memory.h"
 #include "base/message_limit.h"
 #include "base/wire.h"
+#include "export/collector_group.h"
 #include "export/template_exporter.h"
 #include "kestrelexp/builtin.h"
 
@@ -238,16 +239,7 @@ uint32_t export_flow(ipfix_exporter& self, const flow_record* record) {
     return 0;
 }
 
-}  // namespace
-}  // namespace kestrel
-
-using namespace kestrel;
-
-const struct plugin_description* exporter_ipfix_desc(void) {
-    return &description;
-}
-
-void* exporter_ipfix_init(char* params, struct getter* getters) {
+void* init_one(char* params, getter* getters) {
     auto* self = make_lifelong<ipfix_exporter>(template_exporter{.protocol = &ipfix_protocol});
     read_parameters(*self, params, {{"protocol", &self->transport_name, CONFIG_STRING}});
     if (self->transport_name)
@@ -259,13 +251,38 @@ void* exporter_ipfix_init(char* params, struct getter* getters) {
     return self;
 }
 
+constexpr collector_kind kind = {
+    description.name,
+    init_one,
+    [](void* one, flow_record* record) {
+        return export_flow(*static_cast<ipfix_exporter*>(one), record);
+    },
+    [](void* one) {
+        auto& self = *static_cast<ipfix_exporter*>(one);
+        const uint32_t result = flush(self);
+        report_unsent(self);  // here and not with each message: the last flush of a run comes here
+        return result;
+    },
+    [](const void* one) { return static_cast<const ipfix_exporter*>(one)->account.is_up(); },
+};
+
+}  // namespace
+}  // namespace kestrel
+
+using namespace kestrel;
+
+const struct plugin_description* exporter_ipfix_desc(void) {
+    return &description;
+}
+
+void* exporter_ipfix_init(char* params, struct getter* getters) {
+    return open_collectors(kind, params, getters);
+}
+
 uint32_t exporter_ipfix_export(void* instance, struct flow_record* record) {
-    return export_flow(*static_cast<ipfix_exporter*>(instance), record);
+    return static_cast<const collector_group*>(instance)->export_record(record);
 }
 
 uint32_t exporter_ipfix_flush(void* instance) {
-    auto& self = *static_cast<ipfix_exporter*>(instance);
-    const uint32_t result = flush(self);
-    report_unsent(self);  // here and not with each message: the last flush of a run comes here
-    return result;
+    return static_cast<const collector_group*>(instance)->flush();
 }

@@ -10,6 +10,7 @@
 #include "base/log.h"
 #include "base/memory.h"
 #include "base/wire.h"
+#include "export/collector_group.h"
 #include "export/header_clock.h"
 #include "export/template_exporter.h"
 #include "kestrelexp/builtin.h"
@@ -183,6 +184,26 @@ uint32_t export_flow(nf9_exporter& self, const flow_record* record) {
     return 0;
 }
 
+void* init_one(char* params, getter* getters) {
+    auto* self = make_lifelong<nf9_exporter>(template_exporter{.protocol = &netflow_v9_protocol});
+    read_parameters(*self, params, {});
+    load_templates(*self, getters);
+    connect_collector(*self, description.name, *make_lifelong<nf9_conversation>(*self));
+    open_packet(*self);
+    verbose_msg(0, "Export v9 OK");
+    return self;
+}
+
+constexpr collector_kind kind = {
+    description.name,
+    init_one,
+    [](void* one, flow_record* record) {
+        return export_flow(*static_cast<nf9_exporter*>(one), record);
+    },
+    [](void* one) { return flush(*static_cast<nf9_exporter*>(one)); },
+    [](const void* one) { return static_cast<const nf9_exporter*>(one)->account.is_up(); },
+};
+
 }  // namespace
 }  // namespace kestrel
 
@@ -193,19 +214,13 @@ const struct plugin_description* exporter_nf9_desc(void) {
 }
 
 void* exporter_nf9_init(char* params, struct getter* getters) {
-    auto* self = make_lifelong<nf9_exporter>(template_exporter{.protocol = &netflow_v9_protocol});
-    read_parameters(*self, params, {});
-    load_templates(*self, getters);
-    connect_collector(*self, description.name, *make_lifelong<nf9_conversation>(*self));
-    open_packet(*self);
-    verbose_msg(0, "Export v9 OK");
-    return self;
+    return open_collectors(kind, params, getters);
 }
 
 uint32_t exporter_nf9_export(void* instance, struct flow_record* record) {
-    return export_flow(*static_cast<nf9_exporter*>(instance), record);
+    return static_cast<const collector_group*>(instance)->export_record(record);
 }
 
 uint32_t exporter_nf9_flush(void* instance) {
-    return flush(*static_cast<nf9_exporter*>(instance));
+    return static_cast<const collector_group*>(instance)->flush();
 }

@@ -76,6 +76,8 @@ class send_account {
     }
     // By the outlet's worker, from its start on, so that these numbers have one writer.
     void set_up(bool is_up) const { block_.set(send_metric::is_up, is_up ? 1 : 0); }
+    // Any thread.
+    bool is_up() const { return block_.value(send_metric::is_up) != 0; }
     void count_reconnect() const { block_.add(send_metric::reconnects); }
     void note_success() const { block_.set(send_metric::last_success_s, system_wall_s()); }
 

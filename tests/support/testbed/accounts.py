@@ -52,13 +52,28 @@ class Sum:
         return self.total(LOST, export) + sum(map(self.total, (
             DROPPED, UNREAD, SAMPLED_OUT, DISCARDED, IN_CACHE, IN_RINGS, REJECTED)))
 
-    def check(self, case):
+    def check(self, case, parallel=()):
         """Received = sampled out + no flow + inside + handed, save what global filters rejected,
-        and for each export handed = sent + lost."""
+        and for each export handed = sent + lost; of those in parallel for each collector."""
         case.assertEqual([key for key in self.values if key[0] == UNACCOUNTED], [])
         case.assertEqual(self.total(RECEIVED), sum(map(self.total, (
             SAMPLED_OUT, DISCARDED, IN_CACHE, IN_RINGS, HANDED, REJECTED))))
         case.assertNotEqual(self.exports(), [])
         for export in self.exports():
+            if export in parallel:
+                self._check_collectors(case, export)
+                continue
             case.assertEqual(self.total(HANDED),
                              self.total(SENT, export) + self.total(LOST, export), export)
+
+    def collectors(self, export):
+        return sorted({match[1] for _, texts in self.values if export in texts
+                       and (match := re.search(r'(collector="[^"]*")', texts))})
+
+    def _check_collectors(self, case, export):
+        case.assertGreater(len(self.collectors(export)), 1)
+        kept_back = sum(self.total(LOST, export, reason)
+                        for reason in ('reason="filter"', 'reason="sampling"'))
+        for collector in self.collectors(export):
+            case.assertEqual(self.total(HANDED), kept_back + self.total(SENT, export, collector)
+                             + self.total(LOST, export, collector), collector)

@@ -78,11 +78,11 @@ def limit_send_buffers(size):
         setting.write(f"4096 {size} {size}")
 
 
-def udp_receiver(buffer_bytes=128 << 20, port=0):
+def udp_receiver(buffer_bytes=128 << 20, port=0, host="127.0.0.1"):
     """A bound loopback socket whose buffer holds whatever a test sends before it is read."""
     receiver = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
     receiver.setsockopt(socket.SOL_SOCKET, _SO_RCVBUFFORCE, buffer_bytes)
-    receiver.bind(("127.0.0.1", port))
+    receiver.bind((host, port))
     return receiver
 
 

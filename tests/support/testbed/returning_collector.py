@@ -8,8 +8,9 @@ from testbed.network import udp_receiver
 
 
 class ReturningCollector:
-    def __init__(self):
-        self._socket = udp_receiver()
+    def __init__(self, host="127.0.0.1", port=0):
+        self.host = host
+        self._socket = udp_receiver(host=host, port=port)
         self.port = self._socket.getsockname()[1]
         self.datagrams = []
 
@@ -24,7 +25,7 @@ class ReturningCollector:
         self.close()
 
     def come_back(self):
-        self._socket = udp_receiver(port=self.port)
+        self._socket = udp_receiver(host=self.host, port=self.port)
 
     def close(self):
         self._socket.close()

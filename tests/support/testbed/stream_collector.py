@@ -23,17 +23,18 @@ class Connection:
 
 
 class StreamCollector:
-    """Listens on a loopback port of its own. One thread reads whatever comes until it is told
-    otherwise. room: bytes of the receive buffer."""
+    """Listens on a loopback port, of its own unless one is given. One thread reads whatever comes
+    until it is told otherwise. room: bytes of the receive buffer."""
 
-    def __init__(self, room=1 << 20):
+    def __init__(self, room=1 << 20, host="127.0.0.1", port=0):
+        self.host = host
         self._room = room
         self._listener = None
         self._peer = None
         self._is_reading = threading.Event()
         self._is_closed = threading.Event()
         self._lock = threading.Lock()
-        self.port = 0
+        self.port = port
         self.connections = []
         self.listen()
         self._is_reading.set()
@@ -45,7 +46,7 @@ class StreamCollector:
         listener = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
         listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, self._room)
-        listener.bind(("127.0.0.1", self.port))
+        listener.bind((self.host, self.port))
         listener.listen()
         self.port = listener.getsockname()[1]
         with self._lock:
