@@ -23,9 +23,10 @@ KINDS = ("INPUT", "PROCESS", "FILTER", "EXPORT")
 # Parameters that are told by the manual and not by the plugins' own texts, which have been what
 # they are for a long time.
 BACKGROUND = ["reconnect", "queue", "drain"]
+OPTIONS = ["options-refresh-time", "sampling-elements"]
 GROUP = ["group"]
-UNLISTED = {"netflow-v5": BACKGROUND, "netflow-v9": BACKGROUND + GROUP,
-            "ipfix": BACKGROUND + GROUP}
+UNLISTED = {"netflow-v5": BACKGROUND, "netflow-v9": BACKGROUND + OPTIONS + GROUP,
+            "ipfix": BACKGROUND + OPTIONS + GROUP}
 # Keys that the descriptions spell in another way than the plugin reads them.
 READ_AS = {("ipfix", "template-file"): "template_file"}
 

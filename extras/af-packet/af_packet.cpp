@@ -67,6 +67,7 @@ using namespace af_packet;
 
 int32_t plugin_type = PLUGIN_KIND_INPUT;
 int32_t plugin_contract_version = PLUGIN_CONTRACT_VERSION;
+int32_t plugin_input_sampling_is_random = 1;
 
 const plugin_description* plugin_input_desc(void) {
     return &description;
@@ -100,4 +101,11 @@ uint32_t plugin_input_get_batch(void* instance, uint32_t queue, input_frame* fra
 
 void plugin_input_counters(void* instance, uint32_t queue, input_counts* counts) {
     static_cast<input*>(instance)->lanes[queue]->count(*counts);
+}
+
+void plugin_input_interfaces(void* instance, input_interface_told_function* tell, void* context) {
+    for (const auto& it : static_cast<const input*>(instance)->devices) {
+        const input_interface told = it->told();
+        tell(context, &told);
+    }
 }

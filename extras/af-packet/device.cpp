@@ -151,6 +151,7 @@ bool device::make_program(const link_sight& sight, filter_program& program) {
 // The capture is on the interface of this sight, which is up.
 void device::attach(const link_sight& sight) {
     index_ = sight.index;
+    std::memcpy(alias_, sight.alias, sizeof alias_);
     standing_ = standing::up;
     is_fault_said_ = false;
     card_seen_ = sight.card_lost;
@@ -187,6 +188,7 @@ void device::look(const link_sight& sight, uint64_t now_ns, bool has_error) {
     if (standing_ == standing::gone)
         return try_again(sight);
     mtu_.store(sight.mtu, std::memory_order_relaxed);
+    std::memcpy(alias_, sight.alias, sizeof alias_);
     count_card(sight);
     if (sight.is_up) {
         // An error is left of a moment that no look has seen.

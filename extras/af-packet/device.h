@@ -56,6 +56,8 @@ class device {
 
     // On lane 0. has_error: the socket has just told of one.
     void watch(uint64_t now_ns, bool has_error);
+    // What frames come from, or came from last.
+    input_interface told() const { return {interface_number(index_), name(), alias_}; }
     bool is_up() const { return standing_ == standing::up || standing_ == standing::settling; }
     uint64_t changes() const { return changes_; }
     uint64_t card_dropped() const { return card_dropped_; }
@@ -97,6 +99,7 @@ class device {
 
     standing standing_ = standing::up;
     int index_ = 0;
+    char alias_[alias_size] = "";
     uint64_t down_since_ns_ = 0;
     uint64_t next_look_ns_ = 0;
     uint64_t changes_ = 0;

@@ -80,6 +80,11 @@ inline uint16_t removed_tag_type(const tpacket3_hdr& header) {
                                                                : uint16_t{type_tag};
 }
 
+// As packet headers carry it; 0: larger than they can.
+inline uint16_t interface_number(int index) {
+    return static_cast<uint16_t>(index <= UINT16_MAX ? index : 0);
+}
+
 // Returns 1 when the frame is longer than the interface can have received it, else 0.
 inline uint32_t describe_frame(tpacket3_hdr& header, const frame_limits& limits,
                                input_frame& told) {
@@ -109,7 +114,7 @@ inline uint32_t describe_frame(tpacket3_hdr& header, const frame_limits& limits,
         joined = wire > limits.mtu + ethernet_header;
     }
     const bool is_sent = link.sll_pkttype == PACKET_OUTGOING;
-    const auto index = static_cast<uint16_t>(link.sll_ifindex <= UINT16_MAX ? link.sll_ifindex : 0);
+    const uint16_t index = interface_number(link.sll_ifindex);
     told.header.timestamp = uint64_t{header.tp_sec} * 1'000'000'000 + header.tp_nsec;
     told.header.wire_length = wire;
     told.header.captured_length = captured;

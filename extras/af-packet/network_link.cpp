@@ -33,6 +33,10 @@ T load(const uint8_t* from) {
 void take_attribute(uint16_t type, const uint8_t* value, size_t size, link_sight& sight) {
     if (type == IFLA_MTU && size >= sizeof(uint32_t))
         sight.mtu = load<uint32_t>(value);
+    if (type == IFLA_IFALIAS && size > 0 && size <= sizeof sight.alias) {
+        std::memcpy(sight.alias, value, size);
+        sight.alias[size - 1] = '\0';  // the kernel's has one there
+    }
     // Newer kernels have more counters at the end.
     constexpr size_t needed = offsetof(rtnl_link_stats64, rx_missed_errors) + sizeof(uint64_t);
     if (type == IFLA_STATS64 && size >= needed)
@@ -81,9 +85,10 @@ std::optional<link_sight> read_link_answer(const uint8_t* data, size_t size) {
     if (header.nlmsg_type != RTM_NEWLINK || header.nlmsg_len < fixed)
         return std::nullopt;
     const auto link = load<ifinfomsg>(data + sizeof(nlmsghdr));
-    link_sight sight{.index = link.ifi_index,
-                     .is_up = (link.ifi_flags & IFF_UP) != 0,
-                     .hardware = link.ifi_type};
+    link_sight sight;
+    sight.index = link.ifi_index;
+    sight.is_up = (link.ifi_flags & IFF_UP) != 0;
+    sight.hardware = link.ifi_type;
     take_attributes(data + fixed, header.nlmsg_len - fixed, sight);
     return sight;
 }

@@ -8,8 +8,11 @@
 
 namespace af_packet {
 
+constexpr size_t alias_size = 256;  // with its NUL, as the kernel has it
+
 struct link_sight {
-    int index = 0;  // 0: no interface has the name
+    char alias[alias_size] = "";  // what somebody has said that it is for
+    int index = 0;                // 0: no interface has the name
     bool is_up = false;
     uint16_t hardware = 0;  // ARPHRD_...
     uint32_t mtu = 0;       // bytes

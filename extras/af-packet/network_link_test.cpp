@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace {
@@ -47,6 +48,7 @@ bytes link_message() {
     append(message, ifinfomsg{AF_UNSPEC, 0, 1, 17, IFF_UP | IFF_RUNNING, 0});
     append_attribute(message, IFLA_IFNAME, {'e', 't', 'h', '0', 0});
     append_attribute(message, IFLA_MTU, {0xDC, 0x05, 0, 0});
+    append_attribute(message, IFLA_IFALIAS, {'u', 'p', 0});
     rtnl_link_stats64 counters{};
     counters.rx_packets = 1000;
     counters.rx_dropped = 500;
@@ -74,6 +76,18 @@ TEST(AfPacketLink, AnAnswerTellsOfTheInterface) {
     EXPECT_EQ(sight->hardware, 1);
     EXPECT_EQ(sight->mtu, 1500u);
     EXPECT_EQ(sight->card_lost, 34u);
+    EXPECT_STREQ(sight->alias, "up");
+}
+
+TEST(AfPacketLink, AnAliasThatIsTooLongIsNone) {
+    for (const size_t size : {af_packet::alias_size, af_packet::alias_size + 1}) {
+        bytes message = link_message();
+        append_attribute(message, IFLA_IFALIAS, bytes(size, 'x'));
+        const auto sight = read(finished(message));
+        ASSERT_TRUE(sight);
+        const std::string longest(af_packet::alias_size - 1, 'x');
+        EXPECT_EQ(sight->alias, size == af_packet::alias_size ? longest : "up");
+    }
 }
 
 TEST(AfPacketLink, AnErrorIsNoInterfaceOrNoAnswer) {

@@ -17,6 +17,7 @@ KX_API input_init_function input_pcap_init;
 KX_API input_sampling_function input_pcap_sampling;
 KX_API packet_function input_pcap_packet;
 KX_API input_counters_function input_pcap_counters;
+KX_API input_interfaces_function input_pcap_interfaces;
 
 KX_API plugin_desc_function input_rawnetcap_desc;
 KX_API input_init_function input_rawnetcap_init;
@@ -37,11 +38,13 @@ KX_API plugin_desc_function exporter_nf9_desc;
 KX_API export_init_function exporter_nf9_init;
 KX_API export_export_function exporter_nf9_export;
 KX_API export_flush_function exporter_nf9_flush;
+KX_API export_tend_function exporter_nf9_tend;
 
 KX_API plugin_desc_function exporter_ipfix_desc;
 KX_API export_init_function exporter_ipfix_init;
 KX_API export_export_function exporter_ipfix_export;
 KX_API export_flush_function exporter_ipfix_flush;
+KX_API export_tend_function exporter_ipfix_tend;
 
 /* Compiles the rule file that params name into a struct filter_rules (filter.h). NULL after
  * reporting a fault. getters is not used and may be NULL. */

@@ -142,6 +142,25 @@ typedef uint32_t input_batch_function(void* instance, uint32_t queue, struct inp
  * Quick, as frames wait meanwhile. */
 typedef void input_counters_function(void* instance, uint32_t queue, struct input_counts* counts);
 
+/* An interface that frames come from. Texts end with NUL, in UTF-8, and are valid while they are
+ * told.
+ */
+struct input_interface {
+    uint32_t number;         /* what the packet headers or flow records carry for it */
+    const char* name;        /* eth0; empty: not known */
+    const char* description; /* what it is for; empty: nobody has said */
+};
+
+/* The program's own: takes one interface. */
+typedef void input_interface_told_function(void* context, const struct input_interface* told);
+
+/* Optional: tells of each interface that the input captures from, one after the other, by calls of
+ * tell(context, ...). Called once after init, on the main thread, and then, when exports want to
+ * know, about four times a second where input_counters_function is called, for queue 0. Quick, as
+ * frames wait meanwhile. */
+typedef void input_interfaces_function(void* instance, input_interface_told_function* tell,
+                                       void* context);
+
 struct input_plugin {
     plugin_desc_function* desc;
     input_init_function* init;
@@ -166,6 +185,13 @@ typedef void* export_init_function(char* params, struct getter* getters);
 typedef uint32_t export_export_function(void* instance, struct flow_record* record);
 /* Sends what is buffered. Called when traffic stops and at the end of the program. */
 typedef uint32_t export_flush_function(void* instance);
+
+enum { EXPORT_TEND_NEVER = -1 };
+/* Optional: for what an export does by the clock. Called for the first time before the first flow,
+ * and then again once as many ms have passed as it returned; a negative number ends the calls. A
+ * call may be 50 ms late, and in a replay, where it goes by the time of the packets, as late as the
+ * next flow. On the thread of the other export functions, which waits meanwhile. */
+typedef int32_t export_tend_function(void* instance);
 
 struct export_plugin {
     plugin_desc_function* desc;
@@ -295,11 +321,17 @@ KX_API input_clock_function plugin_input_clock;       /* optional, beside get_pa
 KX_API input_counters_function plugin_input_counters; /* optional */
 KX_API input_batch_function plugin_input_get_batch;   /* optional */
 KX_API input_queues_function plugin_input_queues;     /* optional, beside get_batch */
+KX_API input_interfaces_function plugin_input_interfaces; /* optional */
+
+/* Optional: not 0 says that the input's sampling picks packets at random, not each N-th. Read once,
+ * after init. */
+extern KX_API int32_t plugin_input_sampling_is_random;
 
 KX_API plugin_desc_function plugin_export_desc;
 KX_API export_init_function plugin_export_init;
 KX_API export_export_function plugin_export_export;
 KX_API export_flush_function plugin_export_flush;
+KX_API export_tend_function plugin_export_tend; /* optional */
 
 KX_API plugin_desc_function plugin_process_desc;
 KX_API process_init_function plugin_process_init;
@@ -336,6 +368,8 @@ KX_ASSERT_LAYOUT(sizeof(struct input_frame) == 32);
 KX_ASSERT_LAYOUT(offsetof(struct input_frame, data) == 24);
 KX_ASSERT_LAYOUT(sizeof(struct input_counts) == 56);
 KX_ASSERT_LAYOUT(offsetof(struct input_counts, unread_packets) == 40);
+KX_ASSERT_LAYOUT(sizeof(struct input_interface) == 24);
+KX_ASSERT_LAYOUT(offsetof(struct input_interface, description) == 16);
 KX_ASSERT_LAYOUT(sizeof(struct export_plugin) == 48);
 KX_ASSERT_LAYOUT(offsetof(struct export_plugin, params) == 32);
 KX_ASSERT_LAYOUT(offsetof(struct export_plugin, instance) == 40);

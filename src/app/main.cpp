@@ -13,6 +13,7 @@
 #include "base/counters.h"
 #include "base/log.h"
 #include "base/memory.h"
+#include "base/observation.h"
 #include "base/service_notify.h"
 #include "base/thread.h"
 #include "contract/builtins.h"
@@ -141,7 +142,9 @@ flow_switch* make_switch(settings& settings, const engine& engine, flow_queue* q
     if (flow_switch == nullptr)
         die(exit_config, "Driver initialization failed");
     run.input_switch = flow_switch;
-    switch_take_operations(*flow_switch, operations_of(run.registry, input->desc));
+    const plugin_operations& operations = operations_of(run.registry, input->desc);
+    switch_take_operations(*flow_switch, operations);
+    observe_input(*flow_switch, *input, operations);
     engine.prepare(*flow_switch, run);
     return flow_switch;
 }
@@ -189,6 +192,16 @@ void check_exports(const run_configuration& run) {
         die(exit_config, "No export set. Exiting.");
 }
 
+export_place place_of(const run_configuration& run, const export_entry& entry) {
+    const auto interface_or_none = [](uint16_t number) {
+        return number == SNMP_INTERFACE_UNSET ? -1 : int32_t{number};
+    };
+    return {.position = static_cast<uint32_t>(&entry - run.exports.data()),
+            .sampling_rate = static_cast<uint32_t>(entry.sampling_rate),
+            .input_interface = interface_or_none(entry.snmp_input_if),
+            .output_interface = interface_or_none(entry.snmp_output_if)};
+}
+
 void init_exports(run_configuration& run) {
     for (export_entry& entry : run.exports) {
         getter_copy_list(&entry.getters, run.base_getters);
@@ -202,7 +215,9 @@ void init_exports(run_configuration& run) {
         entry.plugin = *plugin;
         entry.label = metric_label(
             "export", std::string(name) + '-' + std::to_string(&entry - run.exports.data()));
+        entry.tend = operations_of(run.registry, plugin->desc).tend;
         const metrics_label_scope label(entry.label);
+        const export_place_scope place(place_of(run, entry));
         entry.instance = entry.plugin.init(entry.params, entry.getters);
         if (entry.instance == nullptr)
             die(exit_config, "Export: %s ERROR", name);

@@ -49,14 +49,27 @@ constexpr builtin builtins[] = {
 };
 
 // What they offer beyond the entry points of their kind.
+constexpr plugin_operations input_offer(plugin_desc_function* desc,
+                                        input_counters_function* counters,
+                                        input_interfaces_function* interfaces) {
+    plugin_operations offer{};
+    offer.desc = desc;
+    offer.counters = counters;
+    offer.interfaces = interfaces;
+    return offer;
+}
+
+constexpr plugin_operations export_offer(plugin_desc_function* desc, export_tend_function* tend) {
+    plugin_operations offer{};
+    offer.desc = desc;
+    offer.tend = tend;
+    return offer;
+}
+
 constexpr plugin_operations builtin_operations[] = {
-    {.desc = input_pcap_desc,
-     .clock = nullptr,
-     .counters = input_pcap_counters,
-     .get_batch = nullptr,
-     .queues = nullptr,
-     .is_thread_safe = nullptr,
-     .next = nullptr},
+    input_offer(input_pcap_desc, input_pcap_counters, input_pcap_interfaces),
+    export_offer(exporter_nf9_desc, exporter_nf9_tend),
+    export_offer(exporter_ipfix_desc, exporter_ipfix_tend),
 };
 
 }  // namespace

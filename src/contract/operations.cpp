@@ -24,6 +24,12 @@ constexpr operation_row operation_rows[] = {
      offsetof(plugin_operations, get_batch)},
     {"plugin_process_is_thread_safe", PLUGIN_KIND_PROCESS,
      offsetof(plugin_operations, is_thread_safe), nullptr, operation_row::in_plugin, 0},
+    {"plugin_input_interfaces", PLUGIN_KIND_INPUT, offsetof(plugin_operations, interfaces), nullptr,
+     operation_row::in_plugin, 0},
+    {"plugin_input_sampling_is_random", PLUGIN_KIND_INPUT,
+     offsetof(plugin_operations, is_sampling_random), nullptr, operation_row::in_plugin, 0},
+    {"plugin_export_tend", PLUGIN_KIND_EXPORT, offsetof(plugin_operations, tend), nullptr,
+     operation_row::in_plugin, 0},
 };
 
 constexpr plugin_operations no_operations{};

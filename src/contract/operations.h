@@ -17,7 +17,10 @@ struct plugin_operations {
     input_batch_function* get_batch;
     input_queues_function* queues;
     const int32_t* is_thread_safe;  // of a process plugin
-    plugin_operations* next;        // of the registry's chain
+    input_interfaces_function* interfaces;
+    const int32_t* is_sampling_random;  // of an input
+    export_tend_function* tend;
+    plugin_operations* next;  // of the registry's chain
 };
 
 namespace kestrel {

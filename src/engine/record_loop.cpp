@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <span>
+#include <vector>
 
 #include "base/clock.h"
 #include "base/heartbeat.h"
@@ -91,10 +92,51 @@ inline bool dispatch(const export_entry& entry, const export_account& account, f
     return true;
 }
 
+// Calls the exports that are due, each at a time of its own. Exports that never want to be called
+// cost a comparison.
+class export_clock {
+  public:
+    explicit export_clock(std::span<const export_entry> exports) : exports_(exports) {
+        for (const export_entry& entry : exports)
+            due_ns_.push_back(entry.tend != nullptr ? 0 : never);
+        next_ns_ = earliest();
+    }
+
+    void tend_exports() {
+        if (next_ns_ != never) [[unlikely]]
+            tend_those_due(timer_get_uptime());
+    }
+
+  private:
+    static constexpr uint64_t never = UINT64_MAX;
+
+    void tend_those_due(uint64_t now_ns) {
+        if (now_ns < next_ns_)
+            return;
+        for (size_t n = 0; n < exports_.size(); ++n) {
+            if (now_ns < due_ns_[n])
+                continue;
+            const int32_t pause_ms = exports_[n].tend(exports_[n].instance);
+            due_ns_[n] =
+                pause_ms < 0 ? never : now_ns + static_cast<uint64_t>(pause_ms) * ns_per_ms;
+        }
+        next_ns_ = earliest();
+    }
+
+    uint64_t earliest() const {
+        return due_ns_.empty() ? never : *std::ranges::min_element(due_ns_);
+    }
+
+    std::span<const export_entry> exports_;
+    std::vector<uint64_t> due_ns_;  // by export, on the uptime
+    uint64_t next_ns_ = never;      // the least of them
+};
+
 struct dispatcher {
     std::span<const filter_plugin> global_filters;
     std::span<const export_entry> exports;
     idle_watch idle;
+    export_clock clock;
     record_accounts accounts;
     uint64_t record_counter = 0;  // records that passed the global filters
 
@@ -102,6 +144,7 @@ struct dispatcher {
         : global_filters(configuration.global_filters),
           exports(configuration.exports),
           idle(timer_get_sec()),
+          clock(configuration.exports),
           accounts(configuration) {}
 };
 
@@ -221,6 +264,7 @@ int replay_record_loop(temporal_storage* storage, unsigned record_size,
             continue;
         const auto stamp = load_native<replay_stamp>(slot + record_size);
         pass_silence(self, stamp.now_ns);
+        self.clock.tend_exports();
         if (stamp.ended != nullptr) {
             flush_exports(self);
             say_totals(*stamp.ended, out);
@@ -249,6 +293,7 @@ int main_record_loop(temporal_storage* storage, unsigned record_size,
     own_heartbeat = &record_loop_heartbeat;
     do {
         record_loop_heartbeat.beat();
+        self.clock.tend_exports();
         void* const slot = rings.get(get_timeout_ms);
         if (slot == nullptr)
             (void)flush_when_idle(self);

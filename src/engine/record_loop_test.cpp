@@ -134,6 +134,25 @@ TEST_F(RecordLoop, ExportsGetEveryRecordInOrderAndOneFlushAtTheEnd) {
                             farewell);
 }
 
+template <int32_t pause_ms>
+int32_t note_tending(void* instance) {
+    std::fprintf(stderr, "%s:tend\n", static_cast<const char*>(instance));
+    return pause_ms;
+}
+
+TEST_F(RecordLoop, ExportsAreTendedBeforeTheFirstRecordAndThenAsTheyWantIt) {
+    add("a").tend = note_tending<0>;
+    add("b").tend = note_tending<EXPORT_TEND_NEVER>;
+    add("c").tend = note_tending<3'600'000>;
+    add("d");
+    expect(numbered(2), std::string("a:tend\nb:tend\nc:tend\n"
+                                    "a:1,0,0,0\nb:1,0,0,0\nc:1,0,0,0\nd:1,0,0,0\n"
+                                    "a:tend\n"
+                                    "a:2,0,0,0\nb:2,0,0,0\nc:2,0,0,0\nd:2,0,0,0\n"
+                                    "a:flush\nb:flush\nc:flush\nd:flush\n") +
+                            farewell);
+}
+
 TEST_F(RecordLoop, StampedInterfacesStayForLaterExports) {
     add("a").snmp_input_if = 5;
     add("b").snmp_output_if = 9;

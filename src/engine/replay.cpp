@@ -215,12 +215,8 @@ flow_queue* replay_queue_init(int32_t size_exponent, int32_t active_s, int32_t i
 
 flow_switch* replay_switch_init(flow_queue* queue, uint32_t flow_mask, int needs_packets,
                                 input_plugin* input) {
-    if (input->get_packet != nullptr) {
-        flow_switch* const sw = sw_init(queue, flow_mask, needs_packets, input);
-        if (sw != nullptr)
-            sw->sampling = static_cast<const packet_reader*>(sw->context)->sampling;
-        return sw;
-    }
+    if (input->get_packet != nullptr)
+        return sw_init(queue, flow_mask, needs_packets, input);
     return lanes_switch_init(queue, flow_mask, needs_packets, input);
 }
 

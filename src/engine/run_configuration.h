@@ -27,6 +27,7 @@ struct export_entry {
     uint16_t snmp_input_if = SNMP_INTERFACE_UNSET;
     uint16_t snmp_output_if = SNMP_INTERFACE_UNSET;
     export_plugin plugin{};  // copy of the registered plugin, made when the export is initialised
+    export_tend_function* tend = nullptr;  // may be null
     char* params = nullptr;
     void* instance = nullptr;
     getter* getters = nullptr;           // this export's own copy of the base table

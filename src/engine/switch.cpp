@@ -12,6 +12,7 @@
 
 #include "base/log.h"
 #include "base/memory.h"
+#include "base/observation.h"
 #include "base/thread.h"
 #include "base/wire.h"
 #include "flow/flow_cache_update.h"
@@ -261,6 +262,17 @@ void switch_connect(flow_switch& sw, flow_queue* queue, const input_plugin& inpu
 
 namespace {
 
+void update_interfaces(const flow_switch& sw) {
+    interface_update update;
+    sw.interfaces(
+        sw.instance,
+        [](void* context, const input_interface* told) {
+            static_cast<interface_update*>(context)->tell(told->number, told->name,
+                                                          told->description);
+        },
+        &update);
+}
+
 // Takes the request to count, and counts. Returns all requests that there were.
 uint32_t count_what_is_undelivered(flow_switch& sw) {
     const uint32_t requests = sw.requests.fetch_and(~count_undelivered, std::memory_order_relaxed);
@@ -270,6 +282,8 @@ uint32_t count_what_is_undelivered(flow_switch& sw) {
         sw.counts(sw.instance, sw.lane, &now);
         sw.counters.take(now);
     }
+    if (sw.interfaces != nullptr && are_interfaces_wanted())
+        update_interfaces(sw);
     return requests;
 }
 
@@ -292,6 +306,18 @@ void switch_take_operations(flow_switch& sw, const plugin_operations& input) {
     sw.counts = input.counters;
     if (sw.counts != nullptr)
         sw.counters.expect_counts(metrics_label());
+    sw.interfaces = sw.lane == 0 ? input.interfaces : nullptr;
+}
+
+void observe_input(const flow_switch& sw, const input_plugin& input,
+                   const plugin_operations& operations) {
+    // Where frames are parsed here the rate is read already, and it is to be read once.
+    const bool has_rate = sw.reader == nullptr || sw.reader == packet_to_flow_reader;
+    const int32_t* const is_random = operations.is_sampling_random;
+    observation_set_sampling({.rate = has_rate ? sw.sampling : input.sampling(input.instance),
+                              .is_random = is_random != nullptr && *is_random != 0});
+    if (sw.interfaces != nullptr)
+        update_interfaces(sw);
 }
 
 void* sw_split_loop(void* argument) {
@@ -325,7 +351,9 @@ flow_switch* sw_init(flow_queue* queue, uint32_t flow_mask, int needs_packets,
     sw->needs_packets = needs_packets != 0;
     if (mode == input_mode::packets) {
         sw->reader = packet_to_flow_reader;
-        sw->context = plugin_flow_reader_init(input);
+        packet_reader* const reader = plugin_flow_reader_init(input);
+        sw->context = reader;
+        sw->sampling = reader->sampling;
     } else if (mode == input_mode::flows) {
         sw->reader = input->get_flow;
         sw->get_flow_packet = input->get_flow_packet;

@@ -27,15 +27,16 @@ struct flow_switch {
     // and acquire, so that it finds the ring complete.
     std::atomic<temporal_storage*> exchange;
     flow_queue* queue;
-    kestrel::frame_ring* frames;       // made by sw_split_loop when frames are needed, else null
-    bool needs_packets;                // some process plugin looks at the packet of each record
-    void* instance;                    // of the input
-    uint32_t lane;                     // queue of the input; see lanes.h
-    input_batch_function* get_batch;   // of inputs with queues, else null
-    uint32_t sampling;                 // of the input, where it gives batches
-    flow_switch* next_lane;            // of the same input; null after the last
-    input_counters_function* counts;   // what it did not deliver; may be null
-    kestrel::input_counters counters;  // written by the thread that calls the input
+    kestrel::frame_ring* frames;      // made by sw_split_loop when frames are needed, else null
+    bool needs_packets;               // some process plugin looks at the packet of each record
+    void* instance;                   // of the input
+    uint32_t lane;                    // queue of the input; see lanes.h
+    input_batch_function* get_batch;  // of inputs with queues, else null
+    uint32_t sampling;                // of the input, where it gives frames
+    flow_switch* next_lane;           // of the same input; null after the last
+    input_counters_function* counts;  // what it did not deliver; may be null
+    input_interfaces_function* interfaces;  // that it captures from; null: lane 0 tells, or nobody
+    kestrel::input_counters counters;       // written by the thread that calls the input
     // A sum of kestrel::reader_request, for the thread that calls the input; it looks at them
     // between two packets. They carry no data: relaxed.
     std::atomic<uint32_t> requests;
@@ -92,6 +93,10 @@ bool switch_init_input(bool needs_packets, input_plugin& input);
 // What the input offers beyond its entry points. While the program starts, in the scope of the
 // input's metrics label.
 void switch_take_operations(flow_switch& sw, const plugin_operations& input);
+
+// Writes down how the input samples and which interfaces it has. While the program starts.
+void observe_input(const flow_switch& sw, const input_plugin& input,
+                   const plugin_operations& operations);
 
 // The two forms of sw_main_loop (kestrelexp/flow.h), which chooses between them: reading and
 // updating on two threads, or on one. Thread bodies; argument: the switch. They never return.

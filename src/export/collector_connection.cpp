@@ -66,7 +66,7 @@ bool collector_connection::tend(outlet* queue, bool is_closing, outlet_wait& wai
     if (state_ == state::proving)
         prove(queue, wait);
     if (state_ == state::up)
-        return look_after(queue, wait);
+        return look_after(queue, wait) && send_own(queue, wait);
     if (state_ == state::resting)
         rest(wait);
     return awaits_first_datagram();
@@ -209,6 +209,49 @@ bool collector_connection::look_after(outlet* queue, outlet_wait& wait) {
     return false;
 }
 
+// Sends what the protocol has of its own, unless a message of the export has begun. Returns whether
+// the connection takes messages after that.
+bool collector_connection::send_own(outlet* queue, outlet_wait& wait) {
+    if (part_ > 0)
+        return true;
+    if (own_length_ == 0)
+        own_length_ = protocol_.own_message(now_ns_, own_);
+    wait_until(protocol_.next_own_ns(now_ns_), wait);
+    if (own_length_ == 0)
+        return true;
+    const int64_t sent = network_.send(own_ + own_part_, own_length_ - own_part_);
+    if (sent < 0 && sent != -EAGAIN) {
+        if (!is_datagram() || sent != -EMSGSIZE) {
+            fail(queue, static_cast<int>(-sent), is_refusal(static_cast<int>(-sent)));
+            rest(wait);
+            return false;
+        }
+        end_own(false);  // the next one may be shorter
+        return true;
+    }
+    own_part_ += static_cast<uint32_t>(std::max<int64_t>(sent, 0));
+    written_ += static_cast<uint64_t>(std::max<int64_t>(sent, 0));
+    if (own_part_ < own_length_) {
+        if (sent > 0 || full_since_ns_ == 0)
+            full_since_ns_ = now_ns_;
+        wait.events |= POLLOUT;
+        wait_until(now_ns_ + full_look_ns, wait);
+        return false;
+    }
+    full_since_ns_ = 0;
+    if (is_datagram())
+        note_datagram(queue);
+    end_own(true);
+    return true;
+}
+
+// Of the protocol's own message, if there is one.
+void collector_connection::end_own(bool is_sent) {
+    if (own_length_ > 0)
+        protocol_.note_own_end(own_length_, is_sent);
+    own_length_ = own_part_ = 0;
+}
+
 void collector_connection::settle_acknowledged(outlet* queue) {
     const uint64_t acknowledged = written_ - std::min(network_.unacknowledged(), written_);
     if (acknowledged > acknowledged_ || acknowledged == written_)
@@ -259,7 +302,8 @@ outlet_answer collector_connection::deliver(outlet* queue, outlet_message& messa
     return OUTLET_LATER;
 }
 
-outlet_answer collector_connection::sent_datagram(outlet* queue, const outlet_message& message) {
+// The system has taken another one.
+void collector_connection::note_datagram(outlet* queue) {
     if (outlet_held(queue) != nullptr) {
         outlet_settle(queue, OUTLET_SENT);  // nobody has said that it did not arrive
         account_.note_success();
@@ -267,6 +311,10 @@ outlet_answer collector_connection::sent_datagram(outlet* queue, const outlet_me
     datagrams_ += 1;
     last_send_ns_ = now_ns_;
     full_since_ns_ = 0;
+}
+
+outlet_answer collector_connection::sent_datagram(outlet* queue, const outlet_message& message) {
+    note_datagram(queue);
     protocol_.note_sent(message);
     return OUTLET_KEEP;
 }
@@ -313,6 +361,7 @@ void collector_connection::fail(outlet* queue, int fault, bool is_answer) {
     state_ = state::resting;
     state_until_ns_ = now_ns_ + (is_closing_ ? std::min(pause_ns, last_pause_ns) : pause_ns);
     part_ = 0;
+    end_own(false);
     account_.set_up(false);
     say_down(fault);
 }
@@ -339,7 +388,7 @@ void collector_connection::end(outlet* queue) {
              outlet_held(queue) != nullptr)
         outlet_settle(queue, OUTLET_SENT);
     // What is counted as lost is not to arrive after all.
-    network_.close(outlet_held(queue) != nullptr || part_ > 0);
+    network_.close(outlet_held(queue) != nullptr || part_ > 0 || own_part_ > 0);
     state_ = state::resting;
 }
 

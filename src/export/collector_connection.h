@@ -37,6 +37,14 @@ class conversation {
     virtual void prepare(outlet_message& /*message*/) {}
     // The system has taken it.
     virtual void note_sent(const outlet_message& /*message*/) {}
+
+    // Writes a message that the protocol has to send of its own on a connection that is up, between
+    // those of the export; returns its bytes, at most greeting_size. 0: there is none now. Each of
+    // them comes to an end before it is asked for the next one.
+    virtual uint32_t own_message(uint64_t /*now_ns*/, uint8_t* /*message*/) { return 0; }
+    virtual void note_own_end(uint32_t /*length*/, bool /*is_sent*/) {}
+    // When it is to be asked again at the latest.
+    virtual uint64_t next_own_ns(uint64_t /*now_ns*/) { return UINT64_MAX; }
 };
 
 class collector_connection {
@@ -70,10 +78,13 @@ class collector_connection {
     void prove(outlet* queue, outlet_wait& wait);
     void come_up();
     bool look_after(outlet* queue, outlet_wait& wait);
+    bool send_own(outlet* queue, outlet_wait& wait);
+    void end_own(bool is_sent);
     void settle_acknowledged(outlet* queue);
     void settle_datagram(outlet* queue);
     bool is_stalled() const;
     void note_full();
+    void note_datagram(outlet* queue);
     outlet_answer sent_datagram(outlet* queue, const outlet_message& message);
     outlet_answer sent_part(outlet_message& message, uint32_t bytes);
     void give_held_back(outlet* queue, bool is_answer, int fault);
@@ -113,6 +124,9 @@ class collector_connection {
     uint32_t part_ = 0;           // bytes of the next message that the system has taken
     uint64_t full_since_ns_ = 0;  // 0: the last send was taken
     bool is_full_ = false;        // the system takes no more for now
+    uint32_t own_length_ = 0;     // of the protocol's own message that is on its way; 0: none
+    uint32_t own_part_ = 0;       // bytes of it that the system has taken
+    uint8_t own_[greeting_size] = {};
 };
 
 }  // namespace kestrel

@@ -145,4 +145,9 @@ uint32_t collector_group::flush() const {
     return result;
 }
 
+// The workers of several collectors look at the clock themselves.
+int32_t collector_group::tend() const {
+    return how_ == sharing::alone ? kind_.tend(exporters_.front()) : int32_t{EXPORT_TEND_NEVER};
+}
+
 }  // namespace kestrel

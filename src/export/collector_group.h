@@ -26,6 +26,7 @@ struct collector_kind {
     export_init_function* init;
     export_export_function* export_record;
     export_flush_function* flush;
+    export_tend_function* tend;
     bool (*is_up)(const void* exporter);
 };
 
@@ -55,6 +56,7 @@ class collector_group {
 
     uint32_t export_record(flow_record* record) const;
     uint32_t flush() const;
+    int32_t tend() const;
 
   private:
     bool is_up(size_t position) const { return kind_.is_up(exporters_[position]); }

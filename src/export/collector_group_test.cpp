@@ -76,6 +76,7 @@ constexpr collector_kind kind = {
         static_cast<noted*>(one)->flushes += 1;
         return static_cast<noted*>(one)->answer;
     },
+    [](void*) { return int32_t{7}; },
     [](const void* one) { return static_cast<const noted*>(one)->is_up; },
 };
 
@@ -132,6 +133,16 @@ TEST_F(Group, AllAreFlushed) {
     for (const noted& one : ones)
         EXPECT_EQ(1u, one.flushes);
     EXPECT_EQ(0xFFFFFFFFu, last_flush);
+}
+
+TEST_F(Group, OnlyOneAloneGoesByTheClockOfTheRecordLoop) {
+    collector_group alone(kind, sharing::alone);
+    alone.add(&ones[0]);
+    EXPECT_EQ(7, alone.tend());
+    collector_group several(kind, sharing::fallback);
+    several.add(&ones[0]);
+    several.add(&ones[1]);
+    EXPECT_EQ(-1, several.tend());
 }
 
 // ---- Parameters ----

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <utility>
 
 #include "base/clock.h"
 #include "base/log.h"
@@ -50,6 +51,7 @@ constexpr template_protocol ipfix_protocol = {
     .elements = static_field_ipfix,
     .template_set_id = 2,
     .header_length = sizeof(ipfix_header),
+    .options = options_protocol::ipfix,
 };
 
 namespace {
@@ -79,26 +81,40 @@ constexpr transport transports[] = {{"udp", 3, 17}, {"tcp", 3, 6}, {"sctp", 4, 1
 struct ipfix_exporter;
 
 // What the worker of an export in the background adds to the messages: the templates, in a message
-// of their own. Template records do not count, so it has the sequence number of the next message.
+// of their own, and options records. Template records do not count, so a message of them has the
+// sequence number of the next one. Options records do: they are added to the number that the
+// record loop has given a message.
 class ipfix_conversation final : public conversation {
   public:
     explicit ipfix_conversation(const ipfix_exporter& exporter) : exporter_(exporter) {}
 
     uint32_t greeting(uint8_t* message) override;
+    void note_greeting() override;
+    void prepare(outlet_message& message) override {
+        store_native(static_cast<uint8_t*>(message.data) + offsetof(ipfix_header, sequence_be),
+                     byte_swap(static_cast<uint32_t>(message.number) + options_count_));
+    }
     void note_sent(const outlet_message& message) override {
         sequence_ = static_cast<uint32_t>(message.number) + message.records;
     }
+    uint32_t own_message(uint64_t now_ns, uint8_t* message) override;
+    void note_own_end(uint32_t length, bool is_sent) override;
+    uint64_t next_own_ns(uint64_t now_ns) override;
 
   private:
     const ipfix_exporter& exporter_;
-    uint32_t sequence_ = 0;  // after the message that was sent last
+    uint32_t sequence_ = 0;       // of flow records, after the message that was sent last
+    uint32_t options_count_ = 0;  // options records so far
+    uint32_t last_options_ = 0;   // of these, in the message that was made last
 };
 
 struct ipfix_exporter : template_exporter {
     char* transport_name = nullptr;
-    uint32_t sequence = 0;  // of the next message
-    uint64_t unsent = 0;    // records lost since the collector was given up, not yet reported
+    uint32_t sequence = 0;       // of the next message
+    uint32_t options_count = 0;  // options records sent on this thread
+    uint64_t unsent = 0;         // records lost since the collector was given up, not yet reported
     message_limit connected_again = {};
+    bool is_connection_new = false;  // and waits for options records
 };
 
 constexpr uint64_t messages_per_report = 1000;
@@ -133,8 +149,35 @@ uint32_t ipfix_conversation::greeting(uint8_t* message) {
     uint32_t length;
     (void)write_greeting(exporter_, message + sizeof(ipfix_header), length);
     length += sizeof(ipfix_header);
-    write_header(exporter_, message, timer_get_sec(), length, sequence_);
+    write_header(exporter_, message, timer_get_sec(), length, sequence_ + options_count_);
     return length;
+}
+
+void ipfix_conversation::note_greeting() {
+    if (exporter_.options != nullptr)
+        exporter_.options->note_connection();
+}
+
+uint32_t ipfix_conversation::own_message(uint64_t now_ns, uint8_t* message) {
+    if (exporter_.options == nullptr)
+        return 0;
+    const options_records::message made =
+        exporter_.options->next(now_ns, {message + sizeof(ipfix_header), TEMPLATE_SETS_SIZE});
+    if (made.length == 0)
+        return 0;
+    const uint32_t length = made.length + static_cast<uint32_t>(sizeof(ipfix_header));
+    write_header(exporter_, message, timer_get_sec(), length, sequence_ + options_count_);
+    last_options_ = made.records;
+    return length;
+}
+
+void ipfix_conversation::note_own_end(uint32_t length, bool is_sent) {
+    options_count_ += last_options_;
+    exporter_.options->count(length, is_sent);
+}
+
+uint64_t ipfix_conversation::next_own_ns(uint64_t now_ns) {
+    return exporter_.options != nullptr ? exporter_.options->next_look_ns(now_ns) : UINT64_MAX;
 }
 
 bool is_connected(const ipfix_exporter& self) {
@@ -151,16 +194,24 @@ void say_connected_again(ipfix_exporter& self, int error) {
                     self.to.host, self.to.port, std::strerror(error), times);
 }
 
-// After a message that could not be sent for this error. Once the program was asked to stop and the
-// collector is not there, it is given up: that message and all later ones are lost.
-void reconnect(ipfix_exporter& self, int error) {
+uint32_t records_before_next(const ipfix_exporter& self) {
+    return self.templates->records_added + self.options_count;
+}
+
+// After a message that could not be sent for this error, with so many flow records. Once the
+// program was asked to stop and the collector is not there, it is given up: that message and all
+// later ones are lost.
+void reconnect(ipfix_exporter& self, int error, uint32_t lost) {
     if (is_connected(self))
         self.socket = net_reconnect(self.to, self.socket);
     if (is_connected(self)) {
         self.account.add_reconnect();
         say_connected_again(self, error);
+        self.is_connection_new = has_options_here(self);
+        if (self.is_connection_new)
+            self.options->note_connection();
     } else {
-        self.unsent += self.templates->records_added - self.sequence;
+        self.unsent += lost;
     }
 }
 
@@ -173,9 +224,9 @@ void report_unsent(ipfix_exporter& self) {
 
 // Blocks until the whole message has left, or returns false with errno. A collector that is there
 // and does not read is not up meanwhile.
-bool send_message(const ipfix_exporter& self, uint32_t length) {
+bool send_message(const ipfix_exporter& self, const uint8_t* message, uint32_t length) {
     constexpr int patience_ms = 1000;
-    ssize_t sent = send(self.socket, self.packet, length, MSG_NOSIGNAL | MSG_DONTWAIT);
+    ssize_t sent = send(self.socket, message, length, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent == static_cast<ssize_t>(length))
         return true;
     if (sent < 0 && errno != EAGAIN)
@@ -184,7 +235,7 @@ bool send_message(const ipfix_exporter& self, uint32_t length) {
     if (!net_wait_for_room(self.socket, patience_ms))
         self.account.note_stall();
     const auto left = static_cast<uint32_t>(length - sent);
-    return net_send(self.socket, self.packet + sent, left, MSG_NOSIGNAL) >= 0;
+    return net_send(self.socket, message + sent, left, MSG_NOSIGNAL) >= 0;
 }
 
 // The end of a message that was sent, or was not for this error.
@@ -193,7 +244,7 @@ void note_message(ipfix_exporter& self, uint64_t now_s, uint32_t length, bool se
     start_packet(self);
     if (sent)
         return;
-    reconnect(self, error);
+    reconnect(self, error, records_before_next(self) - self.sequence);
     // The collector of the new connection may know no template yet.
     self.pending += restart_templates(self, now_s);
 }
@@ -212,23 +263,62 @@ uint32_t flush(ipfix_exporter& self) {
         offer_message(self.queue, self.account, self.packet, length, self.sequence);
         start_packet(self);
     } else {
-        const bool sent = is_connected(self) && send_message(self, length);
+        const bool sent = is_connected(self) && send_message(self, self.packet, length);
         note_message(self, now_s, length, sent, errno);  // of the send, when it failed
     }
     self.pending += refresh_templates(self, now_s);
     count_message();
-    self.sequence = self.templates->records_added;
+    self.sequence = records_before_next(self);
     return 0;
+}
+
+// What waits is sent first, the templates of a new connection among it: once for what a broken one
+// loses, and once more for them.
+void send_options(ipfix_exporter& self, uint64_t now_ns) {
+    for (int n = 0; n < 2 && self.pending > 0; ++n)
+        flush(self);
+    uint8_t message[sizeof(ipfix_header) + TEMPLATE_SETS_SIZE];
+    const options_records::message made =
+        self.options->next(now_ns, {message + sizeof(ipfix_header), TEMPLATE_SETS_SIZE});
+    if (made.length == 0)
+        return;  // a connection has just broken, and it is too soon after the one before
+    const uint32_t length = made.length + static_cast<uint32_t>(sizeof(ipfix_header));
+    const uint64_t now_s = timer_get_sec();
+    write_header(self, message, now_s, length, self.sequence);
+    self.options_count += made.records;
+    self.sequence = records_before_next(self);
+    const bool sent = is_connected(self) && send_message(self, message, length);
+    const int error = errno;  // of the send, when it failed
+    self.options->count(length, sent);
+    if (sent)
+        return;
+    reconnect(self, error, 0);
+    self.pending += restart_templates(self, now_s);
+}
+
+// With the options records of a new connection before anything else.
+uint32_t flush_and_tell(ipfix_exporter& self) {
+    const uint32_t result = flush(self);
+    if (std::exchange(self.is_connection_new, false)) [[unlikely]]
+        send_options(self, timer_get_uptime());
+    return result;
+}
+
+int32_t tend(ipfix_exporter& self) {
+    const uint64_t now_ns = timer_get_uptime();
+    if (has_options_here(self) && self.options->is_due(now_ns))
+        send_options(self, now_ns);
+    return options_pause_ms(self, now_ns);
 }
 
 uint32_t export_flow(ipfix_exporter& self, const flow_record* record) {
     int32_t index;
     const uint32_t length = exporter_template_find(self.templates, record, &index);
     if (is_full(self, length))
-        flush(self);
+        flush_and_tell(self);
     // The first record never changes the rate, since nothing was measured yet: see decisions.md.
     if (record->sampling != self.last_sampling && self.data_size > 0) {
-        flush(self);
+        flush_and_tell(self);
         self.last_sampling = record->sampling;
     }
     if (index < 0) {
@@ -245,6 +335,7 @@ void* init_one(char* params, getter* getters) {
     if (self->transport_name)
         self->to.protocol = transport_protocol(self->transport_name);
     load_templates(*self, getters);
+    prepare_options(*self);
     connect_collector(*self, description.name, *make_lifelong<ipfix_conversation>(*self));
     open_packet(*self);
     verbose_msg(0, "Export ipfix OK");
@@ -259,10 +350,11 @@ constexpr collector_kind kind = {
     },
     [](void* one) {
         auto& self = *static_cast<ipfix_exporter*>(one);
-        const uint32_t result = flush(self);
+        const uint32_t result = flush_and_tell(self);
         report_unsent(self);  // here and not with each message: the last flush of a run comes here
         return result;
     },
+    [](void* one) { return tend(*static_cast<ipfix_exporter*>(one)); },
     [](const void* one) { return static_cast<const ipfix_exporter*>(one)->account.is_up(); },
 };
 
@@ -285,4 +377,8 @@ uint32_t exporter_ipfix_export(void* instance, struct flow_record* record) {
 
 uint32_t exporter_ipfix_flush(void* instance) {
     return static_cast<const collector_group*>(instance)->flush();
+}
+
+int32_t exporter_ipfix_tend(void* instance) {
+    return static_cast<const collector_group*>(instance)->tend();
 }

@@ -47,6 +47,7 @@ constexpr template_protocol netflow_v9_protocol = {
     .elements = static_field_nf9,
     .template_set_id = 0,
     .header_length = sizeof(nf9_header),
+    .options = options_protocol::netflow_v9,
 };
 
 namespace {
@@ -77,27 +78,30 @@ struct nf9_exporter : template_exporter {
 };
 
 // What the worker of an export in the background adds to the packets: the templates, in a packet of
-// their own. Such packets count, so the worker gives each packet its number when it is sent: that
-// of the record loop, which also counts those that were dropped, and the packets of templates
-// before.
+// their own, and options records. Such packets count, so the worker gives each packet its number
+// when it is sent: that of the record loop, which also counts those that were dropped, and the
+// worker's own packets before.
 class nf9_conversation final : public conversation {
   public:
     explicit nf9_conversation(const nf9_exporter& exporter) : exporter_(exporter) {}
 
     uint32_t greeting(uint8_t* packet) override;
-    void note_greeting() override { ++greetings_; }
+    void note_greeting() override;
     void prepare(outlet_message& message) override {
         store_native(static_cast<uint8_t*>(message.data) + offsetof(nf9_header, sequence_be),
-                     byte_swap(static_cast<uint32_t>(message.number) + greetings_));
+                     byte_swap(static_cast<uint32_t>(message.number) + own_));
     }
     void note_sent(const outlet_message& message) override {
         next_ = static_cast<uint32_t>(message.number) + 1;
     }
+    uint32_t own_message(uint64_t now_ns, uint8_t* packet) override;
+    void note_own_end(uint32_t length, bool is_sent) override;
+    uint64_t next_own_ns(uint64_t now_ns) override;
 
   private:
     const nf9_exporter& exporter_;
-    uint32_t next_ = 0;       // after the packet that was sent last
-    uint32_t greetings_ = 0;  // that have reached a collector, as far as can be told
+    uint32_t next_ = 0;  // after the packet that was sent last
+    uint32_t own_ = 0;   // packets that have reached a collector, as far as can be told
 };
 
 void write_header(const nf9_exporter& self, uint8_t* packet, const header_time& time,
@@ -117,8 +121,41 @@ uint32_t nf9_conversation::greeting(uint8_t* packet) {
     uint32_t length;
     const uint32_t count = write_greeting(exporter_, packet + sizeof(nf9_header), length);
     write_header(exporter_, packet, header_time_at(timer_get_nsec()), static_cast<uint16_t>(count),
-                 next_ + greetings_);
+                 next_ + own_);
     return length + sizeof(nf9_header);
+}
+
+void nf9_conversation::note_greeting() {
+    ++own_;
+    if (exporter_.options != nullptr)
+        exporter_.options->note_connection();
+}
+
+// Fills in a packet of options records, if one is due; returns its bytes.
+uint32_t make_options_packet(const nf9_exporter& self, uint64_t now_ns, uint8_t* packet,
+                             uint32_t sequence) {
+    const options_records::message made =
+        self.options->next(now_ns, {packet + sizeof(nf9_header), TEMPLATE_SETS_SIZE});
+    if (made.length == 0)
+        return 0;
+    write_header(self, packet, header_time_at(timer_get_nsec()),
+                 static_cast<uint16_t>(made.templates + made.records), sequence);
+    return made.length + static_cast<uint32_t>(sizeof(nf9_header));
+}
+
+uint32_t nf9_conversation::own_message(uint64_t now_ns, uint8_t* packet) {
+    if (exporter_.options == nullptr)
+        return 0;
+    return make_options_packet(exporter_, now_ns, packet, next_ + own_);
+}
+
+void nf9_conversation::note_own_end(uint32_t length, bool is_sent) {
+    own_ += is_sent ? 1 : 0;
+    exporter_.options->count(length, is_sent);
+}
+
+uint64_t nf9_conversation::next_own_ns(uint64_t now_ns) {
+    return exporter_.options != nullptr ? exporter_.options->next_look_ns(now_ns) : UINT64_MAX;
 }
 
 // Returns whether the packet has left, or waits to leave.
@@ -150,6 +187,27 @@ uint32_t flush(nf9_exporter& self) {
     if ((self.sequence & report_pause_bit) == 0)
         verbose_msg(4, "EXPORTER_SENT_PACKETS: %u", self.sequence);
     return sent ? 0 : not_exported;
+}
+
+// What waits is sent first: records, and the templates at the start.
+void send_options(nf9_exporter& self, uint64_t now_ns) {
+    if (self.time.secs == 0)
+        self.time = header_time_at(timer_get_nsec());  // there was no record yet
+    if (self.pending > 0)
+        flush(self);
+    uint8_t packet[sizeof(nf9_header) + TEMPLATE_SETS_SIZE];
+    const uint32_t length = make_options_packet(self, now_ns, packet, self.sequence);
+    const bool sent = send(self.socket, packet, length, 0) >= 0;
+    self.options->count(length, sent);
+    if (sent)
+        ++self.sequence;
+}
+
+int32_t tend(nf9_exporter& self) {
+    const uint64_t now_ns = timer_get_uptime();
+    if (has_options_here(self) && self.options->is_due(now_ns))
+        send_options(self, now_ns);
+    return options_pause_ms(self, now_ns);
 }
 
 // Whether the clock has gone back since the header's time.
@@ -188,6 +246,7 @@ void* init_one(char* params, getter* getters) {
     auto* self = make_lifelong<nf9_exporter>(template_exporter{.protocol = &netflow_v9_protocol});
     read_parameters(*self, params, {});
     load_templates(*self, getters);
+    prepare_options(*self);
     connect_collector(*self, description.name, *make_lifelong<nf9_conversation>(*self));
     open_packet(*self);
     verbose_msg(0, "Export v9 OK");
@@ -201,6 +260,7 @@ constexpr collector_kind kind = {
         return export_flow(*static_cast<nf9_exporter*>(one), record);
     },
     [](void* one) { return flush(*static_cast<nf9_exporter*>(one)); },
+    [](void* one) { return tend(*static_cast<nf9_exporter*>(one)); },
     [](const void* one) { return static_cast<const nf9_exporter*>(one)->account.is_up(); },
 };
 
@@ -223,4 +283,8 @@ uint32_t exporter_nf9_export(void* instance, struct flow_record* record) {
 
 uint32_t exporter_nf9_flush(void* instance) {
     return static_cast<const collector_group*>(instance)->flush();
+}
+
+int32_t exporter_nf9_tend(void* instance) {
+    return static_cast<const collector_group*>(instance)->tend();
 }

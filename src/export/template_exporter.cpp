@@ -21,8 +21,10 @@
 #include <string>
 #include <vector>
 
+#include "base/clock.h"
 #include "base/heap.h"
 #include "base/log.h"
+#include "base/memory.h"
 #include "export/template_plan.h"
 
 namespace kestrel {
@@ -96,6 +98,8 @@ void read_parameters(template_exporter& self, char* params,
     settings.insert(settings.end(), more);
     for (const config_setting& row : self.background.rows())
         settings.push_back(row);
+    for (const config_setting& row : self.options_wanted.rows())
+        settings.push_back(row);
     settings.push_back({nullptr, nullptr, 0});
     if (config_set_values(params, settings.data()) != 0)
         die(exit_config, "Parameters decoding problem");
@@ -145,10 +149,20 @@ void connect_collector(template_exporter& self, const char* name, conversation& 
         die(exit_config, "Can't connect to collector");
 }
 
+void prepare_options(template_exporter& self) {
+    if (are_options_wanted(self.options_wanted))
+        self.options = make_lifelong<options_records>(self.options_wanted, self.protocol->options,
+                                                      static_cast<uint32_t>(self.source_id));
+}
+
 void open_packet(template_exporter& self) {
     self.cursor.buffer = self.packet + self.protocol->header_length;
-    if (self.queue == nullptr)
-        (void)write_templates(self, timer_get_sec());  // an empty packet has room for them
+    if (self.queue != nullptr)
+        return;
+    const uint32_t count = write_templates(self, timer_get_sec());  // an empty packet has room
+    // They wait for the first record, unless options records are to come after them.
+    if (self.options != nullptr)
+        self.pending += count;
 }
 
 uint32_t write_greeting(const template_exporter& self, uint8_t* sets, uint32_t& length) {
@@ -156,6 +170,14 @@ uint32_t write_greeting(const template_exporter& self, uint8_t* sets, uint32_t& 
     const uint32_t count = exporter_template_fill_packet_templates(self.templates, &cursor);
     length = cursor.offset;
     return count;
+}
+
+int32_t options_pause_ms(const template_exporter& self, uint64_t now_ns) {
+    if (!has_options_here(self))
+        return EXPORT_TEND_NEVER;
+    constexpr uint64_t longest_ms = 50;  // a new connection may have begun a round meanwhile
+    const uint64_t next_ns = std::max(self.options->next_look_ns(now_ns), now_ns);
+    return static_cast<int32_t>(std::min((next_ns - now_ns) / ns_per_ms, longest_ms));
 }
 
 uint32_t close_packet(template_exporter& self) {

@@ -9,7 +9,9 @@
 
 #include "export/background.h"
 #include "export/net.h"
+#include "export/options_records.h"
 #include "export/send_account.h"
+#include "kestrelexp/plugin.h"
 #include "kestrelexp/service.h"
 #include "kestrelexp/template.h"
 
@@ -26,6 +28,7 @@ struct template_protocol {
     const template_element* elements;
     uint16_t template_set_id;
     uint32_t header_length;  // bytes in front of the sets
+    options_protocol options = options_protocol::ipfix;
 };
 
 // Defined beside the exporters.
@@ -45,11 +48,13 @@ struct template_exporter {
     int32_t refresh_packets = 2048;
     char* template_file = nullptr;
     background_settings background = {};
+    options_settings options_wanted = {};
 
     send_account account{"reason=\"no_template\""};
     counter_block<template_metric> template_counter = count_templates();
     int socket = -1;
-    outlet* queue = nullptr;  // of an export in the background, which has no socket
+    outlet* queue = nullptr;             // of an export in the background, which has no socket
+    options_records* options = nullptr;  // null: none are sent
     template_collection* templates = nullptr;
     uint32_t templates_length = 0;  // bytes of a template set
     uint64_t last_templates_s = 0;  // when a template set was written last
@@ -67,6 +72,8 @@ void read_parameters(template_exporter& self, char* params,
 void load_templates(template_exporter& self, getter* getters);
 // Or opens an outlet, whose worker follows the protocol; name: the export's.
 void connect_collector(template_exporter& self, const char* name, conversation& protocol);
+// Makes ready for options records, if they are asked for. Before the packet is opened.
+void prepare_options(template_exporter& self);
 // The first carries all templates. In the background the greeting does.
 void open_packet(template_exporter& self);
 
@@ -89,6 +96,8 @@ inline void add_record(template_exporter& self, const flow_record* record, int32
     self.data_size = exporter_template_current_data_size(self.templates);
     self.account.add_record(*record);
     ++self.pending;
+    if (self.options != nullptr)
+        self.options->note_flow(*record);
 }
 
 // Completes the packet with the buffered records; returns its bytes, header included.
@@ -102,5 +111,13 @@ uint32_t restart_templates(template_exporter& self, uint64_t now_s);
 
 // Writes the template sets that are due after a packet; returns the number of templates written.
 uint32_t refresh_templates(template_exporter& self, uint64_t now_s);
+
+// Whether options records are sent on the thread of the record loop.
+inline bool has_options_here(const template_exporter& self) {
+    return self.options != nullptr && self.queue == nullptr;
+}
+
+// What an export's tend operation answers after it has sent what was due.
+int32_t options_pause_ms(const template_exporter& self, uint64_t now_ns);
 
 }  // namespace kestrel

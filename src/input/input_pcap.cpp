@@ -8,6 +8,7 @@
 #include "base/clock.h"
 #include "base/log.h"
 #include "base/memory.h"
+#include "input/interface_alias.h"
 #include "input/pcap_device.h"
 #include "input/sampling.h"
 #include "kestrelexp/builtin.h"
@@ -35,7 +36,11 @@ struct pcap_input {
     uint32_t sampling_counter;   // frames up to the next one delivered, from 1
     uint64_t sampled_out;        // frames
     uint64_t sampled_out_bytes;  // on the wire
+    interface_alias alias;
+    uint64_t next_alias_ns;  // uptime of the next look at it
 };
+
+constexpr uint64_t alias_period_ns = ns_per_second;
 
 void read_parameters(char* params, pcap_input& input) {
     int32_t sampling = 0;
@@ -114,4 +119,15 @@ void input_pcap_counters(void* instance, uint32_t, input_counts* counts) {
     pcap_device_count(input.device, *counts);
     counts->sampled_out_packets = input.sampled_out;
     counts->sampled_out_bytes = input.sampled_out_bytes;
+}
+
+void input_pcap_interfaces(void* instance, input_interface_told_function* tell, void* context) {
+    auto& input = *static_cast<pcap_input*>(instance);
+    if (const uint64_t now_ns = system_uptime_ns(); now_ns >= input.next_alias_ns) {
+        input.next_alias_ns = now_ns + alias_period_ns;
+        input.alias = look_up_alias(input.device_name);
+    }
+    const input_interface told = {0, input.device_name,
+                                  input.alias.text};  // as its headers have it
+    tell(context, &told);
 }

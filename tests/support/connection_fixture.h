@@ -104,6 +104,23 @@ class talkative final : public conversation {
         return static_cast<uint32_t>(words.size());
     }
     void note_greeting() override { ++greetings; }
+
+    std::vector<std::string> own;  // what it has to say of its own, in that order
+    unsigned own_sent = 0;
+    unsigned own_lost = 0;
+
+    uint32_t own_message(uint64_t, uint8_t* message) override {
+        if (own.empty())
+            return 0;
+        const std::string text = own.front();
+        own.erase(own.begin());
+        text.copy(reinterpret_cast<char*>(message), text.size());
+        return static_cast<uint32_t>(text.size());
+    }
+    void note_own_end(uint32_t, bool is_sent) override { ++(is_sent ? own_sent : own_lost); }
+    uint64_t next_own_ns(uint64_t now_ns) override {
+        return own.empty() ? UINT64_MAX : now_ns + 10 * ns_per_ms;
+    }
 };
 
 class connection_fixture : public testing::Test {

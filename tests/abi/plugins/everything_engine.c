@@ -168,6 +168,12 @@ void check_flow_engine(void) {
     check_switch(queue);
 }
 
+static void check_interface(void* context, const struct input_interface* told) {
+    ++*(unsigned*)context;
+    CHECK(told->number == 0);
+    CHECK(strcmp(told->name, "lo") == 0 && strcmp(told->description, "") == 0);
+}
+
 /* Two datagrams of four bytes are on their way; of two frames the second is delivered. */
 static void check_capture(void* pcap) {
     struct packet_header header;
@@ -182,6 +188,9 @@ static void check_capture(void* pcap) {
     input_pcap_counters(pcap, 0, &counts);
     CHECK(counts.is_up == 1 && counts.sampled_out_packets == 1 && counts.sampled_out_bytes == 46);
     CHECK(counts.ring_dropped_packets == 0 && counts.interface_changes == 0);
+    unsigned interfaces = 0;
+    input_pcap_interfaces(pcap, check_interface, &interfaces);
+    CHECK(interfaces == 1);
 }
 
 static void check_connection(void) {

@@ -49,7 +49,8 @@ static void check_sets(struct getter* getters) {
 
 static void check_exporter(plugin_desc_function* desc, export_init_function* init,
                            export_export_function* export_record, export_flush_function* flush,
-                           const char* name, const char* file_key, struct getter* getters) {
+                           export_tend_function* tend, const char* name, const char* file_key,
+                           struct getter* getters) {
     static struct flow_record record;
     char path[64];
     char params[256];
@@ -65,13 +66,14 @@ static void check_exporter(plugin_desc_function* desc, export_init_function* ini
     CHECK(exporter != NULL);
     CHECK(export_record(exporter, &record) == 0xFFFFFFFF); /* not IPv4 */
     CHECK(flush(exporter) == 0);
+    CHECK(tend(exporter) == EXPORT_TEND_NEVER); /* no options records were asked for */
 }
 
 void check_templates(struct getter* getters) {
     check_elements();
     check_sets(getters);
     check_exporter(exporter_ipfix_desc, exporter_ipfix_init, exporter_ipfix_export,
-                   exporter_ipfix_flush, "ipfix", "template_file", getters);
+                   exporter_ipfix_flush, exporter_ipfix_tend, "ipfix", "template_file", getters);
     check_exporter(exporter_nf9_desc, exporter_nf9_init, exporter_nf9_export, exporter_nf9_flush,
-                   "netflow-v9", "template-file", getters);
+                   exporter_nf9_tend, "netflow-v9", "template-file", getters);
 }

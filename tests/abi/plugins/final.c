@@ -2,8 +2,12 @@
  *   start (i + 1) s, end 0.5 s later, packets i + 1, bytes 100 * (i + 1), UDP,
  *   10.0.0.0 + i, port 1000 + i -> 192.0.2.1, port 53.
  * Times count from since=SECONDS; each flow takes every_ms=MILLISECONDS to come; with ipv6=1 the
- * addresses are 2001:db8::0 + i -> 2001:db8::ffff. */
+ * addresses are 2001:db8::0 + i -> 2001:db8::ffff.
+ * Built with TELLS_INTERFACES it samples at random, 1 in 50, and captures from interfaces=N: their
+ * numbers are 1 to N, and one more for each flow that was delivered. Its flows carry sampling=RATE.
+ */
 #define _POSIX_C_SOURCE 200809L
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
@@ -17,6 +21,8 @@ static int32_t count = 3;
 static int32_t since;
 static int32_t every_ms;
 static int32_t is_ipv6;
+static int32_t interfaces;
+static int32_t sampling = 50;
 static int32_t delivered;
 
 const struct plugin_description* plugin_input_desc(void) {
@@ -29,6 +35,8 @@ void* plugin_input_init(char* params, int needs_packets, uint16_t data_offset) {
                                               {"since", &since, CONFIG_INTEGER},
                                               {"every_ms", &every_ms, CONFIG_INTEGER},
                                               {"ipv6", &is_ipv6, CONFIG_INTEGER},
+                                              {"interfaces", &interfaces, CONFIG_INTEGER},
+                                              {"sampling", &sampling, CONFIG_INTEGER},
                                               {NULL, NULL, 0}};
     (void)data_offset;
     if (needs_packets != 0 || config_set_values(params, settings) != 0)
@@ -93,9 +101,33 @@ flow_key plugin_input_get_final_flow(void* instance, struct flow_record* record)
     record->tcpflags = 0x12;
     record->icmptypecode = 0;
     record->export_flag = 9;
+#ifdef TELLS_INTERFACES
+    record->sampling = (uint16_t)sampling;
+#else
     record->sampling = 0;
+#endif
     return 0;
 }
+
+#ifdef TELLS_INTERFACES
+int32_t plugin_contract_version = PLUGIN_CONTRACT_VERSION;
+int32_t plugin_input_sampling_is_random = 1;
+
+uint32_t plugin_input_sampling(void* instance) {
+    (void)instance;
+    return 50;
+}
+
+void plugin_input_interfaces(void* instance, input_interface_told_function* tell, void* context) {
+    (void)instance;
+    for (int32_t number = 1; number <= interfaces + delivered; ++number) {
+        char name[32];
+        snprintf(name, sizeof name, "port %i", (int)number);
+        const struct input_interface told = {(uint32_t)number, name, "of the switch"};
+        tell(context, &told);
+    }
+}
+#endif
 
 #ifdef TELLS_COUNTS
 /* Twice as many frames passed over as flows were delivered, and a card that lost seven. */
