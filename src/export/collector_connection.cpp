@@ -216,7 +216,8 @@ bool collector_connection::send_own(outlet* queue, outlet_wait& wait) {
         return true;
     if (own_length_ == 0)
         own_length_ = protocol_.own_message(now_ns_, own_);
-    wait_until(protocol_.next_own_ns(now_ns_), wait);
+    if (const uint64_t next_ns = protocol_.next_own_ns(now_ns_); next_ns != UINT64_MAX)
+        wait_until(next_ns, wait);
     if (own_length_ == 0)
         return true;
     const int64_t sent = network_.send(own_ + own_part_, own_length_ - own_part_);

@@ -1,4 +1,4 @@
-"""What inputs tell of themselves for options records, and exports that do something by the clock."""
+"""What inputs tell of themselves for options records, and exports that act by the clock."""
 
 # Not under the thread sanitizer: e2e.background_options_test has the threads.
 

@@ -1,5 +1,5 @@
-"""Options records as other programs of the field read them: a dissector, collectors with and without
-a use for the rate, a reader of IPFIX streams."""
+"""Options records as other programs of the field read them: a dissector, collectors with and
+without a use for the rate, a reader of IPFIX streams."""
 
 # Not under the thread sanitizer: the threads are those of shutdown_test, which runs there.
 # Not under the address sanitizer: it waits for other programs, and its frames are plain.
