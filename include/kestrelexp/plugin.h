@@ -31,7 +31,7 @@ enum plugin_kind {
 
 /* The version of this contract. It grows with each operation that plugins may offer or ask for
  * anew; what an earlier version has stays. */
-enum { PLUGIN_CONTRACT_VERSION = 2 };
+enum { PLUGIN_CONTRACT_VERSION = 3 };
 
 struct plugin_description {
     const char* name;        /* chosen by on the command line; unique within the kind */

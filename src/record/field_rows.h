@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "base/clock.h"
+#include "kestrelexp/field.h"
 #include "kestrelexp/getter.h"
 #include "kestrelexp/record.h"
 #include "record/validity_rows.h"
@@ -150,6 +151,54 @@ constexpr element_row element(const char* name, uint16_t number, uint16_t length
 
 inline constexpr std::nullopt_t no_element = std::nullopt;
 
+// What a field is called outside of NetFlow, and how it is written there (kestrelexp/field.h).
+struct style_names {
+    field_style_name goflow2[FIELD_STYLE_NAMES];
+    field_style_name ecs[FIELD_STYLE_NAMES];
+};
+
+template <field_form form>
+constexpr field_style_name written(const char* name) {
+    return {name, static_cast<int32_t>(form)};
+}
+inline constexpr auto as_number = written<FIELD_FORM_NUMBER>;
+inline constexpr auto as_digits = written<FIELD_FORM_DIGITS>;
+inline constexpr auto as_high_byte = written<FIELD_FORM_HIGH_BYTE>;
+inline constexpr auto as_low_byte = written<FIELD_FORM_LOW_BYTE>;
+inline constexpr auto as_rate = written<FIELD_FORM_RATE>;
+inline constexpr auto as_address = written<FIELD_FORM_ADDRESS>;
+inline constexpr auto as_mac = written<FIELD_FORM_MAC>;
+inline constexpr auto as_mac_hyphens = written<FIELD_FORM_MAC_HYPHENS>;
+inline constexpr auto as_label = written<FIELD_FORM_LABEL>;
+inline constexpr auto as_protocol = written<FIELD_FORM_PROTOCOL>;
+inline constexpr auto as_transport = written<FIELD_FORM_TRANSPORT>;
+inline constexpr auto as_etype = written<FIELD_FORM_ETYPE>;
+inline constexpr auto as_network_type = written<FIELD_FORM_NETWORK_TYPE>;
+inline constexpr auto as_time = written<FIELD_FORM_TIME>;
+
+inline constexpr field_style_name unnamed = {nullptr, static_cast<int32_t>(FIELD_FORM_NONE)};
+
+struct name_pair {
+    field_style_name first = unnamed;
+    field_style_name second = unnamed;
+};
+constexpr name_pair goflow2(const field_style_name& first = unnamed,
+                            const field_style_name& second = unnamed) {
+    return {first, second};
+}
+constexpr name_pair ecs(const field_style_name& first = unnamed,
+                        const field_style_name& second = unnamed) {
+    return {first, second};
+}
+
+constexpr style_names names(const name_pair& in_goflow2, const name_pair& in_ecs) {
+    return {{in_goflow2.first, in_goflow2.second}, {in_ecs.first, in_ecs.second}};
+}
+
+inline constexpr style_names no_names = names({}, {});
+inline constexpr style_names label_names =
+    names(goflow2(as_label("mpls_label")), ecs(as_label("kestrelexp.mpls_label")));
+
 struct field_row {
     const char* name;
     field_kind kind;
@@ -159,17 +208,19 @@ struct field_row {
     getter_get_function* get;
     const char* meaning;
     std::optional<element_row> element;  // the one that this field is usually sent as
+    style_names names;
 };
 
-#define FIELD(accessor, name, kind, value, valid, exists_with, meaning, element) \
-    {name,                                                                       \
-     field_kind::kind,                                                           \
-     record_block::exists_with,                                                  \
-     value,                                                                      \
-     record_##valid##_ok,                                                        \
-     record_get_##accessor,                                                      \
-     meaning,                                                                    \
-     element},
+#define FIELD(accessor, name, kind, value, valid, exists_with, meaning, element, names) \
+    {name,                                                                              \
+     field_kind::kind,                                                                  \
+     record_block::exists_with,                                                         \
+     value,                                                                             \
+     record_##valid##_ok,                                                               \
+     record_get_##accessor,                                                             \
+     meaning,                                                                           \
+     element,                                                                           \
+     names},
 inline constexpr field_row field_rows[] = {
 #include "record/field_rows.inc"
 };

@@ -16,7 +16,7 @@ def missing(name, what):
 
 
 def too_new(name):
-    return missing(name, " was built for contract version 3, this program has 2")
+    return missing(name, " was built for contract version 4, this program has 3")
 
 
 NO_DESCRIPTION = ", plugin description not found"

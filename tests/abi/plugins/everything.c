@@ -37,6 +37,7 @@ void* plugin_export_init(char* params, struct getter* getters) {
     check_addresses();
     check_metrics();
     check_outlets();
+    check_field_names();
     verbose_msg(-1, "everything: %i failures", failures);
     return NULL;
 }

@@ -20,6 +20,7 @@ void check_rules(void);
 void check_addresses(void);
 void check_metrics(void);
 void check_outlets(void);
+void check_field_names(void);
 
 struct getter;
 void check_templates(struct getter* getters);
