@@ -1,14 +1,15 @@
 #!/usr/bin/env python3
-"""Keeps the manual pages, the shell completions and docs/templates.md in step with the program.
+"""Keeps the manual pages, the shell completions and the tables of fields in docs/templates.md and
+extras/json/README.md in step with the program.
 
 Usage: tools/reference.py [--check] PROGRAM
 
 Asks the program for its options (-h) and plugins (-l), the extras that were built beside it
 included, and field_tables, which is built beside it with the tests, for its fields and elements.
 Writes what follows from them into the blocks that are marked "generated" in docs/man,
-docs/templates.md and packaging/completions; text outside these blocks is written by hand. An option
-or plugin without a block gets one at the end of its group. With --check nothing is written: status
-1, and the names of the files that would change.
+docs/templates.md, extras/json/README.md and packaging/completions; text outside these blocks is
+written by hand. An option or plugin without a block gets one at the end of its group. With --check
+nothing is written: status 1, and the names of the files that would change.
 """
 
 import re
@@ -196,14 +197,17 @@ def zsh_file(text, program):
 
 # ---- fields and elements ----
 
-def templates_page(text, program):
-    return replace_blocks(text, "<!--", program.tables, comment_end=" -->")
+def page_of_tables(*names):
+    """A page with these tables."""
+    return lambda text, program: replace_blocks(
+        text, "<!--", {name: program.tables[name] for name in names}, comment_end=" -->")
 
 
 FILES = {
     "docs/man/kestrelexp.8": options_page,
     "docs/man/kestrelexp-plugins.7": plugins_page,
-    "docs/templates.md": templates_page,
+    "docs/templates.md": page_of_tables("elements", "values"),
+    "extras/json/README.md": page_of_tables("names"),
     "packaging/completions/kestrelexp.bash": bash_file,
     "packaging/completions/_kestrelexp": zsh_file,
 }
@@ -230,7 +234,7 @@ def look_at(program):
     options = parse_help(said_by(program, "-h"))
     assert options, "the program's texts have another form"
     field_tables = Path(program).parent / "field_tables"
-    tables = {name: said_by(field_tables, name) for name in ("elements", "values")}
+    tables = {name: said_by(field_tables, name) for name in ("elements", "names", "values")}
     return Program(options, all_plugins(program), tables)
 
 

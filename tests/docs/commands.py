@@ -23,7 +23,7 @@ SHOWN = {
     "./quickstart": r"(?s)( its page is at http://127\.0\.0\.1:\d+/\n|Replaying ).*"
                     r"From the probe to the collector: [1-9]",
     "nfdump": r"total flows: [1-9]|Top \d+ |10\.0\.0\.1",
-    "cat": r"(?m)^10\.0\.0\.1,",
+    "cat": r'(?m)^10\.0\.0\.1,|"src_addr":"10\.0\.0\.1"',
     "tshark": r"(?m)^10\.0\.0\.1",
     "ipfixDump": r"[1-9]\d* Data Records",
 }

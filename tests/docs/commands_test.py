@@ -116,6 +116,9 @@ class Commands(unittest.TestCase):
     def test_ipfix_file(self):
         self.run_page("extras/ipfix-file/README.md")
 
+    def test_json(self):
+        self.run_page("extras/json/README.md")
+
     def test_metrics(self):
         self.run_page("extras/metrics/README.md")
 

@@ -1,5 +1,6 @@
-// Prints what docs/templates.md says of elements and values, as Markdown tables, from the rows of
-// the field vocabulary. tools/reference.py asks it: field_tables elements, field_tables values.
+// Prints what docs/templates.md says of elements and values, and extras/json/README.md of names, as
+// Markdown tables, from the rows of the field vocabulary. tools/reference.py asks it: field_tables
+// elements, field_tables names, field_tables values.
 #include <algorithm>
 #include <cstdio>
 #include <string>
@@ -71,16 +72,37 @@ void print_values() {
                     find_validity(row.valid)->flows, row.meaning, needs(row).c_str());
 }
 
+// The names of a style, none of them or several.
+std::string names_in(const field_style_name (&names)[FIELD_STYLE_NAMES]) {
+    std::string text;
+    for (const field_style_name& one : names)
+        if (one.name != nullptr)
+            text += (text.empty() ? "`" : ", `") + std::string(one.name) + "`";
+    return text;
+}
+
+void print_names() {
+    std::printf("| Field | goflow2 | ECS |\n|---|---|---|\n");
+    for (const field_row& row : field_rows) {
+        const std::string goflow2 = names_in(row.names.goflow2);
+        const std::string ecs = names_in(row.names.ecs);
+        if (!goflow2.empty() || !ecs.empty())
+            std::printf("| `%s` | %s | %s |\n", row.name, goflow2.c_str(), ecs.c_str());
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     const std::string_view table = argc == 2 ? argv[1] : "";
     if (table == "elements") {
         print_elements();
+    } else if (table == "names") {
+        print_names();
     } else if (table == "values") {
         print_values();
     } else {
-        std::fprintf(stderr, "usage: field_tables elements|values\n");
+        std::fprintf(stderr, "usage: field_tables elements|names|values\n");
         return 2;
     }
 }

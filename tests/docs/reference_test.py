@@ -85,7 +85,7 @@ class Reference(unittest.TestCase):
         self.assertEqual(done.returncode, 1)
         self.assertIn("docs/man/kestrelexp.8\n", done.stdout)
 
-    def test_a_new_field_is_missed_in_the_page_on_templates(self):
+    def test_a_new_field_is_missed_in_the_pages_with_tables(self):
         program = self.other_program()
         tables = program.with_name("field_tables")
         tables.unlink()
@@ -94,7 +94,8 @@ class Reference(unittest.TestCase):
         tables.chmod(0o755)
         done = check(program)
         self.assertEqual(done.returncode, 1)
-        self.assertEqual(done.stdout.splitlines()[:-1], ["docs/templates.md"])
+        self.assertEqual(done.stdout.splitlines()[:-1],
+                         ["docs/templates.md", "extras/json/README.md"])
 
     def test_readers_of_manuals_find_nothing_to_complain_about(self):
         for page in PAGES:
@@ -136,7 +137,7 @@ class Bash(unittest.TestCase):
     def test_plugins_are_offered_by_kind(self):
         self.assertEqual(
             self.completed("kestrelexp -E "),
-            ["null", "netflow-v5:", "netflow-v9:", "ipfix:", "ipfix-file:", "metrics:"])
+            ["null", "netflow-v5:", "netflow-v9:", "ipfix:", "ipfix-file:", "json:", "metrics:"])
         self.assertEqual(self.completed("kestrelexp -I p"), ["pcap:"])
         self.assertEqual(self.completed("kestrelexp -F an"), ["anonymizer:"])
         self.assertEqual(self.completed("kestrelexp -G as"), ["as_helper:"])

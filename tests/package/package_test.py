@@ -403,7 +403,8 @@ class Life(unittest.TestCase):
         install(package("kestrelexp"), package("kestrelexp-metrics"))
         shipped = sorted(Path("/usr/lib/kestrelexp").iterdir())
         self.assertEqual([path.name for path in shipped], [
-            "af-packet.so", "capture-file.so", "end-reason.so", "ipfix-file.so", "metrics.so"])
+            "af-packet.so", "capture-file.so", "end-reason.so", "ipfix-file.so", "json.so",
+            "metrics.so"])
         before = run("kestrelexp", "-l").count("name: ")
         for path in shipped:
             for name in (path, path.name):

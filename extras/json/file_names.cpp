@@ -1,0 +1,96 @@
+// Names of files; see file_names.h.
+#include "file_names.h"
+
+#include <fcntl.h>
+#include <glob.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+
+namespace json_export {
+namespace {
+
+constexpr uint32_t numbers_limit = 1'000'000;
+constexpr mode_t directory_mode = 0755;
+
+std::string without(const std::string& text, std::string_view suffix) {
+    return text.ends_with(suffix) ? text.substr(0, text.size() - suffix.size()) : text;
+}
+
+// Renames where no file has the name.
+int rename_anew(const std::string& from, const std::string& to) {
+    if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0)
+        return 0;
+    if (errno != EINVAL && errno != ENOSYS)
+        return errno;
+    // A file system that cannot promise it: the look comes a moment before the act.
+    if (access(to.c_str(), F_OK) == 0)
+        return EEXIST;
+    return std::rename(from.c_str(), to.c_str()) == 0 ? 0 : errno;
+}
+
+}  // namespace
+
+std::string name_at(const std::string& pattern, std::string_view suffix, uint64_t time_s) {
+    std::string plain = without(pattern, suffix);
+    if (plain.find('%') == plain.npos)
+        return plain;
+    const auto time = static_cast<time_t>(time_s);
+    tm parts{};
+    std::array<char, 4096> name{};
+    if (gmtime_r(&time, &parts) == nullptr ||
+        strftime(name.data(), name.size(), plain.c_str(), &parts) == 0)
+        return plain;  // longer than any path
+    return name.data();
+}
+
+std::string numbered(const std::string& name, uint32_t n, std::string_view suffix) {
+    std::string made = name;
+    if (n > 0)
+        made += '.' + std::to_string(n);
+    return made.append(suffix);
+}
+
+int take_name(const std::string& aside, const std::string& name, std::string_view suffix,
+              uint32_t& n) {
+    int error = EEXIST;
+    for (; error == EEXIST && n < numbers_limit; ++n)
+        error = rename_anew(aside, numbered(name, n, suffix));
+    --n;
+    return error;
+}
+
+int make_directories(const std::string& path) {
+    for (size_t slash = path.find('/', 1); slash != path.npos; slash = path.find('/', slash + 1))
+        if (mkdir(path.substr(0, slash).c_str(), directory_mode) != 0 && errno != EEXIST)
+            return errno;
+    return 0;
+}
+
+std::vector<std::string> asides_of(const std::string& pattern, std::string_view suffix) {
+    std::string wanted;
+    const std::string plain = without(pattern, suffix);
+    for (size_t n = 0; n < plain.size(); ++n) {
+        if (plain[n] == '%' && n + 1 < plain.size()) {
+            ++n;
+            wanted += plain[n] == '%' ? '%' : '*';
+            continue;
+        }
+        if (std::string_view("*?[\\").find(plain[n]) != std::string_view::npos)
+            wanted += '\\';
+        wanted += plain[n];
+    }
+    wanted.append(suffix).append(aside_suffix);
+    std::vector<std::string> found;
+    glob_t paths{};
+    if (glob(wanted.c_str(), 0, nullptr, &paths) == 0)
+        found.assign(paths.gl_pathv, paths.gl_pathv + paths.gl_pathc);
+    globfree(&paths);
+    return found;
+}
+
+}  // namespace json_export
