@@ -125,8 +125,9 @@ KX_API int32_t outlet_offer(struct outlet* outlet, const struct outlet_message* 
 /* The oldest held message, NULL when there is none. Worker's functions only, like the two below. */
 KX_API struct outlet_message* outlet_held(struct outlet* outlet);
 
-/* Ends the oldest held message (enum outlet_fate: one of the first three; any other is taken as
- * OUTLET_UNSENT). Without a held one it does nothing. */
+/* Ends the oldest held message (enum outlet_fate: one of the first three, or OUTLET_NOT_DRAINED for
+ * what was never on its way; any other is taken as OUTLET_UNSENT). Without a held one it does
+ * nothing. */
 KX_API void outlet_settle(struct outlet* outlet, int32_t fate);
 
 /* Lets all held messages be delivered once more, in their order. */

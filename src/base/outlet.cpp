@@ -225,7 +225,8 @@ void outlet_settle(struct outlet* outlet, int32_t fate) {
     outlet_message* const message = outlet->is_given_up ? nullptr : outlet->ring.held();
     if (message == nullptr)
         return;
-    const bool is_known = fate == OUTLET_SENT || fate == OUTLET_UNACKNOWLEDGED;
+    const bool is_known =
+        fate == OUTLET_SENT || fate == OUTLET_UNACKNOWLEDGED || fate == OUTLET_NOT_DRAINED;
     end_message(*outlet, message, is_known ? static_cast<outlet_fate>(fate) : OUTLET_UNSENT);
 }
 

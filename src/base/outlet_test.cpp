@@ -122,24 +122,27 @@ TEST(OutletRound, HeldMessagesAreSettledInTheirOrder) {
         return OUTLET_KEEP;
     };
     outlet* const self = make_outlet(script.owner(), room, 0);
-    for (uint32_t n = 1; n <= 3; ++n)
+    for (uint32_t n = 1; n <= 4; ++n)
         (void)offer(self, n, n);
     EXPECT_EQ(outlet_held(self), nullptr);
     (void)run_round(*self);
-    EXPECT_EQ(counts_of(self).queued.records, 6U);
+    EXPECT_EQ(counts_of(self).queued.records, 10U);
     ASSERT_NE(outlet_held(self), nullptr);
     EXPECT_EQ(outlet_held(self)->mark, 2U);
     outlet_settle(self, OUTLET_SENT);
     EXPECT_EQ(outlet_held(self)->mark, 4U);
     outlet_settle(self, OUTLET_UNACKNOWLEDGED);
     EXPECT_EQ(outlet_held(self)->mark, 6U);
-    outlet_settle(self, OUTLET_NOT_DRAINED);  // not an owner's word
+    outlet_settle(self, OUTLET_QUEUE_FULL);  // not an owner's word
+    EXPECT_EQ(outlet_held(self)->mark, 8U);
+    outlet_settle(self, OUTLET_NOT_DRAINED);
     EXPECT_EQ(outlet_held(self), nullptr);
     outlet_settle(self, OUTLET_SENT);
     EXPECT_EQ(records_of(self, OUTLET_SENT), 1U);
     EXPECT_EQ(records_of(self, OUTLET_UNACKNOWLEDGED), 2U);
     EXPECT_EQ(records_of(self, OUTLET_UNSENT), 3U);
-    EXPECT_EQ(records_of(self, OUTLET_NOT_DRAINED), 0U);
+    EXPECT_EQ(records_of(self, OUTLET_NOT_DRAINED), 4U);
+    EXPECT_EQ(records_of(self, OUTLET_QUEUE_FULL), 0U);
 }
 
 TEST(OutletRound, ReturnedMessagesAreDeliveredAgain) {
