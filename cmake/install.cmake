@@ -1,11 +1,12 @@
 # What is installed, in components. "program": the program, its manual and pages, completions, unit,
-# plugin directories and the files of etc/. "dev": what plugins are built with. "metrics": the
-# plugin of that name with its pages and alerts, where it is built.
+# plugin directories and the files of etc/. "dev": what plugins are built with. "metrics" and "kafka":
+# the plugins of these names with their pages and what belongs to them, where they are built.
 set(KESTREL_PLUGIN_DIR lib64/kestrelexp)     # every object in it is loaded at each start
 set(KESTREL_EXTRAS_DIR lib/kestrelexp)       # objects that we ship, loaded with -X alone
 set(KESTREL_PROGRAM COMPONENT program)
 set(KESTREL_DEV COMPONENT dev)
 set(KESTREL_METRICS COMPONENT metrics)
+set(KESTREL_OWN_COMPONENTS metrics kafka)    # plugins with a package each
 
 # A plugin that is named without a directory (-X capture-file.so) is searched among those that come
 # with the program.
@@ -15,8 +16,12 @@ install(TARGETS kestrelexp RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} ${KESTRE
 install(DIRECTORY DESTINATION ${KESTREL_PLUGIN_DIR} ${KESTREL_PROGRAM})
 get_property(extras GLOBAL PROPERTY KESTREL_EXTRAS)
 install(TARGETS ${extras} LIBRARY DESTINATION ${KESTREL_EXTRAS_DIR} ${KESTREL_PROGRAM})
+foreach(plugin ${KESTREL_OWN_COMPONENTS})
+  if(TARGET ${plugin})
+    install(TARGETS ${plugin} LIBRARY DESTINATION ${KESTREL_EXTRAS_DIR} COMPONENT ${plugin})
+  endif()
+endforeach()
 if(TARGET metrics)
-  install(TARGETS metrics LIBRARY DESTINATION ${KESTREL_EXTRAS_DIR} ${KESTREL_METRICS})
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/etc/prometheus
     DESTINATION ${CMAKE_INSTALL_DATADIR}/kestrelexp ${KESTREL_METRICS})
   install(FILES ${PROJECT_SOURCE_DIR}/docs/page.png
@@ -74,13 +79,14 @@ foreach(page kestrelexp.8 kestrelexp-plugins.7)
 endforeach()
 
 # The pages: those of docs/ and of extras/ for users, the plugin guide with the headers, those about
-# monitoring with their plugin. Links are rewritten from the folders of the source tree to those of
+# monitoring and about Kafka with their plugins. Links are rewritten from the folders of the source tree to those of
 # a system.
 set(KESTREL_PAGES_dev plugin-guide)
 set(KESTREL_PAGES_metrics metrics monitoring)
+set(KESTREL_PAGES_kafka kafka)
 function(kestrel_component_of_page name result)
   set(${result} program PARENT_SCOPE)
-  foreach(component dev metrics)
+  foreach(component dev ${KESTREL_OWN_COMPONENTS})
     if(name IN_LIST KESTREL_PAGES_${component})
       set(${result} ${component} PARENT_SCOPE)
     endif()
@@ -98,7 +104,7 @@ endfunction()
 function(kestrel_install_page source name)
   set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${source})
   kestrel_component_of_page(${name} component)
-  if(component STREQUAL "metrics" AND NOT TARGET metrics)
+  if(component IN_LIST KESTREL_OWN_COMPONENTS AND NOT TARGET ${component})
     return()
   endif()
   kestrel_folder_of_pages(${component} folder)

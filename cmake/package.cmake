@@ -1,6 +1,6 @@
 # Debian packages of what is installed: kestrelexp (component "program"), kestrelexp-dev ("dev")
-# and, where its libraries are there, kestrelexp-metrics ("metrics"). tools/package makes them.
-# tests/package runs lintian, and installs, upgrades and purges them.
+# and, where their libraries are there, kestrelexp-metrics ("metrics") and kestrelexp-kafka ("kafka").
+# tools/package makes them. tests/package runs lintian, and installs, upgrades and purges them.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_VENDOR "The kestrelexp authors")
 set(CPACK_PACKAGE_CONTACT "The kestrelexp authors <maintainers@kestrelexp.example>")
@@ -10,9 +10,11 @@ set(CPACK_SET_DESTDIR ON)  # so that /etc is /etc
 set(CPACK_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_COMPONENTS_ALL program dev)
-if(TARGET metrics)
-  list(APPEND CPACK_COMPONENTS_ALL metrics)
-endif()
+foreach(plugin ${KESTREL_OWN_COMPONENTS})
+  if(TARGET ${plugin})
+    list(APPEND CPACK_COMPONENTS_ALL ${plugin})
+  endif()
+endforeach()
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -53,6 +55,14 @@ A plugin of kestrelexp that shows the probe at work over HTTP: a page with
 charts of packets, bits and flows, losses, exports and top talkers; metrics for
 Prometheus; whether the probe lives and is ready. With alert rules and a guide.")
 
+set(CPACK_DEBIAN_KAFKA_PACKAGE_NAME kestrelexp-kafka)
+set(CPACK_DEBIAN_KAFKA_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_KAFKA_PACKAGE_DEPENDS "kestrelexp (>= ${PROJECT_VERSION})")
+set(CPACK_COMPONENT_KAFKA_DESCRIPTION "flows of the kestrelexp flow probe into Kafka
+A plugin of kestrelexp that writes each flow into a topic of Apache Kafka, as
+the protocol buffers message of goflow2. Flows wait in a bounded queue while
+brokers are away, and every one that is lost is counted.")
+
 # Maintainer scripts, and the list of files that an operator may change.
 set(debian ${PROJECT_SOURCE_DIR}/packaging/debian)
 list(TRANSFORM KESTREL_CONFFILES PREPEND / OUTPUT_VARIABLE conffiles)
@@ -61,6 +71,7 @@ file(WRITE ${PROJECT_BINARY_DIR}/debian/conffiles "${conffiles}\n")
 set(CPACK_DEBIAN_PROGRAM_PACKAGE_CONTROL_EXTRA
   ${PROJECT_BINARY_DIR}/debian/conffiles ${debian}/postinst ${debian}/prerm ${debian}/postrm)
 set(CPACK_DEBIAN_METRICS_PACKAGE_CONTROL_EXTRA ${debian}/metrics/postinst ${debian}/metrics/postrm)
+set(CPACK_DEBIAN_KAFKA_PACKAGE_CONTROL_EXTRA ${debian}/kafka/postinst ${debian}/kafka/postrm)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
 foreach(component ${CPACK_COMPONENTS_ALL})

@@ -4,6 +4,8 @@
 BUILD_PACKAGES=(cmake g++ libgcrypt20-dev libpcap-dev libzstd-dev make pkg-config zlib1g-dev)
 # What the metrics plugin takes besides.
 METRICS_PACKAGES=(libjs-dygraphs libmicrohttpd-dev nlohmann-json3-dev prometheus-cpp-dev)
+# What the kafka plugin takes besides.
+KAFKA_PACKAGES=(librdkafka-dev nlohmann-json3-dev)
 TEST_PACKAGES=(ccache chromium chromium-driver clang-format clang-tidy dpkg-dev file iproute2
     libbenchmark-dev libfixbuf-tools libgtest-dev lintian man-db mandoc netbase nfdump ninja-build
     pmacct prometheus python3 python3-selenium systemd tshark zsh zstd)

@@ -6,7 +6,7 @@ _kx_options='-d -e -m -u -v -H -X -G -P -C -I -q -t -E -n -N -F -S -h -l -V'
 _kx_input='pcap rawnetcap af-packet capture-file'
 _kx_process='end-reason'
 _kx_filter='filter as_helper anonymizer'
-_kx_export='null netflow-v5 netflow-v9 ipfix ipfix-file json metrics'
+_kx_export='null netflow-v5 netflow-v9 ipfix ipfix-file json kafka metrics'
 declare -gA _kx_keys=(
     [pcap]='device sampling'
     [rawnetcap]='device sampling cache-size'
@@ -17,6 +17,7 @@ declare -gA _kx_keys=(
     [capture-file]='file filter-file sampling'
     [ipfix-file]='file rotate-time rotate-size template-file source_id queue drain'
     [json]='file socket style fields seed sampler rotate-time rotate-size compress queue drain'
+    [kafka]='brokers topic format key config sampler queue drain'
     [metrics]='port address'
 )
 # end

@@ -119,6 +119,9 @@ class Commands(unittest.TestCase):
     def test_json(self):
         self.run_page("extras/json/README.md")
 
+    def test_kafka(self):
+        self.run_page("extras/kafka/README.md")
+
     def test_metrics(self):
         self.run_page("extras/metrics/README.md")
 

@@ -135,9 +135,9 @@ class Bash(unittest.TestCase):
         self.assertEqual(self.completed("kestrelexp -I pcap:device=lo -E"), ["-E"])
 
     def test_plugins_are_offered_by_kind(self):
-        self.assertEqual(
-            self.completed("kestrelexp -E "),
-            ["null", "netflow-v5:", "netflow-v9:", "ipfix:", "ipfix-file:", "json:", "metrics:"])
+        self.assertEqual(self.completed("kestrelexp -E "),
+                         ["null", "netflow-v5:", "netflow-v9:", "ipfix:", "ipfix-file:", "json:",
+                          "kafka:", "metrics:"])
         self.assertEqual(self.completed("kestrelexp -I p"), ["pcap:"])
         self.assertEqual(self.completed("kestrelexp -F an"), ["anonymizer:"])
         self.assertEqual(self.completed("kestrelexp -G as"), ["as_helper:"])

@@ -24,7 +24,7 @@ from testbed.process import WatchedProcess, settle
 SOURCE = Path(__file__).resolve().parents[2]
 TEMPLATE, FILTER = Path("/etc/kestrel/ipfix-template.txt"), Path("/etc/kestrel/filter-example.txt")
 DEFAULTS = Path("/etc/default/kestrelexp")
-ALL = ("kestrelexp", "kestrelexp-dev", "kestrelexp-metrics")
+ALL = ("kestrelexp", "kestrelexp-dev", "kestrelexp-metrics", "kestrelexp-kafka")
 
 
 PAGES = re.compile(r"/usr/share/(?:doc/)?kestrelexp[a-z-]*/[\w./-]*\w")  # pages, scripts, folders
@@ -328,7 +328,7 @@ class Life(unittest.TestCase):
         install(*map(package, ALL))
         pages = sorted(Path("/usr/share/doc").glob("kestrelexp*/*.md"))
         elsewhere = {"plugin-guide": "kestrelexp-dev", "metrics": "kestrelexp-metrics",
-                     "monitoring": "kestrelexp-metrics"}
+                     "monitoring": "kestrelexp-metrics", "kafka": "kestrelexp-kafka"}
         names = [page.stem for page in (SOURCE / "docs").glob("*.md")]
         names += [page.parent.name for page in (SOURCE / "extras").glob("*/README.md")]
         self.assertEqual(sorted(f"{page.parent.name}/{page.name}" for page in pages), sorted(
@@ -399,12 +399,30 @@ class Life(unittest.TestCase):
             self.assertNotEqual(second, first)
             self.wait_for(page_answers)
 
+    def test_flows_into_kafka_come_with_a_package_of_its_own(self):
+        self.assertIn("librdkafka1", run("dpkg-deb", "-f", str(package("kestrelexp-kafka")),
+                                         "Depends"))
+        install(package("kestrelexp"))
+        self.assertFalse(Path("/usr/lib/kestrelexp/kafka.so").exists())
+        install(package("kestrelexp-kafka"))
+        enter_private_network()
+        DEFAULTS.write_text("KESTREL_OPTIONS=-v 0 -X kafka.so -E "
+                            "kafka:brokers=127.0.0.1:9092,drain=0\n")
+        probe = WatchedProcess(Unit(PROBED).command())
+        self.addCleanup(probe.kill)
+        probe.wait_for_line("kafka: no broker (")
+        probe.wait_for_line(READY)
+        probe.signal()
+        self.assertEqual(probe.wait(), 0, probe.describe())
+        self.assertIn("options in /etc/default name kafka.so; probes with them will not start",
+                      run("dpkg", "--remove", "kestrelexp-kafka"))
+
     def test_shipped_plugins_are_loaded_only_when_asked_for(self):
-        install(package("kestrelexp"), package("kestrelexp-metrics"))
+        install(*map(package, ALL))
         shipped = sorted(Path("/usr/lib/kestrelexp").iterdir())
         self.assertEqual([path.name for path in shipped], [
             "af-packet.so", "capture-file.so", "end-reason.so", "ipfix-file.so", "json.so",
-            "metrics.so"])
+            "kafka.so", "metrics.so"])
         before = run("kestrelexp", "-l").count("name: ")
         for path in shipped:
             for name in (path, path.name):

@@ -1,0 +1,70 @@
+// The worker's side of the export: hands the messages of an outlet to librdkafka and settles each
+// when its delivery report comes. A message stays in the outlet's ring meanwhile, and librdkafka
+// reads it there. All callbacks of librdkafka come while we poll it, so that everything here
+// happens on the worker; threads of librdkafka itself only log.
+//
+//   waiting ──deliver──> held ──report──> marked ──settle, oldest first──> sent or lost
+//      ^                                    │
+//      └──── the producer was given up ─────┘  not known to any broker: once more, by a new
+//      producer
+#pragma once
+
+#include <kestrelexp/metrics.h>
+#include <kestrelexp/outlet.h>
+#include <librdkafka/rdkafka.h>
+
+#include <cstdint>
+#include <string>
+
+#include "properties.h"
+#include "statistics.h"
+
+namespace kafka {
+
+class producer {
+  public:
+    // While the export is initialised. topic: its name.
+    producer(conf_pointer conf, std::string topic);
+
+    // Starts librdkafka. Returns whether it takes the configuration; fault has its words.
+    bool open(std::string& fault);
+
+    // See outlet_tend_function, outlet_deliver_function, outlet_end_function. The number of a
+    // message is the length of its key, which comes first in its bytes.
+    bool tend(outlet* queue, outlet_wait& wait);
+    outlet_answer deliver(outlet_message& message);
+    void end(outlet* queue);
+
+  private:
+    static void take_report(rd_kafka_t*, const rd_kafka_message_t* report, void* self);
+    static void take_fault(rd_kafka_t*, int code, const char* words, void* self);
+    static int take_statistics(rd_kafka_t*, char* text, size_t length, void* self);
+
+    void set_callbacks();
+    void close();
+    void replace(outlet* queue);
+    void purge();
+    void settle(outlet* queue);
+    void note_loss(rd_kafka_resp_err_t error);
+    void come_up();
+    void go_down();
+
+    const conf_pointer conf_;  // of which each producer gets a copy
+    const std::string topic_name_;
+    const int news_;  // eventfd: librdkafka has something to tell
+    rd_kafka_t* client_ = nullptr;
+    rd_kafka_topic_t* topic_ = nullptr;
+
+    statistics statistics_;
+    metric_cell* cells_;  // of the export's state
+    std::string last_fault_;
+    bool is_full_ = false;      // librdkafka takes no more for now
+    bool is_given_up_ = false;  // librdkafka has, for good
+    bool is_ending_ = false;
+    bool is_down_ = false;  // and that was said
+    uint64_t down_since_ns_ = 0;
+    uint64_t next_loss_line_ns_ = 0;
+    uint64_t untold_losses_ = 0;
+};
+
+}  // namespace kafka
