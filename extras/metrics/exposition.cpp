@@ -12,8 +12,12 @@ namespace metrics {
 
 namespace {
 
-constexpr std::string_view micro_end = "_microseconds_total";
-constexpr std::string_view base_end = "_seconds_total";
+struct unit_row {
+    std::string_view micro_end;
+    std::string_view base_end;
+};
+constexpr unit_row unit_rows[] = {{"_microseconds_total", "_seconds_total"},
+                                  {"_microseconds", "_seconds"}};
 constexpr double micro_per_base = 1e6;
 
 prometheus::MetricType type_of(bool is_counter) {
@@ -44,10 +48,12 @@ struct shown {
 
 shown in_base_units(const reading& one) {
     const auto value = static_cast<double>(one.value);
-    if (!one.name.ends_with(micro_end))
-        return {one.name, value};
-    const size_t stem = one.name.size() - micro_end.size();
-    return {one.name.substr(0, stem) + std::string(base_end), value / micro_per_base};
+    for (const unit_row& row : unit_rows)
+        if (one.name.ends_with(row.micro_end)) {
+            const size_t stem = one.name.size() - row.micro_end.size();
+            return {one.name.substr(0, stem) + std::string(row.base_end), value / micro_per_base};
+        }
+    return {one.name, value};
 }
 
 }  // namespace

@@ -33,6 +33,9 @@ inline constexpr std::string_view export_last_success =
     "kestrelexp_export_last_success_timestamp_seconds";
 inline constexpr std::string_view export_template_restarts =
     "kestrelexp_export_template_restarts_total";
+inline constexpr std::string_view broker_up = "kestrelexp_kafka_broker_up";
+inline constexpr std::string_view broker_round_trip =
+    "kestrelexp_kafka_broker_round_trip_microseconds";
 inline constexpr std::string_view ring_slots = "kestrelexp_ring_slots";
 inline constexpr std::string_view ring_used = "kestrelexp_ring_used_slots";
 inline constexpr std::string_view ring_waits = "kestrelexp_ring_waits_total";

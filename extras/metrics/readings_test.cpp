@@ -88,7 +88,8 @@ TEST(Readings, ComeFromTheProgram) {
 TEST(Exposition, HasAFamilyForEachNameAndBaseUnits) {
     const reading_list list{counted("a_total", {{"k", "x\"y"}}, 1),
                             counted("a_total", {{"k", "z"}}, 2), gauge("b", {}, 18),
-                            counted("c_wait_microseconds_total", {{"ring", "r"}}, 2'500'000)};
+                            counted("c_wait_microseconds_total", {{"ring", "r"}}, 2'500'000),
+                            gauge("d_microseconds", {}, 1'500)};
     EXPECT_EQ(metrics::exposition_text(list, {{"process_x", "Of the process.", false, 1.5}}),
               "# HELP a_total Help.\n"
               "# TYPE a_total counter\n"
@@ -100,6 +101,9 @@ TEST(Exposition, HasAFamilyForEachNameAndBaseUnits) {
               "# HELP c_wait_seconds_total Help.\n"
               "# TYPE c_wait_seconds_total counter\n"
               "c_wait_seconds_total{ring=\"r\"} 2.5\n"
+              "# HELP d_seconds Help.\n"
+              "# TYPE d_seconds gauge\n"
+              "d_seconds 0.0015\n"
               "# HELP process_x Of the process.\n"
               "# TYPE process_x gauge\n"
               "process_x 1.5\n");

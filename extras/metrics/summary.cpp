@@ -96,6 +96,33 @@ std::vector<std::string> names_of_exports(const reading_list& list) {
     return found;
 }
 
+const reading* reading_of(const reading_list& list, std::string_view name, const wanted_label& one,
+                          const wanted_label& other) {
+    const auto found = std::find_if(list.begin(), list.end(), [&](const reading& each) {
+        return each.name == name && each.label_value(one.name) == one.value &&
+               each.label_value(other.name) == other.value;
+    });
+    return found != list.end() ? &*found : nullptr;
+}
+
+// Of an export to a cluster; none for all others.
+json brokers(const reading_list& list, const wanted_label& of_export) {
+    json found = json::array();
+    for (const reading& up : list) {
+        if (up.name != names::broker_up || up.label_value(of_export.name) != of_export.value)
+            continue;
+        const std::string name(up.label_value("broker"));
+        const reading* const trip =
+            reading_of(list, names::broker_round_trip, of_export, {"broker", name});
+        found.push_back({{"name", name},
+                         {"up", up.value == 1},
+                         {"round_trip_seconds", trip != nullptr && trip->value != 0
+                                                    ? json(static_cast<double>(trip->value) / 1e6)
+                                                    : json(nullptr)}});
+    }
+    return found;
+}
+
 json exports(const reading_list& list, std::string_view self) {
     json found = json::array();
     for (const std::string& name : names_of_exports(list)) {
@@ -109,6 +136,7 @@ json exports(const reading_list& list, std::string_view self) {
         const std::vector<reason_count> counts = export_losses(list, name);
         one["lost"] = reasons(counts, true);
         one["left_out"] = reasons(counts, false);
+        one["brokers"] = brokers(list, label);
         one["is_this"] = name == self;
         found.push_back(std::move(one));
     }

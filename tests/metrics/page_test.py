@@ -131,6 +131,8 @@ class Numbers(PageCase):
         row, own = self.browser.rows("#exports")
         self.assertEqual((row[0], row[1], row[6]), ("down-0", "down", "3"))
         self.assertEqual(own[0], "metrics-1 this page")
+        self.assertEqual(self.browser.rows("#brokers"), [["7 of down-0", "up", "12.3 ms"],
+                                                         ["8 of down-0", "down", "–"]])
 
     def test_a_probe_that_has_ended_is_said(self):
         probe = self.watched_probe()

@@ -212,6 +212,20 @@ function showInside(summary) {
     one.wait_seconds === null ? "–" : `${one.wait_seconds.toFixed(1)} s`)));
 }
 
+function brokerRow(name, broker) {
+  const row = plainRow(`${broker.name} of ${name}`, "", broker.round_trip_seconds === null
+    ? "–" : `${(1000 * broker.round_trip_seconds).toFixed(1)} ms`);
+  row.cells[1].append(stateCell(broker));
+  return row;
+}
+
+function showBrokers(summary) {
+  const rows = summary.exports.flatMap((one) =>
+    one.brokers.map((broker) => brokerRow(one.name, broker)));
+  at("brokers-table").hidden = !rows.length;
+  put(at("brokers"), ...rows);
+}
+
 function showCharts(summary) {
   for (const chart of charts) {
     chart.show(history.map((one) => [Math.round(one.time * 1000), one[chart.field]]),
@@ -225,6 +239,7 @@ function show(summary) {
   showNow(summary);
   showRoad(summary);
   put(at("exports"), ...summary.exports.map((one) => exportRow(one, summary.time)));
+  showBrokers(summary);
   showTop(summary.top);
   showInside(summary);
   showCharts(summary);

@@ -11,6 +11,10 @@ static const struct metric_row rows[] = {
     {"kestrelexp_export_up", "Whether the export is up.", NULL, METRIC_GAUGE},
     {"kestrelexp_export_reconnects_total", "Connections that were made anew.", NULL,
      METRIC_COUNTER},
+    {"kestrelexp_kafka_broker_up", "Whether it is up.", "broker=\"7\"", METRIC_GAUGE},
+    {"kestrelexp_kafka_broker_up", "Whether it is up.", "broker=\"8\"", METRIC_GAUGE},
+    {"kestrelexp_kafka_broker_round_trip_microseconds", "To it and back.", "broker=\"7\"",
+     METRIC_GAUGE},
 };
 
 const struct plugin_description* plugin_export_desc(void) {
@@ -24,6 +28,8 @@ void* plugin_export_init(char* params, struct getter* getters) {
     (void)getters;
     metric_set(&cells[0], 0);
     metric_add(&cells[1], 3);
+    metric_set(&cells[2], 1);
+    metric_set(&cells[4], 12345);
     return cells;
 }
 

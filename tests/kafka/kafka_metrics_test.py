@@ -1,0 +1,56 @@
+"""What the page and the metrics tell of brokers."""
+
+# Not under the thread sanitizer: the thread of librdkafka's numbers is the outlet's worker, which
+# the other suite covers.
+
+import json
+import os
+import urllib.request
+
+from broker import ONE, PLUGIN, SAMPLER, KafkaCase
+from testbed.frames import ethernet, ipv4, udp
+from testbed.network import PROBED
+from testbed.process import SLOWNESS, wait_until
+
+
+def ask(path):
+    with urllib.request.urlopen(f"http://127.0.0.1:9101{path}", timeout=20 * SLOWNESS) as answer:
+        return answer.read().decode()
+
+
+def metrics():
+    return dict(line.rsplit(" ", 1) for line in ask("/metrics").splitlines() if line[0] != "#")
+
+
+def brokers():
+    """By name: whether it is up, and its round trip in seconds."""
+    return {one["name"]: (one["up"], one["round_trip_seconds"])
+            for one in json.loads(ask("/api/summary"))["exports"][0]["brokers"]}
+
+
+def is_slow(trip):
+    return trip is not None and 0.3 <= trip < 0.3 + 5 * SLOWNESS
+
+
+class Metrics(KafkaCase):
+    def test_the_state_and_the_round_trip_of_each_broker_are_shown(self):
+        for broker in (1, 2, 3):
+            self.cluster.order(f"slow {broker} 300")
+        plugins = f"{PLUGIN},{os.environ['KESTREL_METRICS']}"
+        self.probe("-q", "6", "-t", "600:1", "-X", plugins, "-E",
+                   f"kafka:brokers={self.cluster.brokers},sampler={SAMPLER},key=flow", "-E",
+                   "metrics:", source=("-I", f"pcap:device={PROBED}"))
+        self.sender.send(*[ethernet(ipv4(udp(1 + n, 53), "10.0.0.1", "10.0.0.2"))
+                           for n in range(500)])
+        wait_until(lambda: sorted(brokers()) == ["1", "2", "3"] and all(
+            up and is_slow(trip) for up, trip in brokers().values()), "slow brokers")
+        found = metrics()
+        self.assertEqual(found[f"kestrelexp_export_up{{{ONE}}}"], "1")
+        for broker in (1, 2, 3):
+            labels = f'{{{ONE},broker="{broker}"}}'
+            self.assertEqual(found[f"kestrelexp_kafka_broker_up{labels}"], "1")
+            self.assertTrue(is_slow(float(
+                found[f"kestrelexp_kafka_broker_round_trip_seconds{labels}"])))
+        self.cluster.down()
+        wait_until(lambda: metrics()[f"kestrelexp_export_up{{{ONE}}}"] == "0", "no broker")
+        wait_until(lambda: [up for up, _ in brokers().values()] == [False] * 3, "no brokers")
