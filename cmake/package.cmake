@@ -60,8 +60,8 @@ set(CPACK_DEBIAN_KAFKA_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_KAFKA_PACKAGE_DEPENDS "kestrelexp (>= ${PROJECT_VERSION})")
 set(CPACK_COMPONENT_KAFKA_DESCRIPTION "flows of the kestrelexp flow probe into Kafka
 A plugin of kestrelexp that writes each flow into a topic of Apache Kafka, as
-the protocol buffers message of goflow2. Flows wait in a bounded queue while
-brokers are away, and every one that is lost is counted.")
+JSON or as the protocol buffers message of goflow2. Flows wait in a bounded
+queue while brokers are away, and every one that is lost is counted.")
 
 # Maintainer scripts, and the list of files that an operator may change.
 set(debian ${PROJECT_SOURCE_DIR}/packaging/debian)

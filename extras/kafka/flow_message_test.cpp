@@ -191,9 +191,4 @@ TEST(SamplerAddress, IsReadInBothFamilies) {
     EXPECT_FALSE(kafka::read_sampler_address("localhost", address));
 }
 
-TEST(SamplerAddress, IsOneOfTheMachineWithoutAWord) {
-    sampler_address address;
-    EXPECT_TRUE(kafka::read_sampler_address(kafka::machine_address().c_str(), address));
-}
-
 }  // namespace

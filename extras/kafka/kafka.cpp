@@ -9,7 +9,9 @@
 #include <algorithm>
 #include <memory>
 #include <utility>
+#include <vector>
 
+#include "../flow-encoding/flow_encoding.h"
 #include "flow_message.h"
 #include "message_key.h"
 #include "producer.h"
@@ -25,7 +27,10 @@ constexpr plugin_description description{
     "Parameters (delimited by ','):\n"
     " brokers=host:port#host:port\n"
     " topic=name (default: flows)\n"
-    " format=protobuf (default: protobuf)\n"
+    " format=json|protobuf (default: json)\n"
+    " style=goflow2|ecs (of JSON, default: goflow2)\n"
+    " fields=name#name... (of JSON, default: all that the style names)\n"
+    " seed=number (of the Community ID, default: 0)\n"
     " key=none|exporter|flow (default: none)\n"
     " config=file with properties of librdkafka\n"
     " sampler=IP_address of this probe in the flows (default: the machine's)\n"
@@ -33,16 +38,20 @@ constexpr plugin_description description{
     " drain=seconds at the end (default: 10)",
     0, PLUGIN_WHOLE_PARAMS};  // brokers have ports
 
+constexpr size_t longest_key = std::max<size_t>(longest_flow_key, INET6_ADDRSTRLEN);
+
 struct exporter {
     exporter(const settings& wanted, conf_pointer conf, const getter* getters)
         : key(wanted.key),
           sampler(wanted.sampler),
-          message(getters, sampler),
+          protobuf(getters, sampler),
           sender(std::move(conf), wanted.topic) {}
 
     const message_key key;
     const sampler_address sampler;
-    const flow_message message;
+    const flow_message protobuf;
+    flow_encoding::json_encoder* json = nullptr;  // null: messages are protocol buffers
+    std::vector<uint8_t> message;                 // room for the longest, with its key
     producer sender;
     outlet* queue = nullptr;
     uint32_t number = 0;  // of the next record
@@ -72,6 +81,27 @@ size_t put_key(const exporter& self, const flow_record& record, uint8_t* to) {
     }
 }
 
+// Returns the bytes of the message.
+size_t put_message(exporter& self, const flow_record& record, uint8_t* to) {
+    const uint64_t now_ns = timer_get_nsec();
+    const uint32_t number = self.number++;
+    return self.json != nullptr ? self.json->encode(record, now_ns, reinterpret_cast<char*>(to))
+                                : self.protobuf.write(record, now_ns, number, to);
+}
+
+bool open_encoder(const settings& wanted, const getter* getters, exporter& self,
+                  std::string& fault) {
+    size_t longest = flow_message::longest;
+    if (wanted.format == message_format::json) {
+        self.json = flow_encoding::json_encoder::open(wanted.json, getters, fault);
+        if (self.json == nullptr)
+            return false;
+        longest = self.json->longest();
+    }
+    self.message.resize(longest_key + longest);
+    return true;
+}
+
 exporter* start(char* params, const getter* getters, std::string& fault) {
     settings wanted;
     if (!read_settings(params, wanted, fault))
@@ -80,7 +110,7 @@ exporter* start(char* params, const getter* getters, std::string& fault) {
     if (!conf)
         return nullptr;
     auto* const self = new exporter(wanted, std::move(conf), getters);  // for the whole run
-    if (!self->sender.open(fault))
+    if (!open_encoder(wanted, getters, *self, fault) || !self->sender.open(fault))
         return nullptr;  // and the program ends
     const outlet_owner owner = {&self->sender, tend, deliver, end};
     self->queue = outlet_open(&owner, wanted.queue_bytes, wanted.drain_s);
@@ -109,11 +139,9 @@ void* plugin_export_init(char* params, getter* getters) {
 
 uint32_t plugin_export_export(void* instance, flow_record* record) {
     exporter& self = *static_cast<exporter*>(instance);
-    constexpr size_t longest_key = std::max<size_t>(longest_flow_key, INET6_ADDRSTRLEN);
-    uint8_t bytes[longest_key + flow_message::longest];
+    uint8_t* const bytes = self.message.data();
     const size_t key_length = put_key(self, *record, bytes);
-    const size_t length =
-        self.message.write(*record, timer_get_nsec(), self.number++, bytes + key_length);
+    const size_t length = put_message(self, *record, bytes + key_length);
     const outlet_message message = {
         bytes, static_cast<uint32_t>(key_length + length), 1, record->packets, key_length, 0};
     // What does not fit is counted there.

@@ -16,8 +16,4 @@ struct sampler_address {
 // Reads an IPv4 or IPv6 address in digits. Returns whether it is one.
 bool read_sampler_address(const char* text, sampler_address& address);
 
-// The first address of this machine that is not its loopback's or a link's own, IPv4 before IPv6;
-// 127.0.0.1 when there is none.
-std::string machine_address();
-
 }  // namespace kafka

@@ -31,38 +31,43 @@ bool set_bounded(const bounded& row, int32_t given, int32_t& value, std::string&
     return false;
 }
 
-struct key_name {
+template <typename Choice>
+struct choice {
     const char* name;
-    message_key key;
+    Choice value;
 };
-constexpr key_name key_names[] = {
+constexpr choice<message_key> keys[] = {
     {"none", message_key::none}, {"exporter", message_key::exporter}, {"flow", message_key::flow}};
+constexpr choice<message_format> formats[] = {{"json", message_format::json},
+                                              {"protobuf", message_format::protobuf}};
 
-bool set_key(const char* text, message_key& key, std::string& fault) {
+// Without a text the value stays what it is.
+template <typename Choice, size_t count>
+bool choose(const char* what, const choice<Choice> (&rows)[count], const char* text, Choice& value,
+            std::string& fault) {
     if (text == nullptr)
         return true;
-    const auto* const found = std::ranges::find_if(
-        key_names, [&](const key_name& row) { return std::strcmp(row.name, text) == 0; });
-    if (found == std::end(key_names)) {
-        fault = std::string("Unknown key: ") + text + " (there are none, exporter, flow)";
+    std::string names;
+    for (const choice<Choice>& row : rows) {
+        if (std::strcmp(row.name, text) == 0) {
+            value = row.value;
+            return true;
+        }
+        names += (names.empty() ? "" : ", ") + std::string(row.name);
+    }
+    fault = std::string("Unknown ") + what + ": " + text + " (there are " + names + ")";
+    return false;
+}
+
+// Every message names the probe; the rest is JSON's.
+bool set_json(const flow_encoding::json_parameters& given, settings& result, std::string& fault) {
+    if (result.format != message_format::json &&
+        (given.style != nullptr || given.fields != nullptr || given.seed != 0)) {
+        fault = "style, fields and seed go with format=json";
         return false;
     }
-    key = found->key;
-    return true;
-}
-
-bool check_format(const char* text, std::string& fault) {
-    if (text == nullptr || std::strcmp(text, "protobuf") == 0)
-        return true;
-    fault = std::string("Unknown format: ") + text + " (there is protobuf)";
-    return false;
-}
-
-bool set_sampler(const char* text, sampler_address& address, std::string& fault) {
-    if (read_sampler_address(text, address))
-        return true;
-    fault = std::string("sampler=") + text + " is no IPv4 or IPv6 address";
-    return false;
+    return flow_encoding::read_json_settings(given, result.json, fault) &&
+           read_sampler_address(result.json.sampler.c_str(), result.sampler);
 }
 
 std::string text_of(const char* text) {
@@ -77,16 +82,20 @@ bool read_settings(char* params, settings& result, std::string& fault) {
     char* format = nullptr;
     char* key = nullptr;
     char* file = nullptr;
-    char* sampler = nullptr;
+    flow_encoding::json_parameters json;
     int32_t queue_kib = not_given;
     int32_t drain_s = not_given;
+    const auto of_json = json.rows();
     const config_setting table[] = {
         {"brokers", static_cast<void*>(&brokers), CONFIG_STRING},
         {"topic", static_cast<void*>(&topic), CONFIG_STRING},
         {"format", static_cast<void*>(&format), CONFIG_STRING},
         {"key", static_cast<void*>(&key), CONFIG_STRING},
         {"config", static_cast<void*>(&file), CONFIG_STRING},
-        {"sampler", static_cast<void*>(&sampler), CONFIG_STRING},
+        of_json[0],
+        of_json[1],
+        of_json[2],
+        of_json[3],
         {"queue", &queue_kib, CONFIG_INTEGER},
         {"drain", &drain_s, CONFIG_INTEGER},
         {nullptr, nullptr, 0},
@@ -98,9 +107,8 @@ bool read_settings(char* params, settings& result, std::string& fault) {
     std::ranges::replace(result.brokers, '#', ',');
     result.topic = topic != nullptr ? topic : "flows";
     result.properties_file = text_of(file);
-    const std::string address = sampler != nullptr ? sampler : machine_address();
-    if (!check_format(format, fault) || !set_key(key, result.key, fault) ||
-        !set_sampler(address.c_str(), result.sampler, fault) ||
+    if (!choose("format", formats, format, result.format, fault) ||
+        !choose("key", keys, key, result.key, fault) || !set_json(json, result, fault) ||
         !set_bounded(queue_bounds, queue_kib, queue_kib, fault) ||
         !set_bounded(drain_bounds, drain_s, drain_s, fault))
         return false;

@@ -13,6 +13,7 @@
 namespace {
 
 using kafka::conf_pointer;
+using kafka::message_format;
 using kafka::message_key;
 using kafka::settings;
 
@@ -60,6 +61,7 @@ TEST(Settings, HaveDefaults) {
     settings result;
     EXPECT_EQ(fault_of("", result), "");
     EXPECT_EQ(result.topic, "flows");
+    EXPECT_EQ(result.format, message_format::json);
     EXPECT_EQ(result.key, message_key::none);
     EXPECT_EQ(result.queue_bytes, 16U << 20);
     EXPECT_EQ(result.drain_s, 10U);
@@ -73,6 +75,7 @@ TEST(Settings, AreRead) {
               "");
     EXPECT_EQ(result.brokers, "a:9092,[::1]:9093");
     EXPECT_EQ(result.topic, "t");
+    EXPECT_EQ(result.format, message_format::protobuf);
     EXPECT_EQ(result.key, message_key::flow);
     EXPECT_EQ(result.properties_file, "/f");
     EXPECT_EQ(result.sampler.text, "192.0.2.7");
@@ -84,7 +87,9 @@ TEST(Settings, ThatMakeNoSenseAreNamed) {
     EXPECT_EQ(fault_of("queue=16"), "queue is from 256 to 4194304 KiB");
     EXPECT_EQ(fault_of("drain=3601"), "drain is from 0 to 3600 s");
     EXPECT_EQ(fault_of("key=flows"), "Unknown key: flows (there are none, exporter, flow)");
-    EXPECT_EQ(fault_of("format=xml"), "Unknown format: xml (there is protobuf)");
+    EXPECT_EQ(fault_of("format=xml"), "Unknown format: xml (there are json, protobuf)");
+    EXPECT_EQ(fault_of("format=protobuf,style=ecs"), "style, fields and seed go with format=json");
+    EXPECT_EQ(fault_of("style=xml"), "style=xml is none of goflow2 and ecs");
     EXPECT_EQ(fault_of("sampler=here"), "sampler=here is no IPv4 or IPv6 address");
     EXPECT_EQ(fault_of("topic"), "these parameters cannot be read");
 }

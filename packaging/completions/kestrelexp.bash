@@ -17,7 +17,7 @@ declare -gA _kx_keys=(
     [capture-file]='file filter-file sampling'
     [ipfix-file]='file rotate-time rotate-size template-file source_id queue drain'
     [json]='file socket style fields seed sampler rotate-time rotate-size compress queue drain'
-    [kafka]='brokers topic format key config sampler queue drain'
+    [kafka]='brokers topic format style fields seed key config sampler queue drain'
     [metrics]='port address'
 )
 # end

@@ -86,12 +86,13 @@ class Cluster:
         for broker in (1, 2, 3):
             self.order(f"up {broker}")
 
-    def messages(self):
+    def messages(self, read=read_flow):
+        """read: makes a flow of the bytes of a message."""
         found = []
         for line in self.order(f"read {TOPIC} {PARTITIONS}"):
             partition, key, message = line.split()
             found.append(Message(int(partition), bytes.fromhex(key.strip("-")),
-                                 read_flow(bytes.fromhex(message))))
+                                 read(bytes.fromhex(message))))
         return found
 
     def close(self):
@@ -107,9 +108,9 @@ class KafkaCase(E2eCase):
         self.cluster = Cluster()
         self.addCleanup(self.cluster.close)
 
-    def start(self, parameters="", **options):
+    def start(self, parameters="", style="format=protobuf", **options):
         return self.probe("-X", PLUGIN, "-E", f"kafka:brokers={self.cluster.brokers},"
-                          f"sampler={SAMPLER}{parameters}",
+                          f"sampler={SAMPLER},{style}{parameters}",
                           source=(*SMALL, "-I", f"pcap:device={PROBED}"), **options)
 
     def wait_for_messages(self, count):

@@ -2,6 +2,7 @@
 is not there was counted."""
 
 import ipaddress
+import json
 import time
 
 from broker import ONE, SAMPLER, KafkaCase
@@ -62,6 +63,24 @@ class Kafka(KafkaCase):
             {**common, "src_addr": address(A), "dst_addr": address(B), "etype": 0x800, "proto": 1,
              "icmp_type": 8, "icmp_code": 1, "packets": 1, "bytes": 36}])
         self.assertEqual(self.sum_of(probe, 5).total(SENT, ONE), 5)
+
+    def test_each_flow_is_an_object_of_json(self):
+        probe = self.start(style="format=json,style=goflow2")
+        self.sender.send(*[ethernet(ipv4(tcp(40000, 443, 0x12), A, B, tos=8))] * 3)
+        self.stop_in_order(probe)
+        flow, = (message.flow for message in self.cluster.messages(json.loads))
+        self.assertLessEqual({
+            "sampler_address": SAMPLER, "src_addr": A, "dst_addr": B, "etype": "IPv4",
+            "proto": "TCP", "src_port": 40000, "dst_port": 443, "tcp_flags": 0x12, "ip_tos": 8,
+            "packets": 3, "bytes": 120, "sampling_rate": 1}.items(), flow.items())
+        self.sum_of(probe, 3)
+
+    def test_an_object_has_the_style_and_the_fields_that_are_asked_for(self):
+        probe = self.start(style="style=ecs,fields=L3_IPV4_ADDR_SRC#L4_PORT_DST")
+        self.sender.send(*flows(1, 2))
+        self.stop_in_order(probe)
+        self.assertEqual([message.flow for message in self.cluster.messages(json.loads)],
+                         [{"source": {"ip": "10.1.0.1"}, "destination": {"port": 53}}] * 2)
 
     def test_the_key_of_a_flow_brings_both_directions_into_one_partition(self):
         probe = self.start(",key=flow")
