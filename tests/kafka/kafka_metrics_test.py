@@ -1,7 +1,6 @@
 """What the page and the metrics tell of brokers."""
 
-# Not under the thread sanitizer: the thread of librdkafka's numbers is the outlet's worker, which
-# the other suite covers.
+# Not under the thread sanitizer: librdkafka, which has most of the threads, is not instrumented.
 
 import json
 import os
