@@ -2,9 +2,10 @@
 // other's, the protocol, a zero, and the ports in the same order, all in network order.
 #include "community_id.h"
 
-#include <cstring>
+#include <gcrypt.h>
 
-#include "sha1.h"
+#include <array>
+#include <cstring>
 
 namespace flow_encoding {
 namespace {
@@ -107,11 +108,21 @@ void add_word(uint8_t*& to, uint16_t word) {
     *to++ = static_cast<uint8_t>(word);
 }
 
+using sha1_digest = std::array<uint8_t, 20>;
+
+sha1_digest sha1_of(const uint8_t* message, size_t length) {
+    // The library wants to be asked for its version first.
+    [[maybe_unused]] static const char* const version = gcry_check_version(nullptr);
+    sha1_digest digest;
+    gcry_md_hash_buffer(GCRY_MD_SHA1, digest.data(), message, length);
+    return digest;
+}
+
 sha1_digest digest_of(const flow_record& record, uint16_t seed) {
     const flow_ends ends = ends_of(record);
     const port_words ports = ports_of(record);
     const bool is_straight = is_in_order(ends, ports);
-    uint8_t message[sha1_message_limit];
+    uint8_t message[2 + 16 + 16 + 2 + 4];
     uint8_t* to = message;
     add_word(to, seed);
     add_bytes(to, is_straight ? ends.source : ends.destination, ends.length);
@@ -122,7 +133,7 @@ sha1_digest digest_of(const flow_record& record, uint16_t seed) {
         add_word(to, is_straight ? ports.source : ports.destination);
         add_word(to, is_straight ? ports.destination : ports.source);
     }
-    return sha1_of({message, static_cast<size_t>(to - message)});
+    return sha1_of(message, static_cast<size_t>(to - message));
 }
 
 constexpr char base64_digits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
