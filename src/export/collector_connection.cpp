@@ -351,11 +351,18 @@ void collector_connection::give_held_back(outlet* queue, bool is_answer, int fau
         outlet_settle(queue, OUTLET_UNACKNOWLEDGED);
 }
 
+// A collector that is left as it takes nothing has lived up to where it stopped.
+uint64_t collector_connection::lived_until(int fault) const {
+    if (fault != takes_nothing)
+        return now_ns_;
+    return tells_acknowledgements() ? last_progress_ns_ : full_since_ns_;
+}
+
 // is_answer: the fault is what came back for the last datagram.
 void collector_connection::fail(outlet* queue, int fault, bool is_answer) {
     give_held_back(queue, is_answer, fault);
     network_.close(true);
-    if (state_ == state::up && now_ns_ >= up_since_ns_ + good_life_ns)
+    if (state_ == state::up && lived_until(fault) >= up_since_ns_ + good_life_ns)
         failures_ = 0;
     const uint64_t pause_ns = backoff_ns(failures_, network_.random());
     failures_ += 1;

@@ -89,6 +89,7 @@ class collector_connection {
     outlet_answer sent_part(outlet_message& message, uint32_t bytes);
     void give_held_back(outlet* queue, bool is_answer, int fault);
     void fail(outlet* queue, int fault, bool is_answer = false);
+    uint64_t lived_until(int fault) const;
     void say_down(int fault);
     bool awaits_first_datagram() const;
     bool is_datagram() const { return to_.protocol == IPPROTO_UDP; }

@@ -163,6 +163,25 @@ TEST_F(Connection, LeavesACollectorThatTakesNothingForFifteenSeconds) {
     EXPECT_EQ(queued(), 4U);
 }
 
+// It is there each time, and stops at once: 15 s up, then pauses of 1, 2, 4, 8, 16, 32 s and so on.
+TEST_F(Connection, WaitsLongerForACollectorThatStallsAgainAndAgain) {
+    to_.ip = 4;
+    net_.acknowledges = false;
+    net_.room = 20;
+    for (int n = 0; n < 100; ++n)
+        offer("message");
+    const uint64_t start_ns = net_.time_ns;
+    while (net_.time_ns < start_ns + 160 * ns_per_second) {
+        run_for(1);
+        if (!connection_->is_up())
+            net_.room = 20;  // the next connection takes as much
+    }
+    std::vector<uint64_t> seconds;
+    for (const uint64_t time_ns : net_.attempts)
+        seconds.push_back((time_ns - start_ns) / ns_per_second);
+    EXPECT_EQ(seconds, (std::vector<uint64_t>{0, 16, 33, 52, 75, 106, 153}));
+}
+
 TEST_F(Connection, AnIdleHourIsNoStall) {
     come_up();
     EXPECT_LT(run_for(3600), 5U);
