@@ -37,18 +37,26 @@ bool writer::tend(outlet* queue, bool is_closing, const moment& now, outlet_wait
     if (is_closing && !is_closing_)
         retry_ns_ = 0;  // the program ends: once more at once
     is_closing_ = is_closing;
-    const bool is_ready = now.uptime_ns >= retry_ns_ && (!is_sync_due() || sync(queue));
+    const bool is_ready = now.uptime_ns >= retry_ns_ && (!is_sync_due(queue) || sync(queue));
     if (is_ready && is_interval_over(queue))
         (void)complete(queue);  // without messages that wait for the disk nothing can fail
     wait.timeout_ms = is_ready ? next_look_ms() : ms_until(retry_ns_, now.uptime_ns);
     return is_ready;
 }
 
-bool writer::is_sync_due() const {
+// At the end of the program once all is written, as each time costs.
+bool writer::is_sync_due(const outlet* queue) const {
     if (unsynced_ == 0)
         return false;
-    return is_closing_ || unsynced_ >= most_unsynced_ || (is_failing() && has_written_since_) ||
+    return (is_closing_ && is_all_written(queue)) || unsynced_ >= most_unsynced_ ||
+           (is_failing() && has_written_since_) ||
            now_.uptime_ns >= unsynced_since_ns_ + sync_interval_ns;
+}
+
+bool writer::is_all_written(const outlet* queue) const {
+    outlet_counts counts;
+    outlet_read_counts(queue, &counts);
+    return counts.queued.bytes <= unsynced_;
 }
 
 // Only in a silence: else the next message ends the file.

@@ -46,7 +46,8 @@ class writer {
   private:
     bool open_file(uint64_t time_s, uint64_t first_record);
     bool belongs_to_next(const outlet_message& message, uint64_t time_s) const;
-    bool is_sync_due() const;
+    bool is_sync_due(const outlet* queue) const;
+    bool is_all_written(const outlet* queue) const;
     bool is_interval_over(const outlet* queue) const;
     bool sync(outlet* queue);
     void write_again(outlet* queue);
