@@ -192,14 +192,19 @@ void check_exports(const run_configuration& run) {
         die(exit_config, "No export set. Exiting.");
 }
 
+// A number that was given for an export stays in the records for those after it.
 export_place place_of(const run_configuration& run, const export_entry& entry) {
-    const auto interface_or_none = [](uint16_t number) {
-        return number == SNMP_INTERFACE_UNSET ? -1 : int32_t{number};
+    const auto last_given = [&](uint16_t export_entry::*number) {
+        int32_t given = -1;
+        for (const export_entry* each = run.exports.data(); each <= &entry; ++each)
+            if (each->*number != SNMP_INTERFACE_UNSET)
+                given = each->*number;
+        return given;
     };
     return {.position = static_cast<uint32_t>(&entry - run.exports.data()),
             .sampling_rate = static_cast<uint32_t>(entry.sampling_rate),
-            .input_interface = interface_or_none(entry.snmp_input_if),
-            .output_interface = interface_or_none(entry.snmp_output_if)};
+            .input_interface = last_given(&export_entry::snmp_input_if),
+            .output_interface = last_given(&export_entry::snmp_output_if)};
 }
 
 void init_exports(run_configuration& run) {

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstddef>
 #include <mutex>
+#include <utility>
 
 #include "base/memory.h"
 
@@ -43,31 +44,37 @@ bool are_interfaces_wanted() {
     return the_observation().are_wanted.load(std::memory_order_relaxed);
 }
 
-interface_update::interface_update() {
-    the_observation().lock.lock();
-}
-
 interface_update::~interface_update() {
     observation& all = the_observation();
-    if (told_ != all.interfaces.size()) {
-        all.interfaces.resize(told_);
-        has_changed_ = true;
+    if (told_ != all.interfaces.size())
+        begin_change();
+    if (!has_changed_)
+        return;
+    {
+        const std::scoped_lock locked(all.lock);
+        all.interfaces.swap(changed_);
     }
-    if (has_changed_)
-        all.version.fetch_add(1, std::memory_order_relaxed);
-    all.lock.unlock();
+    all.version.fetch_add(1, std::memory_order_relaxed);
 }
 
-void interface_update::tell(uint32_t number, const char* name, const char* description) {
-    std::vector<observed_interface>& list = the_observation().interfaces;
-    const size_t place = told_++;
-    if (place == list.size())
-        list.emplace_back();
-    else if (const observed_interface& known = list[place];
-             known.number == number && known.name == name && known.description == description)
+// What was told up to now is as it was.
+void interface_update::begin_change() {
+    if (std::exchange(has_changed_, true))
         return;
-    list[place] = {number, name, description};
-    has_changed_ = true;
+    const std::vector<observed_interface>& list = the_observation().interfaces;
+    changed_.assign(list.begin(), list.begin() + static_cast<ptrdiff_t>(told_));
+}
+
+// No other thread writes the list, so it can be read without the lock.
+void interface_update::tell(uint32_t number, const char* name, const char* description) {
+    const std::vector<observed_interface>& list = the_observation().interfaces;
+    const bool is_known = !has_changed_ && told_ < list.size() && list[told_].number == number &&
+                          list[told_].name == name && list[told_].description == description;
+    if (!is_known) {
+        begin_change();
+        changed_.push_back({number, name, description});
+    }
+    ++told_;
 }
 
 uint32_t interfaces_version() {

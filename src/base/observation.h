@@ -13,6 +13,7 @@ namespace kestrel {
 struct input_sampling {
     uint32_t rate = 0;  // one packet in so many; 0: all
     bool is_random = false;
+    bool is_in_records = false;  // finished flows may each bring a rate of their own
 };
 
 // Main thread, while the program starts.
@@ -32,11 +33,11 @@ void observation_want_interfaces();
 bool are_interfaces_wanted();
 
 // Takes a new list of interfaces: tell() for each, and its end. It is compared with the one before
-// as it comes, so a list that stays as it was costs no memory and changes no version. One thread at
-// a time.
+// as it comes, so a list that stays as it was costs no memory and changes no version. Readers never
+// wait for whoever tells. One thread at a time.
 class interface_update {
   public:
-    interface_update();
+    interface_update() = default;
     ~interface_update();
     interface_update(const interface_update&) = delete;
     interface_update& operator=(const interface_update&) = delete;
@@ -44,8 +45,11 @@ class interface_update {
     void tell(uint32_t number, const char* name, const char* description);
 
   private:
+    void begin_change();
+
     size_t told_ = 0;
     bool has_changed_ = false;
+    std::vector<observed_interface> changed_;  // the whole list, as far as it has come
 };
 
 // Changes whenever the list does.

@@ -315,7 +315,8 @@ void observe_input(const flow_switch& sw, const input_plugin& input,
     const bool has_rate = sw.reader == nullptr || sw.reader == packet_to_flow_reader;
     const int32_t* const is_random = operations.is_sampling_random;
     observation_set_sampling({.rate = has_rate ? sw.sampling : input.sampling(input.instance),
-                              .is_random = is_random != nullptr && *is_random != 0});
+                              .is_random = is_random != nullptr && *is_random != 0,
+                              .is_in_records = !has_rate});
     if (sw.interfaces != nullptr)
         update_interfaces(sw);
 }

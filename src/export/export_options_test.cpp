@@ -364,7 +364,21 @@ TEST_F(ExportOptions, AnInterfaceThatChangesIsToldWithinASecond) {
     EXPECT_TRUE(tend_for(60'000).empty());
 }
 
+// An export before this one has multiplied and divided in 16 bits: 100,000 less 65,536, over 100.
+TEST_F(ExportOptions, WhereFramesAreParsedRecordsHaveNoRateOfTheirOwn) {
+    observation_set_sampling({.rate = 1000});
+    init(ipfix, ",options-refresh-time=3600");
+    EXPECT_EQ(tend_for(2'000).size(), 2U);
+    flow_.sampling = 344;
+    export_flows(2);
+    flush();
+    while (!receive().empty()) {
+    }
+    EXPECT_TRUE(tend_for(2'000).empty());
+}
+
 TEST_F(ExportOptions, RecordsThatShowAnotherRateChangeIt) {
+    observation_set_sampling({.is_in_records = true});
     init(ipfix, ",options-refresh-time=3600");
     EXPECT_EQ(tend_for(2'000).size(), 2U);
     flow_.sampling = 0;

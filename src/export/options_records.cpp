@@ -7,6 +7,7 @@
 #include <optional>
 #include <utility>
 
+#include "base/export_metrics.h"
 #include "base/log.h"
 #include "export/options_statistics.h"
 
@@ -41,13 +42,7 @@ observed_interface joined(const std::vector<observed_interface>& interfaces) {
     return all;
 }
 
-constexpr metric_row own_rows[] = {
-    {"kestrelexp_export_messages_total", "Messages that the export has sent.", nullptr,
-     METRIC_COUNTER},
-    {"kestrelexp_export_bytes_total", "Bytes of these messages.", nullptr, METRIC_COUNTER},
-    {"kestrelexp_export_failed_messages_total", "Messages that could not be sent.", nullptr,
-     METRIC_COUNTER},
-};
+constexpr metric_row own_rows[] = {sent_messages_row, sent_bytes_row, failed_messages_row};
 
 }  // namespace
 
@@ -106,10 +101,13 @@ options_records::options_records(const options_settings& settings, options_proto
     observation_want_interfaces();
 }
 
-// Records of an input of flows may bring a rate of their own, in 16 bits.
+// Where frames are parsed here a rate in records is another one only because their 16 bits do not
+// hold what an export before this one made of it.
 void options_records::note_sampling(uint16_t sampling) {
     last_sampling_ = sampling;
     const input_sampling input = observed_sampling();
+    if (!input.is_in_records)
+        return;
     const bool is_base = sampling == shown_sampling(input, place_.sampling_rate);
     rate_.store(
         is_base ? effective_rate(input, place_.sampling_rate) : std::max<uint32_t>(sampling, 1),

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "base/counters.h"
+#include "base/export_metrics.h"
 
 namespace kestrel {
 namespace {
@@ -23,11 +24,24 @@ uint64_t mean_octets_of(uint64_t count) {
     return static_cast<uint64_t>(mean * static_cast<double>(count));
 }
 
+// What filters and sampling keep back is counted once for all collectors of an export. In parallel
+// it is kept back from each of them.
+uint64_t kept_back(const char* name, const std::string& label) {
+    const std::string of_export = label.substr(0, label.find(",collector="));
+    if (of_export == label || metrics_sum(export_copies_row.name, of_export) == 0)
+        return 0;
+    return metrics_sum(name, of_export + ",reason=\"filter\"") +
+           metrics_sum(name, of_export + ",reason=\"sampling\"");
+}
+
 }  // namespace
 
 options_statistics read_statistics(const std::string& label) {
     const auto all = [](const char* name) { return metrics_sum(name, ""); };
     const auto own = [&label](const char* name) { return metrics_sum(name, label); };
+    const auto lost = [&label](const char* name) {
+        return metrics_sum(name, label) + kept_back(name, label);
+    };
     const auto discarded = [](const char* reason) {
         return metrics_sum("kestrelexp_parser_discarded_packets_total", reason);
     };
@@ -38,11 +52,11 @@ options_statistics read_statistics(const std::string& label) {
         all("kestrelexp_handed_records_total") + all("kestrelexp_rejected_records_total");
     const uint64_t ignored = all("kestrelexp_capture_dropped_packets_total") +
                              discarded("reason=\"truncated\"") + discarded("reason=\"ip_version\"");
-    const uint64_t unsent_packets = own("kestrelexp_export_lost_packets_total");
+    const uint64_t unsent_packets = lost("kestrelexp_export_lost_packets_total");
     return {.sent = {own("kestrelexp_export_bytes_total"), own("kestrelexp_export_messages_total"),
                      own("kestrelexp_export_records_total")},
             .observed = {std::max(cached, finished), ignored},
-            .unsent = {own("kestrelexp_export_lost_records_total"), unsent_packets,
+            .unsent = {lost("kestrelexp_export_lost_records_total"), unsent_packets,
                        mean_octets_of(unsent_packets)}};
 }
 

@@ -66,5 +66,18 @@ TEST(OptionsStatistics, AreTheExportsOwnCountersAndThoseOfTheProbe) {
     EXPECT_EQ(found.unsent[2], 402U);  // 50.25 bytes each
 }
 
+// One record of 3 packets was sent, to each of two; one of 5 was kept back, from both.
+TEST(OptionsStatistics, WhatIsKeptBackInParallelIsKeptBackFromEachCollector) {
+    const char* const one = "export=\"group-0\",collector=\"1\"";
+    count("kestrelexp_export_records_total", one, 1);
+    count("kestrelexp_export_lost_records_total", "export=\"group-0\",reason=\"sampling\"", 1);
+    count("kestrelexp_export_lost_packets_total", "export=\"group-0\",reason=\"sampling\"", 5);
+    EXPECT_EQ(read_statistics(one).unsent[0], 0U);  // not in parallel: whose it was is not known
+    const metric_row copies = {"kestrelexp_export_copies", "", nullptr, METRIC_GAUGE};
+    metric_set(metrics_register(&copies, 1, "export=\"group-0\""), 2);
+    EXPECT_EQ(read_statistics(one).unsent[0], 1U);
+    EXPECT_EQ(read_statistics(one).unsent[1], 5U);
+}
+
 }  // namespace
 }  // namespace kestrel

@@ -1,5 +1,6 @@
 // What somebody has said that a network interface is for: its alias (ip link set DEVICE alias
-// TEXT). Asks the kernel over rtnetlink(7); needs no privilege, never waits. One thread at a time.
+// TEXT). Asks the kernel over rtnetlink(7); needs no privilege. Waits only while
+// somebody else has the kernel change its interfaces. One thread at a time.
 #pragma once
 
 #include <cstddef>
