@@ -170,16 +170,19 @@ class Options(E2eCase):
         self.end(probe, collector)
 
     def test_numbers_are_those_of_the_flow_records(self):
-        both, own = self.datagrams(), self.datagrams()
+        both, own, last = self.datagrams(), self.datagrams(), self.datagrams()
         probe = self.probe(*ipfix(own.port, DAY), "-N", "7", "-n", "8", *ipfix(both.port, DAY),
-                           source=af_packet(f"{PROBED}#lo"))
+                           "-n", "9", *ipfix(last.port, DAY), source=af_packet(f"{PROBED}#lo"))
         numbers = {name: index_of(name) for name in (PROBED, "lo")}
         self.assertEqual({record[told.NAME]: record[told.INGRESS]
                           for record in self.wait_for_records(own, told.NAME, 2)}, numbers)
         self.assertEqual([(record[told.INGRESS], record[told.NAME])
                           for record in self.wait_for_records(both, told.NAME, 2)],
                          [(7, f"{PROBED},lo"), (8, f"{PROBED},lo")])
-        self.end(probe, own, both)
+        # A number stays in the record for the exports after the one that it was given for.
+        self.assertEqual([record[told.INGRESS]
+                          for record in self.wait_for_records(last, told.NAME, 2)], [7, 9])
+        self.end(probe, own, both, last)
 
     def test_sampling_of_af_packet_is_random(self):
         plain, psamp = self.datagrams(), self.datagrams()
