@@ -5,6 +5,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <ctime>
 #include <utility>
 
 namespace kafka {
@@ -17,6 +18,13 @@ constexpr int32_t look_pause_ms = 500;
 // How long a producer that is given up may take to report what it had.
 constexpr int purge_ms = 250;
 constexpr uint64_t loss_line_pause_ns = 10 * ns_per_second;
+
+// The machine's: in a replay the program's clocks stand still between two records.
+uint64_t uptime_ns() {
+    timespec now;
+    (void)clock_gettime(CLOCK_MONOTONIC, &now);  // fails for no clock that there is
+    return static_cast<uint64_t>(now.tv_sec) * ns_per_second + static_cast<uint64_t>(now.tv_nsec);
+}
 
 // What the mark of a held message says; 0, as it comes: nothing is known yet.
 constexpr uint64_t known = 0x100;      // plus its fate
@@ -180,7 +188,7 @@ void producer::come_up() {
     metric_set(&cells_[is_up], 1);
     if (!std::exchange(is_down_, false))
         return;
-    const uint64_t down_s = (timer_get_uptime() - down_since_ns_) / ns_per_second;
+    const uint64_t down_s = (uptime_ns() - down_since_ns_) / ns_per_second;
     verbose_msg(0, "kafka: connected after %lu s", down_s);
 }
 
@@ -188,13 +196,13 @@ void producer::go_down() {
     metric_set(&cells_[is_up], 0);
     if (std::exchange(is_down_, true))
         return;
-    down_since_ns_ = timer_get_uptime();
+    down_since_ns_ = uptime_ns();
     verbose_msg(-1, "kafka: no broker (%s), trying again", last_fault_.c_str());
 }
 
 void producer::note_loss(rd_kafka_resp_err_t error) {
     untold_losses_ += 1;
-    const uint64_t now_ns = timer_get_uptime();
+    const uint64_t now_ns = uptime_ns();
     if (now_ns < next_loss_line_ns_)
         return;
     next_loss_line_ns_ = now_ns + loss_line_pause_ns;
@@ -212,8 +220,8 @@ void producer::settle(outlet* queue) {
 void producer::purge() {
     (void)rd_kafka_purge(client_, RD_KAFKA_PURGE_F_QUEUE | RD_KAFKA_PURGE_F_INFLIGHT |
                                       RD_KAFKA_PURGE_F_NON_BLOCKING);  // fails for bad flags only
-    const uint64_t end_ns = timer_get_uptime() + purge_ms * (ns_per_second / 1000);
-    while (rd_kafka_outq_len(client_) > 0 && timer_get_uptime() < end_ns)
+    const uint64_t end_ns = uptime_ns() + purge_ms * (ns_per_second / 1000);
+    while (rd_kafka_outq_len(client_) > 0 && uptime_ns() < end_ns)
         (void)rd_kafka_poll(client_, 1);
 }
 

@@ -108,10 +108,11 @@ class KafkaCase(E2eCase):
         self.cluster = Cluster()
         self.addCleanup(self.cluster.close)
 
-    def start(self, parameters="", style="format=protobuf", **options):
+    def start(self, parameters="", style="format=protobuf", source=None, **options):
+        source = source or (*SMALL, "-I", f"pcap:device={PROBED}")
         return self.probe("-X", PLUGIN, "-E", f"kafka:brokers={self.cluster.brokers},"
                           f"sampler={SAMPLER},{style}{parameters}",
-                          source=(*SMALL, "-I", f"pcap:device={PROBED}"), **options)
+                          source=source, **options)
 
     def wait_for_messages(self, count):
         wait_until(lambda: len(self.cluster.messages()) >= count, f"{count} messages")

@@ -5,12 +5,14 @@ is not there was counted."""
 
 import ipaddress
 import json
+import os
 import time
 
 from broker import ONE, SAMPLER, KafkaCase
 from testbed.accounts import LOST, SENT
 from testbed.frames import ethernet, icmp, ipv4, ipv6, tcp, udp
 from testbed.process import SLOWNESS, settle
+from testbed.replay import CAPTURES
 
 A, B, C, D = "10.0.0.1", "10.0.0.2", "2001:db8::1", "2001:db8::2"
 SOME, MANY = 300, 3000
@@ -136,6 +138,19 @@ class Kafka(KafkaCase):
                          self.senders(1) | self.senders(2) | self.senders(3))
         found = self.sum_of(probe, 3 * SOME)
         self.assertEqual((found.total(SENT, ONE), found.reasons(LOST, ONE)), (3 * SOME, {}))
+
+    def test_an_outage_in_a_replay_takes_the_time_of_the_machine(self):
+        self.cluster.down()
+        probe = self.start(source=("-X", os.environ["KESTREL_CAPTURE_FILE"], "-I",
+                                   f"capture-file:file={CAPTURES}/ndpi-4in4tunnel.pcap"),
+                           parameters=",drain=60", ready=False)
+        probe.wait_for_line("kafka: no broker (")
+        start = time.monotonic()
+        time.sleep(2)
+        self.cluster.up()
+        line = probe.wait_for_line("kafka: connected after ")
+        seconds = int(line.split()[-2])
+        self.assertTrue(1 <= seconds <= time.monotonic() - start + 5 * SLOWNESS, line)
 
     def test_a_full_queue_drops_the_newest_and_counts_them(self):
         self.cluster.down()
