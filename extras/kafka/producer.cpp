@@ -123,8 +123,9 @@ outlet_answer producer::deliver(outlet_message& message) {
         return OUTLET_KEEP;
     auto* const bytes = static_cast<uint8_t*>(message.data);
     // Without a flag librdkafka takes no copy.
+    const void* const key = message.number != 0 ? bytes : nullptr;  // an empty one is a key, too
     if (rd_kafka_produce(topic_, RD_KAFKA_PARTITION_UA, 0, bytes + message.number,
-                         message.length - message.number, bytes, message.number, &message) == 0) {
+                         message.length - message.number, key, message.number, &message) == 0) {
         message.mark = handed;
         return OUTLET_KEEP;
     }

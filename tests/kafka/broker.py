@@ -27,7 +27,7 @@ VARINT, BYTES = 0, 2
 @dataclass(frozen=True)
 class Message:
     partition: int
-    key: bytes
+    key: bytes | None
     flow: dict
 
 
@@ -91,8 +91,8 @@ class Cluster:
         found = []
         for line in self.order(f"read {TOPIC} {PARTITIONS}"):
             partition, key, message = line.split()
-            found.append(Message(int(partition), bytes.fromhex(key.strip("-")),
-                                 read(bytes.fromhex(message))))
+            key = None if key == "none" else bytes.fromhex(key.strip("-"))
+            found.append(Message(int(partition), key, read(bytes.fromhex(message))))
         return found
 
     def close(self):

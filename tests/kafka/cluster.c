@@ -6,8 +6,8 @@
  *   slow N MS              it answers MS milliseconds later
  *   fail CODE COUNT        the next COUNT requests to produce are answered with the error CODE
  *   topic NAME PARTITIONS  makes a topic, whose partitions the brokers lead in turn
- *   read NAME PARTITIONS   writes "partition key message", the latter two as hexadecimal digits, of
- *                          all that is in the topic */
+ *   read NAME PARTITIONS   writes "partition key message", the latter two as hexadecimal digits
+ *                          ("-": empty, "none": no key), of all that is in the topic */
 #include <librdkafka/rdkafka.h>
 #include <librdkafka/rdkafka_mock.h>
 #include <stdio.h>
@@ -38,9 +38,12 @@ static rd_kafka_t* client(rd_kafka_type_t type, const char* brokers) {
 
 static void put_hex(const void* bytes, size_t length) {
     const unsigned char* const data = bytes;
+    if (data == NULL)
+        (void)printf("none");
     for (size_t n = 0; n < length; ++n)
         (void)printf("%02x", data[n]);
-    (void)printf(length == 0 ? "-" : "");
+    if (data != NULL && length == 0)
+        (void)printf("-");
 }
 
 static void read_topic(const char* brokers, const char* name, int partitions) {

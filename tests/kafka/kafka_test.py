@@ -111,6 +111,12 @@ class Kafka(KafkaCase):
         self.assertEqual({message.key for message in found}, {SAMPLER.encode()})
         self.assertEqual((len(found), len({message.partition for message in found})), (20, 1))
 
+    def test_without_a_key_a_message_has_none(self):
+        probe = self.start(",key=none")
+        self.sender.send(*flows(1, 20))
+        self.stop_in_order(probe)
+        self.assertEqual([message.key for message in self.cluster.messages()], [None] * 20)
+
     def test_without_a_broker_the_start_says_so_and_goes_on(self):
         self.cluster.down()
         probe = self.start()
