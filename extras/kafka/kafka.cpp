@@ -57,8 +57,8 @@ struct exporter {
     uint32_t number = 0;  // of the next record
 };
 
-int32_t tend(void* context, outlet* queue, int32_t, outlet_wait* wait) {
-    return static_cast<producer*>(context)->tend(queue, *wait) ? 1 : 0;
+int32_t tend(void* context, outlet* queue, int32_t is_closing, outlet_wait* wait) {
+    return static_cast<producer*>(context)->tend(queue, is_closing != 0, *wait) ? 1 : 0;
 }
 
 int32_t deliver(void* context, outlet*, outlet_message* message) {

@@ -15,6 +15,9 @@ namespace {
 constexpr uint64_t ns_per_second = 1'000'000'000;
 // Between two looks at librdkafka when it tells nothing by itself.
 constexpr int32_t look_pause_ms = 500;
+constexpr int32_t closing_pause_ms = 10;
+// The end of the program waits for half a second when the drain is over.
+constexpr int flush_ms = 100;
 // How long a producer that is given up may take to report what it had.
 constexpr int purge_ms = 250;
 constexpr uint64_t loss_line_pause_ns = 10 * ns_per_second;
@@ -103,19 +106,30 @@ void producer::close() {
         rd_kafka_destroy(std::exchange(client_, nullptr));
 }
 
-bool producer::tend(outlet* queue, outlet_wait& wait) {
+// At the end no further message comes that linger.ms could wait for.
+void producer::poll(bool is_closing) {
+    if (is_closing && is_last_)
+        (void)rd_kafka_flush(client_, flush_ms);  // what takes longer is looked at again
+    else
+        (void)rd_kafka_poll(client_, 0);
+}
+
+bool producer::tend(outlet* queue, bool is_closing, outlet_wait& wait) {
     uint64_t count;
     (void)!read(news_, &count, sizeof count);  // fails when there is no news
-    wait = {news_, POLLIN, look_pause_ms};
+    wait = {news_, POLLIN, is_closing ? closing_pause_ms : look_pause_ms};
     if (client_ != nullptr)
-        (void)rd_kafka_poll(client_, 0);
+        poll(is_closing);
     if (is_given_up_ || client_ == nullptr)
         replace(queue);
     settle(queue);
-    return client_ != nullptr && !is_full_;
+    const bool is_ready = client_ != nullptr && !is_full_;
+    is_last_ = is_closing && is_ready;
+    return is_ready;
 }
 
 outlet_answer producer::deliver(outlet_message& message) {
+    is_last_ = false;
     // A producer before this one has ended it, or left without a word of it; settle() comes to it.
     if (message.mark == handed)
         message.mark = known_as(OUTLET_UNACKNOWLEDGED);

@@ -31,7 +31,7 @@ class producer {
 
     // See outlet_tend_function, outlet_deliver_function, outlet_end_function. The number of a
     // message is the length of its key, which comes first in its bytes.
-    bool tend(outlet* queue, outlet_wait& wait);
+    bool tend(outlet* queue, bool is_closing, outlet_wait& wait);
     outlet_answer deliver(outlet_message& message);
     void end(outlet* queue);
 
@@ -44,6 +44,7 @@ class producer {
     void close();
     void replace(outlet* queue);
     void purge();
+    void poll(bool is_closing);
     void settle(outlet* queue);
     void note_loss(rd_kafka_resp_err_t error);
     void come_up();
@@ -61,6 +62,7 @@ class producer {
     bool is_full_ = false;      // librdkafka takes no more for now
     bool is_given_up_ = false;  // librdkafka has, for good
     bool is_ending_ = false;
+    bool is_last_ = false;  // the program ends, and librdkafka has all that waited
     bool is_down_ = false;  // and that was said
     uint64_t down_since_ns_ = 0;
     uint64_t next_loss_line_ns_ = 0;

@@ -185,6 +185,15 @@ class Kafka(KafkaCase):
         found = self.sum_of(probe, SOME)
         self.assertEqual(found.reasons(LOST, ONE), {"not_drained": SOME})
 
+    def test_the_end_does_not_wait_for_a_batch_to_grow(self):
+        properties = self.directory() / "properties"
+        properties.write_text("linger.ms=900000\n", encoding="ascii")
+        probe = self.start(f",config={properties}")
+        self.sender.send(*flows(1))
+        self.stop_in_order(probe)
+        found = self.sum_of(probe, SOME)
+        self.assertEqual((found.total(SENT, ONE), found.reasons(LOST, ONE)), (SOME, {}))
+
     def test_what_brokers_cannot_take_now_is_sent_again(self):
         probe = self.start()
         self.cluster.order(f"fail {NOT_LEADER} 3")
