@@ -5,6 +5,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <ctime>
 #include <utility>
 
@@ -13,6 +14,7 @@ namespace kafka {
 namespace {
 
 constexpr uint64_t ns_per_second = 1'000'000'000;
+constexpr uint64_t ns_per_ms = 1'000'000;
 // Between two looks at librdkafka when it tells nothing by itself.
 constexpr int32_t look_pause_ms = 500;
 constexpr int32_t closing_pause_ms = 10;
@@ -20,6 +22,9 @@ constexpr int32_t closing_pause_ms = 10;
 constexpr int flush_ms = 100;
 // How long a producer that is given up may take to report what it had.
 constexpr int purge_ms = 250;
+// Before a producer that is given up is replaced: twice as long each time until a message arrives.
+constexpr uint64_t shortest_pause_ns = ns_per_second;
+constexpr uint64_t longest_pause_ns = 30 * ns_per_second;
 constexpr uint64_t loss_line_pause_ns = 10 * ns_per_second;
 
 // The machine's: in a replay the program's clocks stand still between two records.
@@ -120,10 +125,11 @@ bool producer::tend(outlet* queue, bool is_closing, outlet_wait& wait) {
     wait = {news_, POLLIN, is_closing ? closing_pause_ms : look_pause_ms};
     if (client_ != nullptr)
         poll(is_closing);
-    if (is_given_up_ || client_ == nullptr)
-        replace(queue);
+    if (is_given_up_)
+        retire();
+    const bool is_open = client_ != nullptr || reopen(queue, is_closing, wait);
     settle(queue);
-    const bool is_ready = client_ != nullptr && !is_full_;
+    const bool is_ready = is_open && !is_full_;
     is_last_ = is_closing && is_ready;
     return is_ready;
 }
@@ -160,6 +166,7 @@ void producer::take_report(rd_kafka_t*, const rd_kafka_message_t* report, void* 
     if (report->err == RD_KAFKA_RESP_ERR_NO_ERROR) {
         message->mark = known_as(OUTLET_SENT);
         metric_set(&self.cells_[last_success], timer_get_sec());
+        self.pause_ns_ = 0;
         self.come_up();
         return;
     }
@@ -180,7 +187,8 @@ void producer::take_fault(rd_kafka_t* client, int code, const char* words, void*
     if (code == RD_KAFKA_RESP_ERR__FATAL) {
         char cause[512] = "";
         (void)rd_kafka_fatal_error(client, cause, sizeof cause);  // there is one
-        verbose_msg(-1, "kafka: librdkafka has given up: %s. Beginning anew", cause);
+        verbose_msg(self.pause_ns_ == 0 ? -1 : 1,
+                    "kafka: librdkafka has given up: %s. Beginning anew", cause);
         self.is_given_up_ = true;
     } else if (code == RD_KAFKA_RESP_ERR__ALL_BROKERS_DOWN) {
         self.go_down();
@@ -235,28 +243,44 @@ void producer::settle(outlet* queue) {
 void producer::purge() {
     (void)rd_kafka_purge(client_, RD_KAFKA_PURGE_F_QUEUE | RD_KAFKA_PURGE_F_INFLIGHT |
                                       RD_KAFKA_PURGE_F_NON_BLOCKING);  // fails for bad flags only
-    const uint64_t end_ns = uptime_ns() + purge_ms * (ns_per_second / 1000);
+    const uint64_t end_ns = uptime_ns() + purge_ms * ns_per_ms;
     while (rd_kafka_outq_len(client_) > 0 && uptime_ns() < end_ns)
         (void)rd_kafka_poll(client_, 1);
 }
 
-// A producer that is given up takes nothing any more. What it never sent goes to the next one, in
-// the same order.
-void producer::replace(outlet* queue) {
-    if (client_ != nullptr) {
-        purge();
-        close();  // after which nothing is read in the ring
-        statistics_.restart();
-    }
+// A producer that is given up takes nothing any more.
+void producer::retire() {
+    purge();
+    close();  // after which nothing is read in the ring
+    statistics_.restart();
+    metric_set(&cells_[is_up], 0);
     is_given_up_ = false;
     is_full_ = false;
+    put_off();
+}
+
+void producer::put_off() {
+    pause_ns_ = std::clamp(2 * pause_ns_, shortest_pause_ns, longest_pause_ns);
+    next_open_ns_ = uptime_ns() + pause_ns_;
+}
+
+// What a producer never sent goes to the one after it, in the same order.
+bool producer::reopen(outlet* queue, bool is_closing, outlet_wait& wait) {
+    const bool is_last_try = is_closing && !std::exchange(was_last_tried_, true);
+    const uint64_t now_ns = uptime_ns();
+    if (now_ns < next_open_ns_ && !is_last_try) {
+        wait = {-1, 0, static_cast<int32_t>((next_open_ns_ - now_ns) / ns_per_ms + 1)};
+        return false;
+    }
     std::string fault;
     if (!open(fault)) {
         verbose_msg(1, "kafka: %s", fault.c_str());
-        return;
+        put_off();
+        return false;
     }
     settle(queue);
     outlet_return(queue);
+    return true;
 }
 
 void producer::end(outlet* queue) {
@@ -268,8 +292,9 @@ void producer::end(outlet* queue) {
     }
     settle(queue);
     // What one has told nothing of is as good as unacknowledged, and must not hide those after it.
-    while (outlet_held(queue) != nullptr) {
-        outlet_settle(queue, OUTLET_UNACKNOWLEDGED);
+    while (const outlet_message* const oldest = outlet_held(queue)) {
+        outlet_settle(queue,
+                      oldest->mark == once_more ? OUTLET_NOT_DRAINED : OUTLET_UNACKNOWLEDGED);
         settle(queue);
     }
     close();

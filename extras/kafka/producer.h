@@ -42,7 +42,9 @@ class producer {
 
     void set_callbacks();
     void close();
-    void replace(outlet* queue);
+    void retire();
+    void put_off();
+    bool reopen(outlet* queue, bool is_closing, outlet_wait& wait);
     void purge();
     void poll(bool is_closing);
     void settle(outlet* queue);
@@ -61,6 +63,9 @@ class producer {
     std::string last_fault_;
     bool is_full_ = false;      // librdkafka takes no more for now
     bool is_given_up_ = false;  // librdkafka has, for good
+    uint64_t pause_ns_ = 0;     // before the next producer; 0: a message arrived since the last one
+    uint64_t next_open_ns_ = 0;
+    bool was_last_tried_ = false;  // to begin anew at the end of the program
     bool is_ending_ = false;
     bool is_last_ = false;  // the program ends, and librdkafka has all that waited
     bool is_down_ = false;  // and that was said

@@ -230,6 +230,22 @@ class Kafka(KafkaCase):
         self.assertEqual(len(senders), found.total(SENT, ONE))
         self.assertEqual(set(found.reasons(LOST, ONE)), {"send"})
 
+    def test_producers_that_give_up_again_and_again_have_pauses_in_between(self):
+        properties = self.directory() / "properties"
+        properties.write_text("enable.gapless.guarantee=true\nbatch.num.messages=1\n"
+                              "max.in.flight=1\n", encoding="ascii")
+        probe = self.start(f",drain=1,config={properties}")
+        self.cluster.order(f"fail {TOO_LARGE} 100")
+        self.sender.send(*flows(1))
+        probe.wait_for_line("kafka: librdkafka has given up: ")
+        settle(2)
+        self.stop_in_order(probe)
+        self.assertEqual(sum("has given up" in line for line in probe.lines), 1, probe.describe())
+        lost = self.sum_of(probe, SOME).reasons(LOST, ONE)
+        self.assertEqual(self.cluster.messages(), [])
+        # Each takes one message a partition with it.
+        self.assertLess(lost["send"], 30)
+
     def test_slow_brokers_hold_nothing_up(self):
         for broker in (1, 2, 3):
             self.cluster.order(f"slow {broker} 700")
