@@ -1,8 +1,10 @@
 #include "properties.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <string_view>
 
 namespace kafka {
@@ -23,6 +25,16 @@ constexpr property probe_properties[] = {
     // Without end: the queue keeps what it has for as long as brokers are away.
     {"message.timeout.ms", "0"},
     {"statistics.interval.ms", "1000"},
+};
+
+struct own_property {
+    std::string_view name;
+    const char* reason;
+};
+
+constexpr own_property own_properties[] = {
+    {"delivery.report.only.error", "each message is counted when its report comes"},
+    {"transactional.id", "the export makes no transactions"},
 };
 
 bool set_property(rd_kafka_conf_t* conf, const std::string& name, const std::string& value,
@@ -48,14 +60,24 @@ bool is_comment(std::string_view line) {
     return line.empty() || line.front() == '#';
 }
 
+// Whether a file may set it.
+bool is_open_to_files(std::string_view name, std::string& fault) {
+    const auto* const found = std::ranges::find(own_properties, name, &own_property::name);
+    if (found == std::end(own_properties))
+        return true;
+    fault = std::string(name) + " cannot be set here: " + found->reason;
+    return false;
+}
+
 bool set_line(rd_kafka_conf_t* conf, std::string_view line, std::string& fault) {
     const size_t equals = line.find('=');
     if (equals == std::string_view::npos) {
         fault = "name=value is expected";
         return false;
     }
-    return set_property(conf, std::string(trimmed(line.substr(0, equals))),
-                        std::string(trimmed(line.substr(equals + 1))), fault);
+    const std::string name(trimmed(line.substr(0, equals)));
+    return is_open_to_files(name, fault) &&
+           set_property(conf, name, std::string(trimmed(line.substr(equals + 1))), fault);
 }
 
 struct file_closer {

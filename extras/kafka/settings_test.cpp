@@ -132,6 +132,17 @@ TEST(Properties, ThatAreWrongAreSaidWithTheirLine) {
     const text_file bare("linger.ms\n");
     wanted.properties_file = bare.path();
     EXPECT_EQ(configuration_fault(wanted), wanted.properties_file + ":1: name=value is expected");
+    const text_file silent("delivery.report.only.error=true\n");
+    wanted.properties_file = silent.path();
+    EXPECT_EQ(configuration_fault(wanted),
+              wanted.properties_file +
+                  ":1: delivery.report.only.error cannot be set here: each "
+                  "message is counted when its report comes");
+    const text_file transactional("transactional.id=t\n");
+    wanted.properties_file = transactional.path();
+    EXPECT_EQ(configuration_fault(wanted),
+              wanted.properties_file +
+                  ":1: transactional.id cannot be set here: the export makes no transactions");
     wanted.properties_file = "/nonexistent/file";
     EXPECT_EQ(configuration_fault(wanted), "/nonexistent/file: No such file or directory");
     wanted.properties_file = "/";
