@@ -70,14 +70,16 @@ class Kafka(KafkaCase):
 
     def test_each_flow_is_an_object_of_json(self):
         probe = self.start(style="format=json,style=goflow2")
-        self.sender.send(*[ethernet(ipv4(tcp(40000, 443, 0x12), A, B, tos=8))] * 3)
+        self.sender.send(*[ethernet(ipv4(tcp(40000, 443, 0x12), A, B, tos=8))] * 3, *flows(1, 3))
         self.stop_in_order(probe)
-        flow, = (message.flow for message in self.cluster.messages(json.loads))
+        found = [message.flow for message in self.cluster.messages(json.loads)]
+        self.assertEqual(sorted(flow["sequence_num"] for flow in found), [0, 1, 2, 3])
+        flow, = (flow for flow in found if flow["src_port"] == 40000)
         self.assertLessEqual({
             "sampler_address": SAMPLER, "src_addr": A, "dst_addr": B, "etype": "IPv4",
             "proto": "TCP", "src_port": 40000, "dst_port": 443, "tcp_flags": 0x12, "ip_tos": 8,
             "packets": 3, "bytes": 120, "sampling_rate": 1}.items(), flow.items())
-        self.sum_of(probe, 3)
+        self.sum_of(probe, 6)
 
     def test_an_object_has_the_style_and_the_fields_that_are_asked_for(self):
         probe = self.start(style="style=ecs,fields=L3_IPV4_ADDR_SRC#L4_PORT_DST")
