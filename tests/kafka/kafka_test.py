@@ -167,6 +167,7 @@ class Kafka(KafkaCase):
         self.sender.send(*flows(1, MANY))
         settle()
         self.cluster.up()
+        probe.wait_for_line("kafka: connected after ")
         self.stop_in_order(probe)
         found = self.sum_of(probe, MANY)
         sent = found.total(SENT, ONE)
