@@ -230,8 +230,12 @@ class Kafka(KafkaCase):
         found = self.sum_of(probe, 2 * SOME)
         senders = {who(message.flow) for message in self.cluster.messages()}
         self.assertLessEqual(self.senders(2), senders)
-        self.assertEqual(len(senders), found.total(SENT, ONE))
-        self.assertEqual(set(found.reasons(LOST, ONE)), {"send"})
+        lost = found.reasons(LOST, ONE)
+        self.assertLessEqual({"send"}, set(lost))
+        self.assertLessEqual(set(lost), {"send", "unacknowledged"})
+        # Where another request was on its way, nobody knows whether it arrived.
+        surplus = len(senders) - found.total(SENT, ONE)
+        self.assertTrue(0 <= surplus <= lost.get("unacknowledged", 0), (surplus, lost))
 
     def test_producers_that_give_up_again_and_again_have_pauses_in_between(self):
         properties = self.directory() / "properties"
