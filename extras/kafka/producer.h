@@ -40,7 +40,6 @@ class producer {
     static void take_fault(rd_kafka_t*, int code, const char* words, void* self);
     static int take_statistics(rd_kafka_t*, char* text, size_t length, void* self);
 
-    void set_callbacks();
     void close();
     void retire();
     void put_off();
