@@ -10,6 +10,7 @@
 #include <string>
 
 #include "../flow-encoding/flow_encoding.h"
+#include "../flow-encoding/patient_queue.h"
 #include "account.h"
 #include "file_output.h"
 #include "settings.h"
@@ -43,7 +44,7 @@ constexpr uint64_t gathering_ns = ns_per_second;
 
 struct exporter {
     flow_encoding::json_encoder* encoder = nullptr;
-    outlet* queue = nullptr;
+    flow_encoding::patient_queue queue;
     std::string lines;         // room for a message and one line more
     size_t message_bytes = 0;  // what a message has at most, save one of a single line
     size_t used = 0;           // bytes of the lines that are gathered
@@ -87,8 +88,8 @@ exporter* start(char* params, const getter* getters) {
     const size_t longest_line = self->encoder->longest() + 1;
     self->lines.resize(self->message_bytes + longest_line);
     const outlet_owner owner = open_output(wanted);
-    self->queue = outlet_open(&owner, std::max<uint64_t>(wanted.queue_bytes, 4 * longest_line),
-                              wanted.drain_s);
+    self->queue.open(owner, std::max<uint64_t>(wanted.queue_bytes, 4 * longest_line),
+                     wanted.drain_s);
     return self;
 }
 
@@ -97,7 +98,7 @@ void offer(exporter& self, size_t length, uint64_t now_ns) {
     const outlet_message message = {self.lines.data(), static_cast<uint32_t>(length),
                                     self.records,      self.packets,
                                     self.first_ns,     0};
-    (void)outlet_offer(self.queue, &message);  // what does not fit is counted there
+    (void)self.queue.offer(message);  // what does not fit is counted there
     self.used = 0;
     self.records = 0;
     self.packets = 0;

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "../flow-encoding/flow_encoding.h"
+#include "../flow-encoding/patient_queue.h"
 #include "flow_message.h"
 #include "message_key.h"
 #include "producer.h"
@@ -53,7 +54,7 @@ struct exporter {
     flow_encoding::json_encoder* json = nullptr;  // null: messages are protocol buffers
     std::vector<uint8_t> message;                 // room for the longest, with its key
     producer sender;
-    outlet* queue = nullptr;
+    flow_encoding::patient_queue queue;
     uint32_t number = 0;  // of the next record
 };
 
@@ -113,7 +114,7 @@ exporter* start(char* params, const getter* getters, std::string& fault) {
     if (!open_encoder(wanted, getters, *self, fault) || !self->sender.open(fault))
         return nullptr;  // and the program ends
     const outlet_owner owner = {&self->sender, tend, deliver, end};
-    self->queue = outlet_open(&owner, wanted.queue_bytes, wanted.drain_s);
+    self->queue.open(owner, wanted.queue_bytes, wanted.drain_s);
     return self;
 }
 
@@ -145,7 +146,7 @@ uint32_t plugin_export_export(void* instance, flow_record* record) {
     const outlet_message message = {
         bytes, static_cast<uint32_t>(key_length + length), 1, record->packets, key_length, 0};
     // What does not fit is counted there.
-    return outlet_offer(self.queue, &message) != 0 ? 0 : UINT32_MAX;
+    return self.queue.offer(message) ? 0 : UINT32_MAX;
 }
 
 // Messages go off by themselves: nothing is kept back here.

@@ -10,6 +10,8 @@ import json
 import os
 import struct
 import subprocess
+import threading
+import time
 from datetime import datetime, timezone
 
 from testbed.accounts import LOST, SENT, Sum
@@ -144,6 +146,31 @@ class Json(ReplayCase):
                                 stdout=output)
         found = [json.loads(line) for line in path.read_text(encoding="ascii").splitlines()]
         self.assertEqual(sorted(flow["bytes"] for flow in found), [30, 36, 40, 56])
+        self.check_sum(probe)
+
+    def test_a_replay_waits_for_a_slow_reader(self):
+        # Lines for more than twice the queue and the pipe; the reader has a pause after each 4 KiB.
+        count = 5000
+        reading, writing = os.pipe()
+        pieces = []
+
+        def read():
+            while piece := os.read(reading, 4096):
+                pieces.append(piece)
+                time.sleep(0.001)
+        reader = threading.Thread(target=read)
+        reader.start()
+        try:
+            probe = self.replay(self.file(pcap(packets(*((0, 1 + n) for n in range(count))))),
+                                *PLUGIN, "-E", f"json:file=-,queue=1,drain=50,{SAMPLER}",
+                                stdout=writing)
+        finally:
+            os.close(writing)
+            reader.join()
+            os.close(reading)
+        found = b"".join(pieces).decode("ascii").splitlines()
+        self.assertEqual(sorted(json.loads(line)["src_port"] for line in found),
+                         list(range(1, 1 + count)))
         self.check_sum(probe)
 
     # ---- Files ----
