@@ -13,6 +13,9 @@ constexpr int gzip_window = 15 + 16;  // with the header of gzip
 constexpr int gzip_memory = 8;
 constexpr int gzip_level = 6;
 constexpr int zstd_level = 3;
+constexpr size_t gzip_frame = 18;  // header and trailer
+constexpr uint8_t gzip_magic[] = {0x1F, 0x8B};
+constexpr uint8_t zstd_magic[] = {0x28, 0xB5, 0x2F, 0xFD};
 constexpr size_t discarded_bytes = size_t{64} * 1024;
 
 size_t whole_lines(std::span<const uint8_t> data) {
@@ -132,6 +135,28 @@ std::span<const uint8_t> packer::pack_zstd(std::span<const uint8_t> message) {
     if (ZSTD_isError(length) != 0)
         return {};
     return {room_.data(), length};
+}
+
+size_t longest_member(compression packing, size_t message) {
+    switch (packing) {
+        case compression::none:
+            return message;
+        case compression::gzip:
+            return compressBound(message) + gzip_frame;
+        case compression::zstd:
+            return ZSTD_compressBound(message);
+    }
+    return message;
+}
+
+bool may_be_torn(compression packing, std::span<const uint8_t> data) {
+    if (packing == compression::none || data.empty() || data[0] == 0)
+        return true;
+    std::span<const uint8_t> magic = gzip_magic;
+    if (packing == compression::zstd)
+        magic = zstd_magic;
+    const size_t length = std::min(data.size(), magic.size());
+    return std::ranges::equal(data.first(length), magic.first(length));
 }
 
 size_t whole_length(compression packing, std::span<const uint8_t> data) {

@@ -35,6 +35,13 @@ class packer {
     std::vector<uint8_t> room_;
 };
 
+// Bytes that a message takes at most where it is written.
+size_t longest_member(compression packing, size_t message);
+
+// Whether data may be what is left of a member that a crash tore, or of one that a disk lost: its
+// first bytes, or zeros.
+bool may_be_torn(compression packing, std::span<const uint8_t> data);
+
 // Bytes of the whole members or, without compression, whole lines that data begins with.
 size_t whole_length(compression packing, std::span<const uint8_t> data);
 

@@ -84,12 +84,14 @@ std::vector<std::string> asides_of(const std::string& pattern, std::string_view 
             wanted += '\\';
         wanted += plain[n];
     }
-    wanted.append(suffix).append(aside_suffix);
     std::vector<std::string> found;
-    glob_t paths{};
-    if (glob(wanted.c_str(), 0, nullptr, &paths) == 0)
-        found.assign(paths.gl_pathv, paths.gl_pathv + paths.gl_pathc);
-    globfree(&paths);
+    for (const std::string_view number : {"", ".[0-9]*"}) {
+        const std::string each = std::string(wanted).append(number).append(suffix);
+        glob_t paths{};
+        if (glob((each + std::string(aside_suffix)).c_str(), 0, nullptr, &paths) == 0)
+            found.insert(found.end(), paths.gl_pathv, paths.gl_pathv + paths.gl_pathc);
+        globfree(&paths);
+    }
     return found;
 }
 

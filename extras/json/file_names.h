@@ -27,7 +27,7 @@ int take_name(const std::string& aside, const std::string& name, std::string_vie
 // Makes the directories of a path that are missing. Returns 0 or the error.
 int make_directories(const std::string& path);
 
-// The files of any time that are named as those that are being written.
+// The files of any time that are named as those that are being written, numbered or not.
 std::vector<std::string> asides_of(const std::string& pattern, std::string_view suffix);
 
 }  // namespace json_export

@@ -86,8 +86,10 @@ TEST_F(FileNames, FilesThatWereLeftAreFoundByTheirPattern) {
     make("a[1]-2021.json.gz");
     make("a1-2021.json.gz.part");
     make("b-2021.json.gz.part");
-    EXPECT_EQ(asides_of(path("a[1]-%Y.json.gz"), ".gz"), (std::vector<std::string>{one, other}));
+    EXPECT_EQ(asides_of(path("a[1]-%Y.json.gz"), ".gz"),
+              (std::vector<std::string>{one, other, third}));
     EXPECT_EQ(asides_of(path("none-%Y.json"), ""), std::vector<std::string>{});
 }
 
 }  // namespace
+    const std::string third = make("a[1]-2021.json.1.gz.part");

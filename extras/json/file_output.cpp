@@ -57,38 +57,53 @@ void file_output::pause() {
     retry_ns_ = uptime_ns() + retry_ns;
 }
 
-bool file_output::open_path(const std::string& path) {
+std::string file_output::path_of(uint32_t number) const {
+    return numbered(name_, number, suffix_)
+        .append(settings_.is_aside() ? aside_suffix : std::string_view());
+}
+
+file_output::opening file_output::open_path(const std::string& path) {
     descriptor_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, file_mode);
     if (descriptor_ < 0) {
         say_fault(path, errno);
-        return false;
+        return opening::failed;
     }
     // Two exports that cut and append would spoil each other's lines.
     if (flock(descriptor_, LOCK_EX | LOCK_NB) != 0) {
         say_fault(path, errno);
         (void)close(descriptor_);  // nothing was written
         descriptor_ = -1;
-        return false;
+        return opening::failed;
     }
-    size_ = cut_partial(descriptor_, settings_.packing, path.c_str());
+    const auto whole = cut_partial(descriptor_, path, settings_.packing, settings_.longest_message);
+    if (!whole) {
+        (void)close(descriptor_);  // nothing was written
+        descriptor_ = -1;
+        return opening::left_alone;
+    }
+    size_ = *whole;
     path_ = path;
     if (is_fault_said_)
         verbose_msg(0, "json: %s is written", path.c_str());
     is_fault_said_ = false;
     account_.set_up(true);
-    return true;
+    return opening::done;
 }
 
 bool file_output::open(uint64_t time_s) {
     time_s = std::max(time_s, began_s_);
     if (settings_.rotate_s != 0)
         time_s -= time_s % settings_.rotate_s;
-    name_ = name_at(settings_.pattern, suffix_, time_s);
-    const std::string path =
-        numbered(name_, 0, suffix_) + std::string(settings_.is_aside() ? aside_suffix : "");
-    if (const int error = make_directories(path); error != 0)
-        say_fault(path, error);
-    if (!open_path(path)) {
+    const std::string name = name_at(settings_.pattern, suffix_, time_s);
+    if (name != name_)
+        left_alone_ = 0;
+    name_ = name;
+    if (const int error = make_directories(path_of(0)); error != 0)
+        say_fault(path_of(0), error);
+    opening result = open_path(path_of(left_alone_));
+    while (result == opening::left_alone)
+        result = open_path(path_of(++left_alone_));
+    if (result == opening::failed) {
         pause();
         return false;
     }
@@ -115,7 +130,7 @@ void file_output::complete() {
 void file_output::take_up_what_was_left() {
     if (settings_.is_aside())
         for (const std::string& path : asides_of(settings_.pattern, suffix_))
-            complete_leftover(path, settings_.packing);
+            complete_leftover(path, settings_.packing, settings_.longest_message);
     else
         (void)open(timer_get_sec());
     account_.set_up(settings_.is_aside() || descriptor_ >= 0);

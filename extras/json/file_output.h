@@ -33,7 +33,9 @@ class file_output {
 
   private:
     bool open(uint64_t time_s);
-    bool open_path(const std::string& path);
+    enum class opening { done, failed, left_alone };
+    opening open_path(const std::string& path);
+    std::string path_of(uint32_t number) const;
     void complete();
     void take_up_what_was_left();
     void reopen_when_moved();
@@ -47,11 +49,12 @@ class file_output {
     packer packer_;
     output_account& account_;
     int descriptor_ = -1;
-    std::string name_;      // of the complete file, without its suffix
-    std::string path_;      // of the file that is open
-    uint64_t size_ = 0;     // of it, bytes
-    uint64_t end_s_ = 0;    // when its time is over
-    uint64_t began_s_ = 0;  // no file begins before this
+    std::string name_;         // of the complete file, without its suffix
+    uint32_t left_alone_ = 0;  // files of this name that are not ours to cut
+    std::string path_;         // of the file that is open
+    uint64_t size_ = 0;        // of it, bytes
+    uint64_t end_s_ = 0;       // when its time is over
+    uint64_t began_s_ = 0;     // no file begins before this
     std::string last_name_;
     uint32_t last_number_ = 0;  // of the files of the last name
     bool has_begun_ = false;

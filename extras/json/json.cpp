@@ -86,6 +86,7 @@ exporter* start(char* params, const getter* getters) {
     self->message_bytes = message_bytes(wanted);
     self->period_ns = wanted.file.rotate_s * ns_per_second;
     const size_t longest_line = self->encoder->longest() + 1;
+    wanted.file.longest_message = std::max(self->message_bytes, longest_line);
     self->lines.resize(self->message_bytes + longest_line);
     const outlet_owner owner = open_output(wanted);
     self->queue.open(owner, std::max<uint64_t>(wanted.queue_bytes, 4 * longest_line),

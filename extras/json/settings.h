@@ -1,6 +1,7 @@
 // What the parameters ask for. Main thread, while the program starts.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -14,6 +15,7 @@ struct file_settings {
     uint64_t rotate_s = 0;      // 0: not by time
     uint64_t rotate_bytes = 0;  // 0: not by size
     compression packing = compression::none;
+    size_t longest_message = 0;  // bytes
 
     // Whether a file is written aside and gets its name when it is complete. A single file under a
     // fixed name is not: it is appended to.

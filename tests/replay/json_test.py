@@ -240,6 +240,37 @@ class Json(ReplayCase):
         found, _ = self.files(pcap(packets((0, 1))), "%H.json,compress=gzip,rotate-time=60")
         self.assertEqual(found, {"11.json.gz": [77], "12.json.gz": [1]})
 
+    def test_what_no_crash_tore_is_left_alone(self):
+        folder = self.directory / "files"
+        folder.mkdir()
+        plain = b'{"src_port":9}\n'
+        member = gzip.compress(os.urandom(200_000))
+        damaged = member + member[:-5] + bytes(5) + member * 2  # a check sum in the middle
+        for options, name, data in (("flows.json", "flows.json.gz", plain),
+                                    ("old.json", "old.json.gz", damaged),
+                                    ("%H.json", "12.json.gz.part", damaged)):
+            with self.subTest(file=name):
+                left = folder / name
+                left.write_bytes(data)
+                ports = self.ports_after_what_was_left(left, f"{options},compress=gzip")
+                self.assertEqual(ports, [1])
+                self.assertEqual(left.read_bytes(), data)
+                left.unlink()
+
+    def ports_after_what_was_left(self, left, options):
+        """What a replay writes into the only other file."""
+        probe = self.replay(self.file(pcap(packets((0, 1)))), *PLUGIN, "-t", "10:5", "-E",
+                            f"json:file={left.parent}/{options}")
+        self.assertIn(f"json: {left} has more than a torn line at its end: it is left alone",
+                      probe.lines)
+        self.check_sum(probe)
+        made, = set(left.parent.iterdir()) - {left}
+        with gzip.open(made, "rt", encoding="ascii") as lines:
+            ports = [json.loads(line)["src_port"] for line in lines]
+        self.assertRegex(made.name, r"\A(flows|old)\.json\.1\.gz\Z|\A12\.json\.gz\Z")
+        made.unlink()
+        return ports
+
     def test_a_name_that_is_taken_is_left_alone(self):
         for _ in range(2):
             found, _ = self.files(pcap(packets((0, 1))), "%H.json")
