@@ -174,9 +174,15 @@ bool file_output::tend(bool, outlet_wait& wait) {
     return true;
 }
 
+// Whether a message is so much earlier than the last file that the clock has been set back: a
+// period before it and more.
+bool file_output::is_set_back(uint64_t time_s) const {
+    return settings_.rotate_s != 0 && time_s + 2 * settings_.rotate_s < end_s_;
+}
+
 // Whether a message is for the next file.
 bool file_output::is_due(uint64_t time_s, size_t bytes) const {
-    return time_s >= end_s_ ||
+    return time_s >= end_s_ || is_set_back(time_s) ||
            (settings_.rotate_bytes != 0 && size_ > 0 && size_ + bytes > settings_.rotate_bytes);
 }
 
@@ -206,6 +212,8 @@ outlet_answer file_output::deliver(const outlet_message& message) {
         packer_.pack({static_cast<const uint8_t*>(message.data), size_t{message.length}});
     if (bytes.empty())
         return OUTLET_REFUSE;
+    if (is_set_back(time_s))
+        began_s_ = 0;
     if (descriptor_ >= 0 && is_due(time_s, bytes.size()))
         complete();
     if (descriptor_ < 0 && !open(time_s))

@@ -40,6 +40,7 @@ class file_output {
     void take_up_what_was_left();
     void reopen_when_moved();
     bool write_all(std::span<const uint8_t> bytes);
+    bool is_set_back(uint64_t time_s) const;
     bool is_due(uint64_t time_s, size_t bytes) const;
     void say_fault(const std::string& path, int error);
     void pause();

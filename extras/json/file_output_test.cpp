@@ -1,0 +1,67 @@
+// Files that follow each other, as messages come.
+#include "file_output.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <string>
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace json_export;
+
+constexpr uint64_t noon_s = 1'599'998'400;  // 2020-09-13 12:00:00 UTC
+constexpr uint64_t hour_s = 3600;
+
+class FileOutput : public testing::Test {
+  protected:
+    FileOutput() {
+        std::string path = (fs::temp_directory_path() / "kestrel-json-XXXXXX").string();
+        directory = mkdtemp(path.data());
+    }
+    ~FileOutput() override { fs::remove_all(directory); }
+
+    static void deliver(file_output& to, uint64_t time_s, std::string text) {
+        const outlet_message message = {
+            text.data(), static_cast<uint32_t>(text.size()), 1, 1, time_s * 1'000'000'000, 0};
+        EXPECT_EQ(to.deliver(message), OUTLET_DONE);
+    }
+
+    // What the files have, by their names.
+    std::map<std::string, std::string> files() const {
+        std::map<std::string, std::string> found;
+        for (const auto& entry : fs::directory_iterator(directory)) {
+            std::ifstream file(entry.path());
+            found[entry.path().filename()] = {std::istreambuf_iterator<char>(file), {}};
+        }
+        return found;
+    }
+
+    fs::path directory;
+    output_account account;
+};
+
+TEST_F(FileOutput, FollowsAClockThatIsSetBack) {
+    file_settings wanted;
+    wanted.pattern = directory / "%H.json";
+    wanted.rotate_s = hour_s;
+    wanted.longest_message = 100;
+    file_output output(wanted, account);
+    deliver(output, noon_s, "a\n");
+    deliver(output, noon_s - 1, "b\n");  // a message that was on its way
+    deliver(output, noon_s + hour_s, "c\n");
+    deliver(output, noon_s - 5 * hour_s, "d\n");
+    deliver(output, noon_s - 4 * hour_s, "e\n");
+    output.end();
+    EXPECT_EQ(
+        files(),
+        (std::map<std::string, std::string>{
+            {"12.json", "a\nb\n"}, {"13.json", "c\n"}, {"07.json", "d\n"}, {"08.json", "e\n"}}));
+}
+
+}  // namespace
