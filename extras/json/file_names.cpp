@@ -15,6 +15,8 @@ namespace json_export {
 namespace {
 
 constexpr uint32_t numbers_limit = 1'000'000;
+// Of a letter each, without a '/' in what they make.
+constexpr std::string_view plain_conversions = "%aAbBcCdeFgGhHIjklmMpPrRsSTuUVwWXyYzZ";
 constexpr mode_t directory_mode = 0755;
 
 std::string without(const std::string& text, std::string_view suffix) {
@@ -34,6 +36,13 @@ int rename_anew(const std::string& from, const std::string& to) {
 }
 
 }  // namespace
+
+std::string odd_conversion(const std::string& pattern) {
+    for (size_t n = pattern.find('%'); n != pattern.npos; n = pattern.find('%', n + 2))
+        if (n + 1 == pattern.size() || plain_conversions.find(pattern[n + 1]) == pattern.npos)
+            return pattern.substr(n, 2);
+    return {};
+}
 
 std::string name_at(const std::string& pattern, std::string_view suffix, uint64_t time_s) {
     std::string plain = without(pattern, suffix);

@@ -12,6 +12,10 @@ namespace json_export {
 // What the name of a file ends in while it is written.
 inline constexpr std::string_view aside_suffix = ".part";
 
+// What a pattern has that is no plain conversion, whose files could not be told by their names:
+// one with a flag, a width, E or O, or one that makes a '/'. Empty: all are plain.
+std::string odd_conversion(const std::string& pattern);
+
 // The pattern with the conversions of strftime made from a time, in UTC. Without the suffix that
 // compressed files have (".gz"), which is not doubled.
 std::string name_at(const std::string& pattern, std::string_view suffix, uint64_t time_s);

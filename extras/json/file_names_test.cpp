@@ -47,6 +47,20 @@ TEST_F(FileNames, AreMadeOfTheTimeInUtc) {
     EXPECT_EQ(name_at("100%%.json", "", noon), "100%.json");
 }
 
+TEST_F(FileNames, HavePlainConversionsOnly) {
+    EXPECT_EQ(odd_conversion("/x/%Y/%m%d-100%%/%H:%M:%S-%F-%s.json"), "");
+    EXPECT_EQ(odd_conversion("flows.json"), "");
+    EXPECT_EQ(odd_conversion("%Y%-H.json"), "%-");
+    EXPECT_EQ(odd_conversion("%_d"), "%_");
+    EXPECT_EQ(odd_conversion("%Ey"), "%E");
+    EXPECT_EQ(odd_conversion("%Od"), "%O");
+    EXPECT_EQ(odd_conversion("%4Y"), "%4");
+    EXPECT_EQ(odd_conversion("%%%D"), "%D");
+    EXPECT_EQ(odd_conversion("%x"), "%x");
+    EXPECT_EQ(odd_conversion("%q"), "%q");
+    EXPECT_EQ(odd_conversion("flows%%%"), "%");
+}
+
 TEST_F(FileNames, HaveTheSuffixOfTheirCompressionOnce) {
     EXPECT_EQ(numbered(name_at("%H.json", ".gz", noon), 0, ".gz"), "12.json.gz");
     EXPECT_EQ(numbered(name_at("%H.json.gz", ".gz", noon), 0, ".gz"), "12.json.gz");
@@ -83,6 +97,7 @@ TEST_F(FileNames, MissingDirectoriesAreMade) {
 TEST_F(FileNames, FilesThatWereLeftAreFoundByTheirPattern) {
     const std::string one = make("a[1]-2020.json.gz.part");
     const std::string other = make("a[1]-2021.json.gz.part");
+    const std::string third = make("a[1]-2021.json.1.gz.part");
     make("a[1]-2021.json.gz");
     make("a1-2021.json.gz.part");
     make("b-2021.json.gz.part");
@@ -92,4 +107,3 @@ TEST_F(FileNames, FilesThatWereLeftAreFoundByTheirPattern) {
 }
 
 }  // namespace
-    const std::string third = make("a[1]-2021.json.1.gz.part");

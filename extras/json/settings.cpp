@@ -10,6 +10,8 @@
 #include <string_view>
 #include <vector>
 
+#include "file_names.h"
+
 namespace json_export {
 namespace {
 
@@ -60,6 +62,16 @@ bool is_writable_directory(const std::string& pattern) {
     return false;
 }
 
+// What a run has left is found by its name.
+bool has_plain_conversions(const std::string& pattern) {
+    const std::string odd = odd_conversion(pattern);
+    if (odd.empty())
+        return true;
+    verbose_msg(-1, "json: %s in the name of a file is none of the conversions that are taken",
+                odd.c_str());
+    return false;
+}
+
 bool is_fifo(const char* path) {
     struct stat status;
     return stat(path, &status) == 0 && S_ISFIFO(status.st_mode);
@@ -97,7 +109,8 @@ bool choose_output(const output_words& words, settings& wanted) {
     wanted.path = words.socket != nullptr ? words.socket : words.file;
     wanted.file.pattern = wanted.path;
     return wanted.output == output_kind::file
-               ? is_writable_directory(wanted.file.pattern)
+               ? has_plain_conversions(wanted.file.pattern) &&
+                     is_writable_directory(wanted.file.pattern)
                : choose_stream(wanted.output, wanted.path.c_str(), wanted);
 }
 

@@ -292,6 +292,8 @@ class Json(ReplayCase):
                 ("file=a,fields=BYTES#BITS", "json: there is no field BITS"),
                 ("file=a,queue=0", "json: queue is from 1 to 4096"),
                 ("file=a,sampler=here", "json: sampler=here is no IPv4 or IPv6 address"),
+                ("file=%-H.json", "json: %- in the name of a file is none of the conversions "
+                                  "that are taken"),
                 ("file=/no/such/a", "json: no file can be made in /no/such: "
                                     "No such file or directory")):
             with self.subTest(options=options):
