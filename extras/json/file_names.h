@@ -1,5 +1,5 @@
 // Names of files that are made by time: while they are written, when they are complete, and when a
-// run has left them behind. The worker's thread.
+// run that ended has left them. The worker's thread.
 #pragma once
 
 #include <cstdint>

@@ -49,7 +49,7 @@ def packets(*times_and_ports):
 
 
 def community_id(flow, seed=0):
-    """By the specification, for what TRAFFIC has."""
+    """Community ID version 1 by its published rules, for what TRAFFIC has."""
     ends = [ipaddress.ip_address(flow[name]).packed for name in ("src_addr", "dst_addr")]
     protocol = NUMBERS[flow["proto"]]
     ports = [flow["src_port"], flow["dst_port"]] if protocol in (6, 17) else []
