@@ -1,11 +1,11 @@
 # kestrel_add_python_cases(LABEL label TIMEOUT seconds [FILES file...] [ENVIRONMENT NAME=value...]
-#                          [PROPERTIES name value...])
+#                          [PROPERTIES name value...] [GROUP name] [INTERPRETER file])
 #
 # Registers each test method of the NAME_test.py files (all of the current folder by default) as a
 # ctest case of its own, LABEL.NAME.method: cases run side by side, each with its own time limit.
 # Those of a file with a line "# Runs alone: REASON" have the machine to themselves. Files that are
 # not for this build's sanitizer are left out (see suites.cmake), and so is a case below an indented
-# line of that kind.
+# line of that kind. Those of a group run only with "ctest -C name".
 find_package(Python3 REQUIRED COMPONENTS Interpreter)
 include(${CMAKE_CURRENT_LIST_DIR}/suites.cmake)
 
@@ -14,9 +14,16 @@ execute_process(COMMAND ${Python3_EXECUTABLE} -c "import sys; print(sys.executab
   OUTPUT_VARIABLE KESTREL_PYTHON COMMAND_ERROR_IS_FATAL ANY)
 
 function(kestrel_add_python_cases)
-  cmake_parse_arguments(ARG "" "LABEL;TIMEOUT" "FILES;ENVIRONMENT;PROPERTIES" ${ARGN})
+  cmake_parse_arguments(ARG "" "LABEL;TIMEOUT;GROUP;INTERPRETER" "FILES;ENVIRONMENT;PROPERTIES" ${ARGN})
   if(NOT ARG_FILES)
     file(GLOB ARG_FILES CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*_test.py)
+  endif()
+  set(group)
+  if(ARG_GROUP)
+    set(group CONFIGURATIONS ${ARG_GROUP})
+  endif()
+  if(NOT ARG_INTERPRETER)
+    set(ARG_INTERPRETER ${KESTREL_PYTHON})
   endif()
   set(environment
     PYTHONPATH=${PROJECT_SOURCE_DIR}/tests/support
@@ -50,8 +57,8 @@ function(kestrel_add_python_cases)
         set(left_out OFF)
       elseif(line MATCHES "def (test_([A-Za-z0-9_]+))")
         set(name ${KESTREL_TEST_PREFIX}${ARG_LABEL}.${area}.${CMAKE_MATCH_2})
-        add_test(NAME ${name}
-          COMMAND ${KESTREL_PYTHON} -B -m unittest ${module}.${class}.${CMAKE_MATCH_1}
+        add_test(NAME ${name} ${group}
+          COMMAND ${ARG_INTERPRETER} -B -m unittest ${module}.${class}.${CMAKE_MATCH_1}
           WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR})
         set_tests_properties(${name} PROPERTIES
           LABELS ${ARG_LABEL} TIMEOUT ${ARG_TIMEOUT} RUN_SERIAL ${alone} ${ARG_PROPERTIES}
