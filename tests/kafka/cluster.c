@@ -6,73 +6,29 @@
  *   slow N MS              it answers MS milliseconds later
  *   fail CODE COUNT        the next COUNT requests to produce are answered with the error CODE
  *   topic NAME PARTITIONS  makes a topic, whose partitions the brokers lead in turn
- *   read NAME PARTITIONS   writes "partition key message", the latter two as hexadecimal digits
- *                          ("-": empty, "none": no key), of all that is in the topic */
+ *   read NAME PARTITIONS   writes all that is in the topic, see topic_reader.h */
 #include <librdkafka/rdkafka.h>
 #include <librdkafka/rdkafka_mock.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 
-enum { BROKERS = 3, PRODUCE = 0, REPEATS_MOST = 100, WAIT_MS = 100 };
+#include "topic_reader.h"
+
+enum { BROKERS = 3, PRODUCE = 0, REPEATS_MOST = 100 };
 
 static void refuse(const char* what) {
     (void)fprintf(stderr, "cluster: %s\n", what);
     exit(1);
 }
 
-static rd_kafka_t* client(rd_kafka_type_t type, const char* brokers) {
+static rd_kafka_t* make_owner(void) {
     char words[512];
     rd_kafka_conf_t* const conf = rd_kafka_conf_new();
     rd_kafka_conf_set_log_cb(conf, NULL);  // it goes without brokers of its own
-    if (brokers != NULL &&
-        (rd_kafka_conf_set(conf, "bootstrap.servers", brokers, words, sizeof words) != 0 ||
-         rd_kafka_conf_set(conf, "group.id", "reader", words, sizeof words) != 0 ||
-         rd_kafka_conf_set(conf, "enable.partition.eof", "true", words, sizeof words) != 0))
-        refuse(words);
-    rd_kafka_t* const made = rd_kafka_new(type, conf, words, sizeof words);
+    rd_kafka_t* const made = rd_kafka_new(RD_KAFKA_PRODUCER, conf, words, sizeof words);
     if (made == NULL)
         refuse(words);
     return made;
-}
-
-static void put_hex(const void* bytes, size_t length) {
-    const unsigned char* const data = bytes;
-    if (data == NULL)
-        (void)printf("none");
-    for (size_t n = 0; n < length; ++n)
-        (void)printf("%02x", data[n]);
-    if (data != NULL && length == 0)
-        (void)printf("-");
-}
-
-static void read_topic(const char* brokers, const char* name, int partitions) {
-    rd_kafka_t* const reader = client(RD_KAFKA_CONSUMER, brokers);
-    rd_kafka_topic_partition_list_t* const list = rd_kafka_topic_partition_list_new(partitions);
-    int left = partitions;
-    (void)rd_kafka_poll_set_consumer(reader);
-    for (int n = 0; n < partitions; ++n)
-        rd_kafka_topic_partition_list_add(list, name, n)->offset = RD_KAFKA_OFFSET_BEGINNING;
-    if (rd_kafka_assign(reader, list) != RD_KAFKA_RESP_ERR_NO_ERROR)
-        refuse("no partitions to read");
-    while (left > 0) {
-        rd_kafka_message_t* const message = rd_kafka_consumer_poll(reader, WAIT_MS);
-        if (message == NULL)
-            continue;
-        if (message->err == RD_KAFKA_RESP_ERR__PARTITION_EOF) {
-            --left;
-        } else if (message->err == RD_KAFKA_RESP_ERR_NO_ERROR) {
-            (void)printf("%d ", message->partition);
-            put_hex(message->key, message->key_len);
-            (void)printf(" ");
-            put_hex(message->payload, message->len);
-            (void)printf("\n");
-        }
-        rd_kafka_message_destroy(message);
-    }
-    rd_kafka_topic_partition_list_destroy(list);
-    (void)rd_kafka_consumer_close(reader);
-    rd_kafka_destroy(reader);
 }
 
 static void make_topic(rd_kafka_mock_cluster_t* cluster, const char* name, int partitions) {
@@ -112,7 +68,7 @@ static void obey(rd_kafka_mock_cluster_t* cluster, const char* line) {
 }
 
 int main(void) {
-    rd_kafka_t* const owner = client(RD_KAFKA_PRODUCER, NULL);
+    rd_kafka_t* const owner = make_owner();
     rd_kafka_mock_cluster_t* const cluster = rd_kafka_mock_cluster_new(owner, BROKERS);
     char line[128];
     if (cluster == NULL)
