@@ -5,7 +5,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-enum { WAIT_MS = 100 };
+enum { WAIT_MS = 10000 };
 
 static void refuse(const char* what) {
     (void)fprintf(stderr, "topic reader: %s\n", what);
@@ -57,26 +57,53 @@ static void put_message(const rd_kafka_message_t* message) {
     (void)printf("\n");
 }
 
-void read_topic(const char* brokers, const char* name, int partitions) {
-    rd_kafka_t* const reader = open_reader(brokers);
-    // In a topic that grows, the end of a partition comes several times.
-    bool* const is_over = calloc((size_t)partitions, sizeof *is_over);
-    if (is_over == NULL)
-        refuse("no memory");
-    begin(reader, name, partitions);
-    for (int left = partitions; left > 0;) {
+struct part {
+    int64_t end;  // the offset after its last message when the first one came; 0: none has
+    bool is_over;
+};
+
+// In a topic that grows, librdkafka may never come to the end of a partition.
+static void take(rd_kafka_t* reader, const rd_kafka_message_t* message, struct part* part) {
+    int64_t first;
+    if (part->is_over || (message->err != RD_KAFKA_RESP_ERR_NO_ERROR &&
+                          message->err != RD_KAFKA_RESP_ERR__PARTITION_EOF))
+        return;
+    if (message->err == RD_KAFKA_RESP_ERR__PARTITION_EOF) {
+        part->is_over = true;
+        return;
+    }
+    if (part->end == 0 &&
+        rd_kafka_get_watermark_offsets(reader, rd_kafka_topic_name(message->rkt),
+                                       message->partition, &first, &part->end) != 0)
+        refuse("a partition without an end");
+    put_message(message);
+    part->is_over = message->offset + 1 >= part->end;
+}
+
+static void read_parts(rd_kafka_t* reader, struct part* parts, int count) {
+    for (int over = 0; over < count;) {
         rd_kafka_message_t* const message = rd_kafka_consumer_poll(reader, WAIT_MS);
         if (message == NULL)
-            continue;
-        if (message->err == RD_KAFKA_RESP_ERR__PARTITION_EOF) {
-            left -= is_over[message->partition] ? 0 : 1;
-            is_over[message->partition] = true;
-        } else if (message->err == RD_KAFKA_RESP_ERR_NO_ERROR) {
-            put_message(message);
+            refuse("nothing comes");
+        if (message->err == RD_KAFKA_RESP_ERR_UNKNOWN_TOPIC_OR_PART)
+            refuse("there is no such topic");
+        if (message->partition >= 0 && message->partition < count) {
+            const bool was_over = parts[message->partition].is_over;
+            take(reader, message, &parts[message->partition]);
+            over += parts[message->partition].is_over && !was_over ? 1 : 0;
         }
         rd_kafka_message_destroy(message);
     }
-    free(is_over);
+}
+
+void read_topic(const char* brokers, const char* name, int partitions) {
+    rd_kafka_t* const reader = open_reader(brokers);
+    struct part* const parts = calloc((size_t)partitions, sizeof *parts);
+    if (parts == NULL)
+        refuse("no memory");
+    begin(reader, name, partitions);
+    read_parts(reader, parts, partitions);
+    free(parts);
     (void)rd_kafka_consumer_close(reader);
     rd_kafka_destroy(reader);
 }
