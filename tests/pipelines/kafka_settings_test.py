@@ -11,6 +11,7 @@ from testbed.frames import ethernet, ipv4, ipv6, udp
 
 SAMPLER = "192.0.2.1"
 FLOWS = f"topic=flows,format=protobuf,sampler={SAMPLER}"
+PATIENT = ",drain=60"
 SOME = 300
 A, B = "10.0.0.1", "10.0.0.2"
 LONG = "2001:db8:1111:2222:3333:4444:5555:666"  # and a digit
@@ -38,7 +39,7 @@ class Settings(RealKafkaCase):
 
     def test_a_topic_that_is_not_made_is_lost_and_said(self):
         cluster = self.cluster(settings="auto.create.topics.enable=false").start()
-        probe = self.start(cluster.addresses, FLOWS + self.properties(
+        probe = self.start(cluster.addresses, FLOWS + PATIENT + self.properties(
             "topic.metadata.propagation.max.ms=1000"))
         self.send()
         probe.wait_for_line("kafka: lost to flows: ", 60)
@@ -48,8 +49,8 @@ class Settings(RealKafkaCase):
     def test_a_message_that_is_too_large_is_lost_alone(self):
         cluster = self.cluster(settings="message.max.bytes=150").start()
         probe = self.start(cluster.addresses, "topic=flows,format=json,fields=L3_IPV4_ADDR_SRC"
-                           "#L3_IPV6_ADDR_SRC#L3_IPV6_ADDR_DST#L4_PORT_SRC" + self.properties(
-                               "batch.num.messages=1", "compression.codec=none"))
+                           "#L3_IPV6_ADDR_SRC#L3_IPV6_ADDR_DST#L4_PORT_SRC" + PATIENT
+                           + self.properties("batch.num.messages=1", "compression.codec=none"))
         self.send()
         self.sender.send(*[ethernet(ipv6(udp(1000 + n, 53), LONG + "1", LONG + "2"))
                            for n in range(5)])
@@ -63,6 +64,15 @@ class Settings(RealKafkaCase):
         self.assertEqual(account.reasons(LOST, ONE), {"send": 5})
         self.assertEqual(account.total(SENT, ONE), 2 * SOME)
 
+    def test_batches_that_are_small_enough_for_the_broker_arrive(self):
+        cluster = self.cluster(settings="message.max.bytes=1500").start()
+        probe = self.start(cluster.addresses, FLOWS + PATIENT + self.properties(
+            "batch.size=1400", "compression.codec=none"))
+        self.send()
+        self.stop_in_order(probe, timeout=60)
+        found = cluster.messages("flows", of_protobuf)
+        self.assertEqual(self.check_account(probe, found, SAMPLER, SOME), {})
+
     def test_who_has_the_password_is_let_in_and_nobody_else(self):
         cluster = self.cluster(settings="sasl.enabled.mechanisms=PLAIN\n"
                                "listener.name.sasl_plaintext.plain.sasl.jaas.config="
@@ -70,9 +80,9 @@ class Settings(RealKafkaCase):
                                'user_probe="right";').start()
         common = ("security.protocol=SASL_PLAINTEXT", "sasl.mechanism=PLAIN",
                   "sasl.username=probe")
-        right, wrong = (self.start(f"127.0.0.1:{PASSWORD_PORT}", f"{FLOWS},drain=5"
+        right, wrong = (self.start(f"127.0.0.1:{PASSWORD_PORT}", f"{FLOWS},drain={drain}"
                                    + self.properties(*common, f"sasl.password={password}"))
-                        for password in ("right", "wrong"))
+                        for password, drain in (("right", 60), ("wrong", 1)))
         line = wrong.wait_for_line("kafka: no broker (", 60)
         self.assertIn("Authentication failed: Invalid username or password", line)
         self.send()
@@ -85,9 +95,9 @@ class Settings(RealKafkaCase):
     def test_flows_are_where_clients_of_their_partitioner_look_for_them(self):
         cluster = self.cluster().start()
         probes = [
-            self.start(cluster.addresses, f"topic=crc,format=protobuf,key=flow,sampler={SAMPLER}"
+            self.start(cluster.addresses, f"topic=crc,format=protobuf,key=flow{PATIENT}"
                        + self.properties("compression.codec=zstd")),
-            self.start(cluster.addresses, f"topic=java,format=protobuf,key=flow,sampler={SAMPLER}"
+            self.start(cluster.addresses, f"topic=java,format=protobuf,key=flow{PATIENT}"
                        + self.properties("partitioner=murmur2_random"))]
         for port in range(101, 141):
             self.sender.send(ethernet(ipv4(udp(port, 53), A, B)),

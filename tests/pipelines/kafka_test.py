@@ -1,6 +1,8 @@
 """The export kafka while real brokers go and come: what they acknowledged is in the topic exactly
 once, and the rest is counted."""
 
+# Runs alone: three brokers and three probes keep all processors busy.
+
 from kafka_case import ARRIVED, RealKafkaCase, Traffic, of_json, of_protobuf
 from testbed.process import wait_until
 
@@ -61,7 +63,7 @@ class Outages(RealKafkaCase):
         self.stop_in_order(probe, timeout=90)
         lost = self.check_account(probe, cluster.messages(FLOWS, of_protobuf), "192.0.2.1",
                                   traffic.count)
-        self.assertLessEqual(set(lost), {"unacknowledged"})
+        self.assertEqual(lost, {})
 
     @staticmethod
     def wait_for_lines(probe, text, count):
