@@ -1,5 +1,5 @@
 // What a line of JSON costs the record loop: records of three kinds in turn, by style, and the
-// Community ID alone, which is part of both.
+// Community ID alone, which is part of that of ECS.
 
 #include <benchmark/benchmark.h>
 
@@ -41,7 +41,7 @@ std::vector<flow_record> records() {
 void json_encode(benchmark::State& state, field_style style, const char* fields) {
     std::string fault;
     flow_encoding::json_encoder* const encoder = flow_encoding::json_encoder::open(
-        {style, fields, 0, "192.0.2.9"}, getter_base_init(), fault);
+        {style, fields, {}, "192.0.2.9"}, getter_base_init(), fault);
     std::string line(encoder->longest(), '\0');
     const std::vector<flow_record> flows = records();
     size_t bytes = 0, n = 0;

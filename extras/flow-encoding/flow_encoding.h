@@ -11,6 +11,8 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
+#include <optional>
 #include <string>
 
 namespace flow_encoding {
@@ -18,16 +20,19 @@ namespace flow_encoding {
 // What an encoder is made from.
 struct json_settings {
     field_style style = FIELD_STYLE_GOFLOW2;
-    std::string fields;   // names of fields with '#' in between; empty: all that the style names
-    uint16_t seed = 0;    // of the Community ID
+    std::string fields;  // names of fields with '#' in between; empty: all that the style names
+    // Of the Community ID, which goflow2 does not write: its style has it with a seed or by name.
+    std::optional<uint16_t> seed;
     std::string sampler;  // the address of this probe, in digits
 };
 
 // The parameters that all exports of JSON have.
 struct json_parameters {
+    static constexpr int32_t no_seed = std::numeric_limits<int32_t>::min();
+
     char* style = nullptr;  // goflow2 (also when null) or ecs
     char* fields = nullptr;
-    int32_t seed = 0;
+    int32_t seed = no_seed;
     char* sampler = nullptr;  // null: machine_address()
 
     // Rows for config_set_values.

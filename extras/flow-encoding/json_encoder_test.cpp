@@ -111,14 +111,14 @@ class JsonEncoder : public testing::Test {
 };
 
 json_settings in_style(field_style style, const char* fields = "") {
-    return {style, fields, 0, "192.0.2.9"};
+    return {style, fields, {}, "192.0.2.9"};
 }
 
 TEST_F(JsonEncoder, Goflow2HasAllMembersOfItsMessage) {
     EXPECT_EQ(written(in_style(FIELD_STYLE_GOFLOW2), base_table(), tcp_record()),
               R"({"time_received_ns":1600000007123456789,"type":"FLOWUNKNOWN","sequence_num":0,)"
-              R"("sampler_address":"192.0.2.9","community_id":"1:lWOTJwBjzASkHgo+w0kukpG9z0M=",)"
-              R"("bytes":3456,"packets":12,"time_flow_start_ns":1600000000123456789,)"
+              R"("sampler_address":"192.0.2.9","bytes":3456,"packets":12,)"
+              R"("time_flow_start_ns":1600000000123456789,)"
               R"("time_flow_end_ns":1600000002623456789,"sampling_rate":1,"in_if":3,"out_if":4,)"
               R"("etype":"IPv4","src_addr":"192.0.2.1","dst_addr":"198.51.100.7","ip_tos":32,)"
               R"("proto":"TCP","tcp_flags":27,"src_port":40000,"dst_port":443,"icmp_type":0,)"
@@ -194,6 +194,16 @@ TEST_F(JsonEncoder, RecordsAreNumbered) {
         open(in_style(FIELD_STYLE_GOFLOW2, "SEQUENCE_NUMBER"), base_table(), fault);
     EXPECT_EQ(written(*encoder, tcp_record()), R"({"sequence_num":0})");
     EXPECT_EQ(written(*encoder, icmp6_record()), R"({"sequence_num":1})");
+}
+
+TEST_F(JsonEncoder, Goflow2HasTheCommunityIdWhenAsked) {
+    json_settings settings = in_style(FIELD_STYLE_GOFLOW2);
+    constexpr const char* member = R"("community_id":"1:lWOTJwBjzASkHgo+w0kukpG9z0M=",)";
+    EXPECT_EQ(written(settings, base_table(), tcp_record()).find("community"), std::string::npos);
+    settings.seed = 0;
+    EXPECT_NE(written(settings, base_table(), tcp_record()).find(member), std::string::npos);
+    EXPECT_EQ(written(in_style(FIELD_STYLE_GOFLOW2, "COMMUNITY_ID"), base_table(), tcp_record()),
+              R"({"community_id":"1:lWOTJwBjzASkHgo+w0kukpG9z0M="})");
 }
 
 TEST_F(JsonEncoder, TheSeedIsPartOfTheCommunityId) {

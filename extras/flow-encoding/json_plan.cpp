@@ -133,10 +133,17 @@ struct plan_maker {
             add_under_own_name(field.name, value);
     }
 
+    // Whether it is in a line whose fields nobody chose.
+    bool is_usual(const derived_field& row) const {
+        if (row.source == origin::community_id && settings.style == FIELD_STYLE_GOFLOW2)
+            return settings.seed.has_value();
+        return row.names.styles[settings.style][0].name != nullptr;
+    }
+
     // All that the style names, and what plugins add.
     void add_all() {
         for (const derived_field& row : derived_fields)
-            if (row.names.styles[settings.style][0].name != nullptr)
+            if (is_usual(row))
                 add_derived(row);
         for (const getter* entry = getters; entry != nullptr && entry->name != nullptr; ++entry) {
             const field_names* const names = field_names_of(entry->name);
@@ -352,7 +359,7 @@ json_plan* make_json_plan(const json_settings& settings, const getter* getters,
     if (!maker.add_fields(fault))
         return nullptr;
     auto* const plan = new json_plan();
-    plan->seed = settings.seed;
+    plan->seed = settings.seed.value_or(0);
     plan->value.resize(longest_value(getters) + value_margin);
     set_protocols(*plan, settings.style == FIELD_STYLE_ECS);
     step_writer{*plan, settings.style == FIELD_STYLE_GOFLOW2}.add_object(maker.root, true);

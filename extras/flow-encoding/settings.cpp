@@ -29,6 +29,17 @@ bool read_style(const char* name, field_style& style, std::string& fault) {
     return false;
 }
 
+bool read_seed(int32_t given, std::optional<uint16_t>& seed, std::string& fault) {
+    if (given == json_parameters::no_seed)
+        return true;
+    if (given < 0 || given > seed_most) {
+        fault = "seed is from 0 to " + std::to_string(seed_most);
+        return false;
+    }
+    seed = static_cast<uint16_t>(given);
+    return true;
+}
+
 // The address as it is written by everybody, or nothing.
 std::string plain_address(const char* text) {
     in6_addr address;  // large enough for both
@@ -68,11 +79,8 @@ bool read_json_settings(const json_parameters& parameters, json_settings& settin
                         std::string& fault) {
     if (parameters.style != nullptr && !read_style(parameters.style, settings.style, fault))
         return false;
-    if (parameters.seed < 0 || parameters.seed > seed_most) {
-        fault = "seed is from 0 to " + std::to_string(seed_most);
+    if (!read_seed(parameters.seed, settings.seed, fault))
         return false;
-    }
-    settings.seed = static_cast<uint16_t>(parameters.seed);
     settings.fields = parameters.fields != nullptr ? parameters.fields : "";
     if (parameters.sampler == nullptr) {
         settings.sampler = machine_address();

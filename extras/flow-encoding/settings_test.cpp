@@ -24,7 +24,7 @@ TEST(JsonSettings, AreThoseOfGoflow2UnlessSaidOtherwise) {
     EXPECT_TRUE(found.is_good);
     EXPECT_EQ(found.settings.style, FIELD_STYLE_GOFLOW2);
     EXPECT_EQ(found.settings.fields, "");
-    EXPECT_EQ(found.settings.seed, 0);
+    EXPECT_EQ(found.settings.seed, std::nullopt);
     EXPECT_EQ(found.settings.sampler, machine_address());
 }
 
@@ -46,6 +46,10 @@ TEST(JsonSettings, AreTakenFromParameters) {
     EXPECT_EQ(found.settings.fields, "BYTES#PACKETS");
     EXPECT_EQ(found.settings.seed, 65'535);
     EXPECT_EQ(found.settings.sampler, "2001:db8::1");
+}
+
+TEST(JsonSettings, ASeedOf0IsOneThatWasGiven) {
+    EXPECT_EQ(read({nullptr, nullptr, 0, nullptr}).settings.seed, 0);
 }
 
 TEST(JsonSettings, FaultsAreSaid) {

@@ -62,7 +62,8 @@ bool choose(const char* what, const choice<Choice> (&rows)[count], const char* t
 // Every message names the probe; the rest is JSON's.
 bool set_json(const flow_encoding::json_parameters& given, settings& result, std::string& fault) {
     if (result.format != message_format::json &&
-        (given.style != nullptr || given.fields != nullptr || given.seed != 0)) {
+        (given.style != nullptr || given.fields != nullptr ||
+         given.seed != flow_encoding::json_parameters::no_seed)) {
         fault = "style, fields and seed go with format=json";
         return false;
     }

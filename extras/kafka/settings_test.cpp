@@ -89,6 +89,7 @@ TEST(Settings, ThatMakeNoSenseAreNamed) {
     EXPECT_EQ(fault_of("key=flows"), "Unknown key: flows (there are none, exporter, flow)");
     EXPECT_EQ(fault_of("format=xml"), "Unknown format: xml (there are json, protobuf)");
     EXPECT_EQ(fault_of("format=protobuf,style=ecs"), "style, fields and seed go with format=json");
+    EXPECT_EQ(fault_of("format=protobuf,seed=0"), "style, fields and seed go with format=json");
     EXPECT_EQ(fault_of("style=xml"), "style=xml is none of goflow2 and ecs");
     EXPECT_EQ(fault_of("sampler=here"), "sampler=here is no IPv4 or IPv6 address");
     EXPECT_EQ(fault_of("topic"), "these parameters cannot be read");

@@ -97,7 +97,16 @@ class Json(ReplayCase):
             self.assertEqual(flow, {
                 "type": "FLOWUNKNOWN", "sampler_address": "192.0.2.9", "sampling_rate": 1,
                 "time_flow_start_ns": time_ns, "time_flow_end_ns": time_ns, "packets": 1,
-                "in_if": 0, "out_if": 0, "community_id": community_id(expected), **expected})
+                "in_if": 0, "out_if": 0, **expected})
+
+    def test_goflow2_has_the_community_id_when_a_seed_asks_for_it(self):
+        for words, seed in ((",seed=0", 0), (",seed=3", 3)):
+            with self.subTest(words=words):
+                (self.directory / "flows.json").unlink(missing_ok=True)
+                found = {flow["time_flow_start_ns"]: flow["community_id"]
+                         for flow in self.lines(self.traffic(), words)}
+                self.assertEqual(found, {(T + n) * NS: community_id(known, seed)
+                                         for n, (_, known) in enumerate(TRAFFIC)})
 
     def test_ecs_says_the_same_in_objects(self):
         found = sorted(self.lines(self.traffic(), ",style=ecs,seed=3"),
