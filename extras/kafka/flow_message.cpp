@@ -50,6 +50,7 @@ constexpr row rows[] = {
     {27, mac, "L2_SRC_MAC"},               // src_mac
     {28, mac, "L2_DST_MAC"},               // dst_mac
     {29, number, "L2_VLAN_0"},             // vlan_id
+    {33, number, "L2_VLAN_0"},             // src_vlan
     {30, ether, "L3_PROTO"},               // etype
     {31, high_byte, "L4_ICMP_TYPE_CODE"},  // icmp_type
     {32, low_byte, "L4_ICMP_TYPE_CODE"},   // icmp_code

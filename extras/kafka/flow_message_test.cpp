@@ -118,12 +118,13 @@ TEST_F(FlowMessage, HasTagsLabelsAndMacAddresses) {
         const std::vector<uint8_t> wanted = bytes_of(values);
         return text.find(std::string(wanted.begin(), wanted.end())) != std::string::npos;
     };
-    EXPECT_EQ(written.size(), 1U + 67 + 8 + 8 + 3 + 6);
-    EXPECT_EQ(written[0], 67 + 8 + 8 + 3 + 6);
+    EXPECT_EQ(written.size(), 1U + 67 + 8 + 8 + 3 + 3 + 6);
+    EXPECT_EQ(written[0], 67 + 8 + 8 + 3 + 3 + 6);
     // src_mac = 27: 0x02005E1000FF, and dst_mac = 28: 0x020000000001, seven bits a byte
     EXPECT_TRUE(has({0xD8, 0x01, 0xFF, 0x81, 0xC0, 0xF0, 0x85, 0x40}));
     EXPECT_TRUE(has({0xE0, 0x01, 0x81, 0x80, 0x80, 0x80, 0x80, 0x40}));
     EXPECT_TRUE(has({0xE8, 0x01, 100}));                // vlan_id = 29
+    EXPECT_TRUE(has({0x88, 0x02, 100}));                // src_vlan = 33
     EXPECT_TRUE(has({0x8A, 0x05, 3, 0xE8, 0x07, 16}));  // mpls_label = 81
 }
 

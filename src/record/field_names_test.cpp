@@ -40,6 +40,7 @@ TEST(FieldNames, AFieldMayBeTwoMembers) {
               (list{"icmp_type:3", "icmp_code:4"}));
     EXPECT_EQ(names("L4_PROTO", FIELD_STYLE_ECS),
               (list{"network.transport:11", "network.iana_number:2"}));
+    EXPECT_EQ(names("L2_VLAN_0", FIELD_STYLE_GOFLOW2), (list{"vlan_id:1", "src_vlan:1"}));
 }
 
 TEST(FieldNames, PlainNumbersHaveTheirPlace) {
