@@ -233,10 +233,10 @@ TEST_F(JsonEncoder, Goflow2HasTagsLabelsAndMacAddresses) {
               R"({"vlan_id":0,"src_vlan":0,"L2_VLAN_1":0,"L2_VLAN_2":0,)"
               R"("src_mac":"00:00:00:00:00:00","dst_mac":"00:00:00:00:00:00","mpls_label":[]})");
     fill_blocks(record);
-    EXPECT_EQ(
-        written(in_style(FIELD_STYLE_GOFLOW2, fields_of_blocks), table, record),
-        R"({"vlan_id":100,"src_vlan":100,"L2_VLAN_1":200,"L2_VLAN_2":0,)"
-        R"("src_mac":"02:00:5e:10:00:ff","dst_mac":"0a:0b:0c:0d:0e:0f","mpls_label":[16,1048575]})");
+    EXPECT_EQ(written(in_style(FIELD_STYLE_GOFLOW2, fields_of_blocks), table, record),
+              R"({"vlan_id":100,"src_vlan":100,"L2_VLAN_1":200,"L2_VLAN_2":0,)"
+              R"("src_mac":"02:00:5e:10:00:ff","dst_mac":"0a:0b:0c:0d:0e:0f",)"
+              R"("mpls_label":[16,1048575]})");
 }
 
 TEST_F(JsonEncoder, EcsHasTagsLabelsAndMacAddresses) {

@@ -159,7 +159,7 @@ class Json(ReplayCase):
 
     def test_a_replay_waits_for_a_slow_reader(self):
         # Lines for more than twice the queue and the pipe; the reader has a pause after each 4 KiB.
-        count = 5000
+        count = 6000
         reading, writing = os.pipe()
         pieces = []
 
