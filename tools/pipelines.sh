@@ -38,7 +38,8 @@ need() {
 fetch_kafka() {
     need java default-jre-headless
     need mvn maven
-    fetch kafka mvn --batch-mode --file tests/pipelines/pom.xml dependency:copy-dependencies \
+    # The list is among the words, so that another one is fetched anew.
+    fetch kafka env "LIST=$(cksum <tests/pipelines/pom.xml)" mvn --batch-mode --file tests/pipelines/pom.xml dependency:copy-dependencies \
         "-DoutputDirectory=$PIPELINES/kafka"
 }
 
@@ -52,11 +53,14 @@ fetch_go() {
         "$PIPELINES/go" "v0.0.1-go$GO_VERSION.linux-amd64"
 }
 
+# Beside the program, what it comes with for ClickHouse.
 fetch_goflow2() {
     fetch_go
+    # shellcheck disable=SC2016  # words of the inner shell
     fetch goflow2 env "GOBIN=$PIPELINES/goflow2" CGO_ENABLED=0 GOTOOLCHAIN=local \
-        "$PIPELINES/go/bin/go" install \
-        "github.com/netsampler/goflow2/v2/cmd/goflow2@$GOFLOW2_VERSION"
+        sh -c '"$0" install "$1/cmd/goflow2@$2" &&
+            cp -R "$("$0" env GOMODCACHE)/$1@$2/compose/kcg" "$GOBIN/example"' \
+        "$PIPELINES/go/bin/go" github.com/netsampler/goflow2/v2 "$GOFLOW2_VERSION"
 }
 
 fetch_chdb() {
