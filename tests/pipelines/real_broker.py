@@ -75,7 +75,7 @@ min.insync.replicas={count // 2 + 1}
         self.wait_until_ready()
 
     def kill(self):
-        """As a machine that loses its power."""
+        """At once. What it has written is there when it is started again."""
         if self._process is not None:
             self._process.kill()
 
@@ -115,7 +115,10 @@ class Cluster:
     def messages(self, topic, read=read_flow):
         """All that is in a topic. read: makes a flow of the bytes of a message."""
         done = []
-        wait_until(lambda: self._read(topic, done), f"what is in {topic}", ANSWERED)
+        try:
+            wait_until(lambda: self._read(topic, done), f"what is in {topic}", ANSWERED)
+        except AssertionError as late:
+            raise AssertionError(f"{late}: {done[-1].stderr}") from None
         return read_messages(done[-1].stdout.splitlines(), read)
 
     def _read(self, topic, done):
