@@ -14,7 +14,8 @@ execute_process(COMMAND ${Python3_EXECUTABLE} -c "import sys; print(sys.executab
   OUTPUT_VARIABLE KESTREL_PYTHON COMMAND_ERROR_IS_FATAL ANY)
 
 function(kestrel_add_python_cases)
-  cmake_parse_arguments(ARG "" "LABEL;TIMEOUT;GROUP;INTERPRETER" "FILES;ENVIRONMENT;PROPERTIES" ${ARGN})
+  cmake_parse_arguments(ARG "" "LABEL;TIMEOUT;GROUP;INTERPRETER" "FILES;ENVIRONMENT;PROPERTIES"
+    ${ARGN})
   if(NOT ARG_FILES)
     file(GLOB ARG_FILES CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*_test.py)
   endif()
