@@ -14,7 +14,7 @@ constexpr metric_row queue_rows[] = {
     {"kestrelexp_kafka_queued_bytes", "Bytes of these messages.", nullptr, METRIC_GAUGE},
 };
 
-enum broker_cell { is_up, round_trip, first_counter };
+enum broker_cell { is_broker_up, round_trip, first_counter };
 constexpr metric_row broker_rows[] = {
     {"kestrelexp_kafka_broker_up", "1 while there is a connection to the broker, else 0.", nullptr,
      METRIC_GAUGE},
@@ -94,7 +94,7 @@ bool statistics::take(std::string_view text) {
         broker* const known = find_broker(number_of(one, "nodeid", -1));
         if (known == nullptr)
             continue;
-        metric_set(&known->cells[is_up], is_one_up ? 1 : 0);
+        metric_set(&known->cells[is_broker_up], is_one_up ? 1 : 0);
         const json* const trip = member(one, "rtt");
         if (trip != nullptr && count_of(*trip, "cnt") > 0)
             metric_set(&known->cells[round_trip], count_of(*trip, "avg"));

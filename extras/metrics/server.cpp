@@ -46,8 +46,8 @@ constexpr header every_header[] = {
     {"Referrer-Policy", "no-referrer"},
     {"Cache-Control", "no-store"},
 };
-constexpr const char* plain = "text/plain; charset=utf-8";
-constexpr const char* json = "application/json";
+constexpr const char* plain_type = "text/plain; charset=utf-8";
+constexpr const char* json_type = "application/json";
 
 double time_now() {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
@@ -59,9 +59,9 @@ answer answer_summary(const http_server& server, MHD_Connection* connection) {
         MHD_lookup_connection_value(connection, MHD_GET_ARGUMENT_KIND, "since");
     const auto since = text != nullptr ? parse_since(text) : 0.0;
     if (!since)
-        return {MHD_HTTP_BAD_REQUEST, plain, {}, "since is no time in seconds\n"};
+        return {MHD_HTTP_BAD_REQUEST, plain_type, {}, "since is no time in seconds\n"};
     return {MHD_HTTP_OK,
-            json,
+            json_type,
             {},
             summary_json(take_readings(), *server.source, {time_now(), *since, server.self})};
 }
@@ -69,7 +69,7 @@ answer answer_summary(const http_server& server, MHD_Connection* connection) {
 answer answer_readiness() {
     const std::vector<missing_part> missing = missing_parts(take_readings());
     return {missing.empty() ? unsigned{MHD_HTTP_OK} : unsigned{MHD_HTTP_SERVICE_UNAVAILABLE},
-            json,
+            json_type,
             {},
             readiness_json(missing)};
 }
@@ -90,17 +90,17 @@ answer make_answer(const http_server& server, MHD_Connection* connection, const 
                     {},
                     exposition_text(take_readings(), take_process_readings())};
         case target::health:
-            return {MHD_HTTP_OK, plain, "ok\n", {}};
+            return {MHD_HTTP_OK, plain_type, "ok\n", {}};
         case target::readiness:
             return answer_readiness();
         case target::summary:
             return answer_summary(server, connection);
         case target::wrong_method:
-            return {MHD_HTTP_METHOD_NOT_ALLOWED, plain, "GET and HEAD only\n", {}};
+            return {MHD_HTTP_METHOD_NOT_ALLOWED, plain_type, "GET and HEAD only\n", {}};
         case target::not_found:
             break;
     }
-    return {MHD_HTTP_NOT_FOUND, plain, "there is nothing of this name\n", {}};
+    return {MHD_HTTP_NOT_FOUND, plain_type, "there is nothing of this name\n", {}};
 }
 
 MHD_Result send_answer(MHD_Connection* connection, const answer& what) {
@@ -144,7 +144,7 @@ MHD_Result handle(void* context, MHD_Connection* connection, const char* path, c
         if (is_first && !is_refused && has_body(connection))
             return send_answer(
                 connection,
-                {MHD_HTTP_CONTENT_TOO_LARGE, plain, "a request has no body here\n", {}});
+                {MHD_HTTP_CONTENT_TOO_LARGE, plain_type, "a request has no body here\n", {}});
         if (is_first && !is_refused)
             return MHD_YES;
         return send_answer(
