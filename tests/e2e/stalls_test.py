@@ -1,7 +1,7 @@
 """Collectors over TCP that are there and do not take what they get: one that closes each connection
 at once, one that reads nothing for a while. Nothing of it is silent, and nothing is left out."""
 
-# Runs alone: it measures processor time, and fills the capture ring.
+# Few others beside it: it measures processor time, and fills the capture ring.
 # Not under the thread sanitizer: the threads are those of shutdown_test, which runs there.
 # Not under the address sanitizer: it measures processor time, and its frames are plain.
 

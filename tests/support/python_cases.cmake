@@ -3,10 +3,12 @@
 #
 # Registers each test method of the NAME_test.py files (all of the current folder by default) as a
 # ctest case of its own, LABEL.NAME.method: cases run side by side, each with its own time limit.
-# Those of a file with a line "# Runs alone: REASON" have the machine to themselves. Files that are
-# not for this build's sanitizer are left out (see suites.cmake), and so is a case below an indented
-# line of that kind. Those of a group run only with "ctest -C name".
+# Those of a file with a line "# Runs alone: REASON" have the machine to themselves; with
+# "# Few others beside it: REASON" they share it with cases that wait (see places.cmake). Files that
+# are not for this build's sanitizer are left out (see suites.cmake), and so is a case below an
+# indented line of that kind. Those of a group run only with "ctest -C name".
 find_package(Python3 REQUIRED COMPONENTS Interpreter)
+include(${CMAKE_CURRENT_LIST_DIR}/places.cmake)
 include(${CMAKE_CURRENT_LIST_DIR}/suites.cmake)
 
 # The interpreter itself: a launcher that looks for it costs as much again, for each case.
@@ -44,6 +46,11 @@ function(kestrel_add_python_cases)
     if(reason)
       set(alone ON)
     endif()
+    set(places)
+    file(STRINGS ${file} reason REGEX "^# Few others beside it: ." LIMIT_COUNT 1)
+    if(reason)
+      set(places ${KESTREL_FEW_OTHERS})
+    endif()
     set(mark "    # Not under the ([a-z]+) sanitizer: .")
     file(STRINGS ${file} lines REGEX "^(class [A-Za-z0-9_]+|    def test_[A-Za-z0-9_]+|${mark})")
     set(left_out OFF)
@@ -62,7 +69,8 @@ function(kestrel_add_python_cases)
           COMMAND ${ARG_INTERPRETER} -B -m unittest ${module}.${class}.${CMAKE_MATCH_1}
           WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR})
         set_tests_properties(${name} PROPERTIES
-          LABELS ${ARG_LABEL} TIMEOUT ${ARG_TIMEOUT} RUN_SERIAL ${alone} ${ARG_PROPERTIES}
+          LABELS ${ARG_LABEL} TIMEOUT ${ARG_TIMEOUT} RUN_SERIAL ${alone} ${places}
+          ${ARG_PROPERTIES}
           # A case that the machine does not allow is told apart from one that passed.
           SKIP_REGULAR_EXPRESSION "OK \\(skipped="
           ENVIRONMENT "${environment}")
