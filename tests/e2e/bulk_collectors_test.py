@@ -9,9 +9,7 @@ import ipaddress
 import os
 import re
 import signal
-import socket
 import subprocess
-import threading
 from collections import Counter
 from pathlib import Path
 
@@ -57,13 +55,7 @@ def output(*command):
                           text=True, stdin=subprocess.DEVNULL).stdout
 
 
-class BulkCollectors(E2eCase):
-    def watched(self, *command, line):
-        process = WatchedProcess(command, stdout=subprocess.DEVNULL)
-        self.addCleanup(process.kill)
-        process.wait_for_line(line)
-        return process
-
+class BulkCase(E2eCase):
     def export(self, export):
         probe = self.probe("-E", export, source=("-X", os.environ["KESTREL_MANY_FLOWS"],
                                                  "-I", f"many_flows:count={COUNT}"))
@@ -75,6 +67,14 @@ class BulkCollectors(E2eCase):
         expected, seen = Counter(FLOWS), Counter(flows)
         self.assertEqual(list((expected - seen).items())[:5], [], "missing")
         self.assertEqual(list((seen - expected).items())[:5], [], "surplus")
+
+
+class BulkCollectors(BulkCase):
+    def watched(self, *command, line):
+        process = WatchedProcess(command, stdout=subprocess.DEVNULL)
+        self.addCleanup(process.kill)
+        process.wait_for_line(line)
+        return process
 
     def check_nfdump(self, export):
         directory, port = self.directory(), free_udp_port()
@@ -134,36 +134,3 @@ plugin_buffer_size: 65536
 
     def test_nfacctd_has_the_sums_of_netflow_v9(self):
         self.check_nfacctd(netflow_v9)
-
-    def test_ipfixdump_reads_all_flows_from_a_tcp_stream(self):
-        stream = self.directory() / "stream"
-        with socket.create_server(("127.0.0.1", 0)) as listener:
-            sink = threading.Thread(target=take_stream, args=(listener, stream), daemon=True)
-            sink.start()
-            self.export(ipfix(listener.getsockname()[1], ",protocol=tcp"))
-            sink.join(10)
-        statistics = output("ipfixDump", "-s", "-i", stream)
-        messages, records, templates = map(int, re.search(
-            r"(\d+) Messages, (\d+) Data Records, (\d+) Template Records", statistics).groups())
-        self.assertEqual(records, COUNT)
-        # Eight templates in the first message and in each refresh.
-        self.assertEqual(templates % 8, 0)
-        self.assertGreater(templates // 8, messages // REFRESH_PACKETS)
-        self.check_flows(dumped_flows(output("ipfixDump", "-d", "-i", stream)))
-
-
-def take_stream(listener, path):
-    connection, _ = listener.accept()
-    with connection, path.open("wb") as file:
-        while part := connection.recv(1 << 20):
-            file.write(part)
-
-
-def dumped_flows(text):
-    """The flows of ipfixDump's listing, one field a line."""
-    field = re.compile(r"^\t\((?:8|27|4|2|1)\)\s+(\w+) : (\S+)$", re.MULTILINE)
-    for record in text.split("--- data record ")[1:]:
-        values = dict(field.findall(record))
-        source = values.get("sourceIPv4Address") or values["sourceIPv6Address"]
-        yield (str(ipaddress.ip_address(source)), int(values["protocolIdentifier"]),
-               int(values["packetDeltaCount"]), int(values["octetDeltaCount"]))
