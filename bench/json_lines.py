@@ -56,7 +56,7 @@ def rows(options, capture, scratch):
     found = [("null", kestrelexp(options, capture, "null:"), None)]
     for name, words in (("goflow2", ""), ("ecs", ",style=ecs")):
         found.append((f"json {name}", kestrelexp(
-            options, capture, f"json:file=/dev/null,queue=256{words}"), "null"))
+            options, capture, f"json:file=/dev/null{words}"), "null"))
     if shutil.which("nfpcapd") and shutil.which("nfdump"):
         flows = Path(scratch) / "nfdump"
         flows.mkdir()

@@ -21,6 +21,12 @@ foreach(plugin ${KESTREL_OWN_COMPONENTS})
     install(TARGETS ${plugin} LIBRARY DESTINATION ${KESTREL_EXTRAS_DIR} COMPONENT ${plugin})
   endif()
 endforeach()
+if(TARGET kafka)
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/etc/clickhouse
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/kestrelexp COMPONENT kafka)
+  install(FILES ${PROJECT_SOURCE_DIR}/docs/pipelines.svg
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/kestrelexp-kafka COMPONENT kafka)
+endif()
 if(TARGET metrics)
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/etc/prometheus
     DESTINATION ${CMAKE_INSTALL_DATADIR}/kestrelexp ${KESTREL_METRICS})
@@ -79,11 +85,11 @@ foreach(page kestrelexp.8 kestrelexp-plugins.7)
 endforeach()
 
 # The pages: those of docs/ and of extras/ for users, the plugin guide with the headers, those about
-# monitoring and about Kafka with their plugins. Links are rewritten from the folders of the source tree to those of
-# a system.
+# monitoring and about Kafka with their plugins. Links are rewritten from the folders of the source
+# tree to those of a system.
 set(KESTREL_PAGES_dev plugin-guide)
 set(KESTREL_PAGES_metrics metrics monitoring)
-set(KESTREL_PAGES_kafka kafka)
+set(KESTREL_PAGES_kafka kafka pipelines)
 function(kestrel_component_of_page name result)
   set(${result} program PARENT_SCOPE)
   foreach(component dev ${KESTREL_OWN_COMPONENTS})

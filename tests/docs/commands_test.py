@@ -128,6 +128,9 @@ class Commands(unittest.TestCase):
     def test_monitoring(self):
         self.run_page("docs/monitoring.md")
 
+    def test_pipelines(self):
+        self.run_page("docs/pipelines.md")
+
     def test_filter_rules(self):
         self.run_page("docs/filter-rules.md")
 

@@ -328,7 +328,8 @@ class Life(unittest.TestCase):
         install(*map(package, ALL))
         pages = sorted(Path("/usr/share/doc").glob("kestrelexp*/*.md"))
         elsewhere = {"plugin-guide": "kestrelexp-dev", "metrics": "kestrelexp-metrics",
-                     "monitoring": "kestrelexp-metrics", "kafka": "kestrelexp-kafka"}
+                     "monitoring": "kestrelexp-metrics", "kafka": "kestrelexp-kafka",
+                     "pipelines": "kestrelexp-kafka"}
         names = [page.stem for page in (SOURCE / "docs").glob("*.md")]
         names += [page.parent.name for page in (SOURCE / "extras").glob("*/README.md")]
         self.assertEqual(sorted(f"{page.parent.name}/{page.name}" for page in pages), sorted(
@@ -405,6 +406,8 @@ class Life(unittest.TestCase):
         install(package("kestrelexp"))
         self.assertFalse(Path("/usr/lib/kestrelexp/kafka.so").exists())
         install(package("kestrelexp-kafka"))
+        self.assertEqual(sorted(os.listdir("/usr/share/kestrelexp/clickhouse")), [
+            "flow.proto", "flows.sql", "kafka-json.sql", "kafka-protobuf.sql", "questions.sql"])
         enter_private_network()
         DEFAULTS.write_text("KESTREL_OPTIONS=-v 0 -X kafka.so -E "
                             "kafka:brokers=127.0.0.1:9092,drain=0\n")
