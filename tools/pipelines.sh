@@ -39,7 +39,8 @@ fetch_kafka() {
     need java default-jre-headless
     need mvn maven
     # The list is among the words, so that another one is fetched anew.
-    fetch kafka env "LIST=$(cksum <tests/pipelines/pom.xml)" mvn --batch-mode --file tests/pipelines/pom.xml dependency:copy-dependencies \
+    fetch kafka env "LIST=$(cksum <tests/pipelines/pom.xml)" mvn --batch-mode \
+        --file tests/pipelines/pom.xml dependency:copy-dependencies \
         "-DoutputDirectory=$PIPELINES/kafka"
 }
 
