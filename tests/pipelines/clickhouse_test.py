@@ -169,7 +169,7 @@ class Ages(ClickHouseCase):
                 f" (now64(9, 'UTC') - INTERVAL {days} DAY, 10, 100, 1)")
         for table in ("flows", "flows_by_minute"):
             self.database.ask(f"OPTIMIZE TABLE {table} FINAL")
-        ages = "SELECT arraySort(groupArray(age('day', {}, now('UTC')))) FROM {}"
+        ages = "SELECT arraySort(groupArray(age('day', {}, now64(9, 'UTC')))) FROM {}"
         self.assertEqual(self.database.ask_one(ages.format("time_received", "flows")), [1, 29])
         self.assertEqual(self.database.ask_one(ages.format("minute", "flows_by_minute")),
                          [1, 29, 31, 364])
