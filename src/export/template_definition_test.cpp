@@ -1,3 +1,4 @@
+// Not under the thread sanitizer: it is all one thread.
 #include <gtest/gtest.h>
 
 #include <cstdlib>

@@ -1,3 +1,4 @@
+// Not under the thread sanitizer: it is all one thread.
 #include "export/template_exporter.h"
 
 #include <fcntl.h>
