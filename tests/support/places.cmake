@@ -3,6 +3,8 @@
 # places free, and those that wait fill the rest.
 include_guard(GLOBAL)
 
+# Hardly waits, or sends frames as fast as it can: four at once on two cores.
+set(KESTREL_HARDLY_WAITS PROCESSORS 2)
 # Keeps a core busy.
 set(KESTREL_COMPUTES PROCESSORS 3 COST 500)
 # Builds with all cores.

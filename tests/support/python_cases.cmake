@@ -49,7 +49,7 @@ function(kestrel_add_python_cases)
     set(places)
     # Frames come as fast as they can, and sanitized programs are slow to take them.
     if(KESTREL_SANITIZE OR ARG_LABEL STREQUAL "e2e")
-      set(places PROCESSORS 2)
+      set(places ${KESTREL_HARDLY_WAITS})
     endif()
     file(STRINGS ${file} reason REGEX "^# Few others beside it: ." LIMIT_COUNT 1)
     if(reason)
