@@ -3,7 +3,6 @@
 import dataclasses
 import os
 import random
-import subprocess
 from collections import Counter
 
 from testbed.accounts import DISCARDED, SENT, Sum
@@ -13,7 +12,7 @@ from testbed.frames import (ACK, FIN, SYN, UDP, Transport, arp_request, ethernet
                             tcp, udp)
 from testbed.probe import netflow_v5
 from testbed.network import PROBED, blaster, make_pair
-from testbed.process import status_field, wait_until
+from testbed.process import WatchedProcess, status_field, wait_until
 
 DEVICE_DROPPED = "kestrelexp_capture_device_dropped_packets_total"
 
@@ -77,11 +76,9 @@ class Lanes(AfPacketCase):
                 receiver = self.collector()
                 probe = self.probe("-q", "10", *netflow_v5(receiver.port),
                                    source=words(options=f",lanes={lanes}"))
-                with subprocess.Popen(blaster(1_000_000, 20_000), stdin=subprocess.DEVNULL) as sent:
-                    self.addCleanup(sent.kill)
+                with WatchedProcess(blaster(1_000_000, 20_000)):
                     receiver.wait_for_flows(3000, 20)
                     status = probe.stop(meanwhile=receiver.drain)
-                    sent.kill()
                 self.assertEqual(status, 0, probe.describe())
                 receiver.drain()
                 found = Sum(probe.lines)

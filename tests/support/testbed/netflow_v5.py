@@ -75,21 +75,28 @@ class Collector:
 
     def drain(self, wait_s=0.0):
         """Takes every packet that has arrived; waits up to wait_s for the first one."""
-        while select.select([self._socket], [], [], wait_s)[0]:
-            self._accept(self._socket.recv(65536, socket.MSG_DONTWAIT))
+        while self._take(wait_s):
             wait_s = 0.0
 
     def wait_for_flows(self, count, timeout):
-        """Returns once count flows are in; fails when they do not come."""
+        """Returns once count flows are in, also while more of them come faster than they can be
+        read; fails when they do not come."""
         deadline = time.monotonic() + timeout * SLOWNESS
         while len(self.records) < count:
             left = deadline - time.monotonic()
             if left <= 0:
                 raise AssertionError(f"{len(self.records)} of {count} flows after {timeout} s")
-            self.drain(left)
+            self._take(left)
 
     def close(self):
         self._socket.close()
+
+    def _take(self, wait_s):
+        """Takes one packet; whether there was one within wait_s."""
+        readable = bool(select.select([self._socket], [], [], wait_s)[0])
+        if readable:
+            self._accept(self._socket.recv(65536, socket.MSG_DONTWAIT))
+        return readable
 
     def _accept(self, packet):
         header, records = decode(packet)
