@@ -1,8 +1,9 @@
-// What a line of JSON costs the record loop: records of three kinds in turn, by style, and the
+// What a line of JSON costs the record loop: records of three kinds and many lengths, by style, and the
 // Community ID alone, which is part of that of ECS.
 
 #include <benchmark/benchmark.h>
 
+#include <random>
 #include <string>
 #include <vector>
 
@@ -14,28 +15,36 @@ namespace {
 
 constexpr uint64_t now_ns = 1'700'000'000'123'456'789;
 
+// Of many lengths in no order, as those of a line are.
 std::vector<flow_record> records() {
-    flow_record tcp{};
-    tcp.start = now_ns - 3'000'000'000;
-    tcp.end = now_ns - 1'000'000'000;
-    tcp.packets = 12;
-    tcp.bytes = 34'567;
-    tcp.l3protocol = 4;
-    tcp.ipv4 = {0xC0000201, 0xC6336407, 0};
-    tcp.l4protocol = 6;
-    tcp.srcport = 40'000;
-    tcp.dstport = 443;
-    tcp.tcpflags = 0x1B;
-    flow_record udp = tcp;
-    udp.l4protocol = 17;
-    udp.dstport = 53;
-    flow_record ipv6 = tcp;
-    ipv6.l3protocol = 6;
-    for (uint8_t n = 0; n < 16; ++n) {
-        ipv6.ipv6.srcipv6[n] = static_cast<uint8_t>(n * 7 + 1);
-        ipv6.ipv6.dstipv6[n] = static_cast<uint8_t>(n < 4 ? n + 9 : n == 15 ? 0x20 : 0);
+    constexpr size_t count = 3000;
+    std::mt19937 generator(1);
+    const auto draw = [&] { return static_cast<uint32_t>(generator()); };
+    const auto below = [&](uint32_t limit) { return draw() % limit; };
+    std::vector<flow_record> made(count);
+    for (size_t n = 0; n < count; ++n) {
+        flow_record& one = made[n];
+        one.end = now_ns - draw();
+        one.start = one.end - draw();
+        one.packets = 1 + below(1U << below(16));
+        one.bytes = one.packets * (40 + below(1460));
+        one.l4protocol = n % 3 == 1 ? 17 : 6;
+        one.tcpflags = n % 3 == 1 ? 0 : static_cast<uint8_t>(below(32));
+        one.srcport = static_cast<uint16_t>(draw());
+        one.dstport = below(2) == 0 ? 443 : static_cast<uint16_t>(below(9000));
+        if (n % 3 != 2) {
+            one.l3protocol = 4;
+            one.ipv4 = {draw(), draw(), 0};
+            continue;
+        }
+        one.l3protocol = 6;
+        for (size_t byte = 0; byte < 16; ++byte) {
+            const bool is_zero = byte >= 6 && byte < 12;
+            one.ipv6.srcipv6[byte] = static_cast<uint8_t>(is_zero ? 0 : draw());
+            one.ipv6.dstipv6[byte] = static_cast<uint8_t>(draw());
+        }
     }
-    return {tcp, udp, ipv6};
+    return made;
 }
 
 void json_encode(benchmark::State& state, field_style style, const char* fields) {
