@@ -6,24 +6,6 @@
 #include "json_values.h"
 
 namespace flow_encoding {
-namespace {
-
-char* put_record(char* to, subject& of) {
-    const step* at = of.plan.steps.data();
-    const step* const end = at + of.plan.steps.size();
-    while (at != end) {
-        if (at->test != no_test && !of.plan.tests[at->test].passed) {
-            ++at;
-            continue;
-        }
-        to = at->put(to, of, *at);
-        at += at->advance;
-    }
-    return to - 1;  // the comma after the whole
-}
-
-}  // namespace
-
 json_encoder* json_encoder::open(const json_settings& settings, const getter* getters,
                                  std::string& fault) {
     json_plan* const plan = make_json_plan(settings, getters, fault);
@@ -38,9 +20,9 @@ size_t json_encoder::encode(const flow_record& record, uint64_t now_ns, char* to
     for (validity_test& test : plan_->tests)
         test.passed = test.valid(test.context, &record) != 0;
     subject of{*plan_, record, now_ns, {}};
-    char* const end = put_record(to, of);
+    const char* const end = go_on(to, of, plan_->steps.data());
     ++plan_->sequence;
-    return static_cast<size_t>(end - to);
+    return static_cast<size_t>(end - to) - 1;  // without the comma after the whole
 }
 
 }  // namespace flow_encoding

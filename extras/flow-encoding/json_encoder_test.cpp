@@ -294,6 +294,27 @@ TEST_F(PluginFields, HaveTheirOwnNamesAndTheFormsOfTheirLengths) {
               R"({"kestrelexp":{"STATION":"01:02:03:04:05:06"}})");
 }
 
+TEST_F(PluginFields, HaveNamesOfAnyLength) {
+    getter*& table = base_table();
+    const std::string always(29, 'A'), ports(30, 'P'), tcp(93, 'T');
+    getter_add(&table, always.c_str(), 1, nullptr, record_valid_ok, record_length_1, get_area<1>);
+    getter_add(&table, ports.c_str(), 1, nullptr, record_ports_ok, record_length_1, get_area<1>);
+    getter_add(&table, tcp.c_str(), 1, nullptr, record_tcp_ok, record_length_1, get_area<1>);
+    const std::string fields = ports + '#' + tcp + '#' + always;
+    const json_settings flat = in_style(FIELD_STYLE_GOFLOW2, fields.c_str());
+    const auto line = [&](const char* port_value, const char* tcp_value, const char* value) {
+        return "{\"" + ports + "\":" + port_value + ",\"" + tcp + "\":" + tcp_value + ",\"" +
+               always + "\":" + value + '}';
+    };
+    full_record record = with_area("\7", 1);
+    EXPECT_EQ(written(flat, table, record), line("7", "7", "7"));
+    record.base.l4protocol = 17;
+    EXPECT_EQ(written(flat, table, record), line("7", "0", "7"));
+    EXPECT_EQ(written(flat, table, icmp6_record()), line("0", "0", "0"));
+    EXPECT_EQ(written(in_style(FIELD_STYLE_ECS, fields.c_str()), table, record),
+              "{\"kestrelexp\":{\"" + ports + "\":7,\"" + always + "\":7}}");
+}
+
 TEST_F(PluginFields, AreThereByThemselves) {
     getter* const table = table_with_fields();
     const std::string line =

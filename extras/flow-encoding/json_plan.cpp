@@ -224,17 +224,31 @@ struct step_writer {
     uint8_t depth = 0;
 
     // The text of a key with what follows it. Elements of arrays and the whole have none.
-    void set_key(step& to, std::string_view name, std::string_view rest) {
+    static std::string key_text(std::string_view name, std::string_view rest) {
         std::string text(text_room(name.size()), '\0');
         text.resize(name.empty() ? 0
                                  : static_cast<size_t>(put_text(text.data(), name) - text.data()));
         if (!name.empty())
             text += ':';
-        text += rest;
+        return text.append(rest);
+    }
+
+    void set_key(step& to, std::string text) {
         plan.longest += text.size();
         to.key_length = static_cast<uint16_t>(text.size());
         text.append(key_piece, '\0');
         plan.texts.push_back(std::move(text));
+    }
+
+    // A step copies one piece; the pieces before it are steps of their own. Members that may write
+    // nothing have short keys.
+    void add_key(step& last, std::string_view text) {
+        for (; text.size() > key_piece; text.remove_prefix(key_piece)) {
+            step before{.put = put_constant, .source = origin::key, .test = last.test};
+            set_key(before, std::string(text.substr(0, key_piece)));
+            plan.steps.push_back(before);
+        }
+        set_key(last, std::string(text));
     }
 
     uint8_t test_of(const getter& field) {
@@ -264,7 +278,7 @@ struct step_writer {
         }
         added.put = member_function(added);
         const bool is_constant = value.source == origin::constant;
-        set_key(added, name, is_constant ? value.constant + ',' : "");
+        add_key(added, key_text(name, is_constant ? value.constant + ',' : ""));
         plan.longest += room_of(value) + 1;
         plan.steps.push_back(added);
         return added.test == no_test;
@@ -283,8 +297,10 @@ struct step_writer {
             (void)add_value(member.name,
                             {origin::constant, form, nullptr, nullptr, text_of_nothing(form)});
         }
+        // One of them is enough. Pieces of a key go on to its end.
         for (size_t n = first; n < plan.steps.size(); ++n)
-            plan.steps[n].advance = static_cast<uint16_t>(plan.steps.size() - n);
+            if (plan.steps[n].source != origin::key)
+                plan.steps[n].advance = static_cast<uint16_t>(plan.steps.size() - n);
     }
 
     void add_array(const node& array) {
@@ -297,13 +313,13 @@ struct step_writer {
 
     void add_open(std::string_view name, std::string_view bracket) {
         step added{.put = put_open, .depth = depth++};
-        set_key(added, name, bracket);
+        set_key(added, key_text(name, bracket));
         plan.steps.push_back(added);
     }
 
     void add_close(char end, bool is_kept) {
-        step added{.put = put_end, .depth = --depth, .end = end, .is_kept = is_kept};
-        set_key(added, {}, {});
+        step added{.put = put_close, .depth = --depth, .end = end, .is_kept = is_kept};
+        set_key(added, {});
         plan.longest += 2;
         plan.steps.push_back(added);
     }
@@ -351,6 +367,18 @@ size_t longest_value(const getter* getters) {
     return longest;
 }
 
+constexpr bool always = true;
+
+// After this nothing moves: texts and tests have their final places.
+void set_places(json_plan& plan) {
+    for (size_t n = 0; n < plan.steps.size(); ++n) {
+        step& one = plan.steps[n];
+        one.key = plan.texts[n].data();
+        one.is_valid = one.test == no_test ? &always : &plan.tests[one.test].passed;
+    }
+    plan.steps.push_back({.put = put_nothing, .is_valid = &always});
+}
+
 }  // namespace
 
 json_plan* make_json_plan(const json_settings& settings, const getter* getters,
@@ -364,9 +392,7 @@ json_plan* make_json_plan(const json_settings& settings, const getter* getters,
     set_protocols(*plan, settings.style == FIELD_STYLE_ECS);
     step_writer{*plan, settings.style == FIELD_STYLE_GOFLOW2}.add_object(maker.root, true);
     plan->longest += 2 * key_piece;
-    // The texts have their final places now.
-    for (size_t n = 0; n < plan->steps.size(); ++n)
-        plan->steps[n].key = plan->texts[n].data();
+    set_places(*plan);
     return plan;
 }
 

@@ -20,27 +20,29 @@ enum class origin : uint8_t {
     duration,  // of the flow
     community_id,
     constant,  // the key's text has it
+    key,       // nowhere: the step is a piece of a long text
 };
 
-// Texts are copied in whole pieces of this size, so there is that much room after each.
+// Short texts are copied in whole pieces of this size, so there is that much room after each.
 inline constexpr size_t key_piece = 32;
 
 constexpr uint8_t no_test = 0xFF;
 
 struct subject;
 struct step;
-// Writes what a step is for, and returns the place after it.
-using put_function = char*(char* to, subject& of, const step& at);
+// Writes what a step and those after it are for, and returns the place after that.
+using put_function = char*(char* to, subject& of, const step* at);
 
 struct step {
-    put_function* put = nullptr;  // writes a member, or opens or closes an object or array
+    put_function* put = nullptr;     // writes a member, or opens or closes an object or array
+    const bool* is_valid = nullptr;  // of the record; of what its test says, or always
     origin source = origin::constant;
     uint8_t form = 0;        // enum field_form
     uint8_t test = no_test;  // of the values' validity; none: always valid
     uint8_t depth = 0;       // of what is opened or closed
     char end = 0;            // of what is closed: '}' or ']'
     bool is_kept = false;    // what is closed: even without members
-    uint16_t advance = 1;    // steps to go on after this one, when it has written
+    uint16_t advance = 1;    // steps to go on by after this one, when it has written
     uint16_t offset = 0;     // of a number in the base of the record
     uint16_t width = 0;      // of that number; 0: the field's getter gives it
     uint16_t key_length = 0;
@@ -63,7 +65,7 @@ struct quoted_name {
 };
 
 struct json_plan {
-    std::vector<step> steps;
+    std::vector<step> steps;  // the last one ends them
     std::vector<validity_test> tests;
     std::vector<std::string> texts;  // of the keys
     std::array<quoted_name, 256> protocols;

@@ -1,6 +1,8 @@
 // Longer values of JSON as text; see json_text.h.
 #include "json_text.h"
 
+#include <bit>
+
 namespace flow_encoding {
 namespace {
 
@@ -10,67 +12,110 @@ constexpr char lower_digits[] = "0123456789abcdef";
 
 // ---- Addresses ----
 
-char* put_octet(char* to, uint8_t octet) {
-    return put_short_number(to, octet);
-}
+// "0." to "255.", a number and the point after it.
+struct dotted_octets {
+    char text[256][4];
+    uint8_t length[256];
+
+    constexpr dotted_octets() : text{}, length{} {
+        for (unsigned octet = 0; octet < 256; ++octet) {
+            char* to = text[octet];
+            if (octet >= 100)
+                *to++ = static_cast<char>('0' + octet / 100);
+            if (octet >= 10)
+                *to++ = static_cast<char>('0' + octet / 10 % 10);
+            *to++ = static_cast<char>('0' + octet % 10);
+            *to++ = '.';
+            length[octet] = static_cast<uint8_t>(to - text[octet]);
+        }
+    }
+};
+constexpr dotted_octets octets;
 
 char* put_dotted(char* to, const uint8_t bytes[4]) {
-    for (size_t n = 0; n < 3; ++n)
-        to = put_character(put_octet(to, bytes[n]), '.');
-    return put_octet(to, bytes[3]);
+    for (size_t n = 0; n < 4; ++n) {
+        std::memcpy(to, octets.text[bytes[n]], 4);
+        to += octets.length[bytes[n]];
+    }
+    return to - 1;  // the last point
 }
 
 struct zero_run {
-    size_t first;
-    size_t length;
+    uint8_t first;
+    uint8_t length;  // 0: there is none
 };
 
-// The longest run of at least two groups that are 0, the first of equal ones.
-zero_run longest_run(const uint16_t groups[8]) {
-    zero_run longest{8, 0};
-    for (size_t at = 0; at < 8; ++at) {
-        size_t end = at;
-        while (end < 8 && groups[end] == 0)
-            ++end;
-        if (end - at > longest.length)
-            longest = {at, end - at};
-        if (end > at)
-            at = end;
+// For each set of groups that are 0, the first of them in the lowest bit: the longest run of at
+// least two, the first of equal ones.
+struct zero_runs {
+    zero_run of[256];
+
+    constexpr zero_runs() : of{} {
+        for (unsigned set = 0; set < 256; ++set)
+            of[set] = longest(set);
     }
-    return longest.length >= 2 ? longest : zero_run{8, 0};
+
+    static constexpr zero_run longest(unsigned set) {
+        for (unsigned length = 8; length >= 2; --length)
+            for (unsigned first = 0; first + length <= 8; ++first)
+                if ((set >> first & ((1U << length) - 1)) == (1U << length) - 1)
+                    return {static_cast<uint8_t>(first), static_cast<uint8_t>(length)};
+        return {8, 0};
+    }
+};
+constexpr zero_runs runs;
+
+zero_run longest_run(const uint16_t groups[8]) {
+    unsigned zeros = 0;
+    for (unsigned n = 0; n < 8; ++n)
+        zeros |= (groups[n] == 0 ? 1U : 0U) << n;
+    return runs.of[zeros];
 }
 
+// "00" to "ff".
+struct hex_pairs {
+    char text[256][2];
+
+    constexpr hex_pairs() : text{} {
+        for (unsigned byte = 0; byte < 256; ++byte) {
+            text[byte][0] = lower_digits[byte >> 4];
+            text[byte][1] = lower_digits[byte & 0xF];
+        }
+    }
+};
+constexpr hex_pairs hex;
+
+// A group and the colon after it, without a branch for the number of digits.
 char* put_group(char* to, uint16_t group) {
-    for (int shift = group >= 0x1000  ? 12
-                     : group >= 0x100 ? 8
-                     : group >= 0x10  ? 4
-                                      : 0;
-         shift >= 0; shift -= 4)
-        to = put_character(to, lower_digits[group >> shift & 0xF]);
-    return to;
+    char digits[8] = {0, 0, 0, 0, ':'};
+    std::memcpy(digits, hex.text[group >> 8], 2);
+    std::memcpy(digits + 2, hex.text[group & 0xFF], 2);
+    uint64_t text;
+    std::memcpy(&text, digits, sizeof text);
+    const auto leading_zeros = static_cast<unsigned>(std::countl_zero<uint16_t>(group | 1)) / 4;
+    text >>= 8 * leading_zeros;
+    std::memcpy(to, &text, sizeof text);
+    return to + 5 - leading_zeros;
 }
 
 // ::ffff:0:0/96
-bool is_mapped(const uint16_t groups[8]) {
-    for (size_t n = 0; n < 5; ++n)
-        if (groups[n] != 0)
-            return false;
-    return groups[5] == 0xFFFF;
+bool is_mapped(const uint8_t bytes[16]) {
+    static constexpr uint8_t prefix[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
+    return std::memcmp(bytes, prefix, sizeof prefix) == 0;
 }
 
 char* put_groups(char* to, const uint16_t groups[8]) {
     const zero_run run = longest_run(groups);
-    for (size_t n = 0; n < 8;) {
-        if (n == run.first) {
-            to = put_character(put_character(to, ':'), ':');
-            n += run.length;
-            continue;
-        }
-        if (n > 0 && n != run.first + run.length)
-            to = put_character(to, ':');
-        to = put_group(to, groups[n++]);
-    }
-    return to;
+    for (size_t n = 0; n < run.first; ++n)
+        to = put_group(to, groups[n]);
+    if (run.first == 0)
+        to = put_character(to, ':');
+    if (run.length > 0)
+        to = put_character(to, ':');
+    const size_t rest = size_t{run.first} + run.length;
+    for (size_t n = rest; n < 8; ++n)
+        to = put_group(to, groups[n]);
+    return run.length > 0 && rest == 8 ? to : to - 1;  // the last colon
 }
 
 // ---- Times ----
@@ -148,8 +193,8 @@ char* put_ipv6(char* to, const uint8_t bytes[16]) {
     for (size_t n = 0; n < 8; ++n)
         groups[n] = static_cast<uint16_t>(bytes[2 * n] << 8 | bytes[2 * n + 1]);
     to = put_character(to, '"');
-    to = is_mapped(groups) ? put_dotted(put_bytes(to, "::ffff:"), bytes + 12)
-                           : put_groups(to, groups);
+    to = is_mapped(bytes) ? put_dotted(put_bytes(to, "::ffff:"), bytes + 12)
+                          : put_groups(to, groups);
     return put_character(to, '"');
 }
 

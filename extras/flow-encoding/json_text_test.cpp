@@ -1,9 +1,11 @@
 // Values as text, with literal expectations.
 #include "json_text.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cstring>
 #include <string>
 
 namespace {
@@ -88,6 +90,36 @@ TEST(JsonText, AnIpv6AddressIsAsShortAsItCanBe) {
         "\"fedc:ba98:7654:3210:fed:ba:9:110\"");
     EXPECT_EQ(ipv6({0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF, 192, 0, 2, 1}),
               "\"::ffff:192.0.2.1\"");
+}
+
+// Every set of groups that are zero, with groups of one to four digits, beside the C library's
+// text.
+TEST(JsonText, AddressesAreThoseOfTheCLibrary) {
+    for (unsigned set = 0; set < 256; ++set)
+        for (const unsigned group : {0xFU, 0x10U, 0xABCU, 0x1000U}) {
+            std::array<uint8_t, 16> bytes{};
+            for (size_t n = 0; n < 8; ++n)
+                if ((set >> n & 1) != 0) {
+                    bytes[2 * n] = static_cast<uint8_t>(group >> 8);
+                    bytes[2 * n + 1] = static_cast<uint8_t>(group & 0xFF);
+                }
+            char expected[INET6_ADDRSTRLEN];
+            inet_ntop(AF_INET6, bytes.data(), expected, sizeof expected);
+            // Only the library shows two last groups after zeros as an IPv4 address.
+            if (std::strchr(expected, '.') == nullptr) {
+                ASSERT_EQ(ipv6(bytes), '"' + std::string(expected) + '"');
+            }
+        }
+}
+
+TEST(JsonText, OctetsHaveOneToThreeDigits) {
+    for (unsigned octet = 0; octet < 256; ++octet) {
+        const auto one = static_cast<uint8_t>(octet);
+        const uint8_t bytes[] = {one, 0, one, one};
+        const std::string text = std::to_string(octet);
+        ASSERT_EQ(written([&](char* to) { return put_ipv4(to, bytes); }),
+                  '"' + text + ".0." + text + '.' + text + '"');
+    }
 }
 
 TEST(JsonText, AMacAddressHasWhatTheStyleWants) {
