@@ -45,16 +45,17 @@ message_ring::~message_ring() {
 bool message_ring::put(const outlet_message& message) {
     uint64_t head = head_.load(std::memory_order_relaxed);
     const uint64_t size = size_of(message.length);
-    const uint64_t left = capacity_ - head % capacity_;
+    const uint64_t seen_first = first_.load(std::memory_order_acquire);
+    // An empty ring begins anew where its memory was used last and is still in the caches.
+    if (seen_first == head)
+        origin_ = head;
+    const uint64_t left = capacity_ - (head - origin_) % capacity_;
     const uint64_t skipped = size > left ? left : 0;
     const uint64_t wanted = size + skipped;
     if (wanted > capacity_)
         return false;
-    if (head + wanted - seen_first_ > capacity_) {
-        seen_first_ = first_.load(std::memory_order_acquire);
-        if (head + wanted - seen_first_ > capacity_)
-            return false;
-    }
+    if (head + wanted - seen_first > capacity_)
+        return false;
     if (skipped > 0)
         std::memset(place(head), 0, sizeof(void*));
     head += skipped;
@@ -89,7 +90,7 @@ void message_ring::end(outlet_message* message) {
 message_ring::entry* message_ring::find(uint64_t& position, uint64_t end) const {
     while (position != end) {
         if (is_end_mark(place(position))) {
-            position += capacity_ - position % capacity_;
+            position += capacity_ - (position - origin_) % capacity_;
             continue;
         }
         auto* const found = reinterpret_cast<entry*>(place(position));

@@ -51,7 +51,7 @@ class message_ring {
     static constexpr uint64_t head_size = sizeof(entry);
     static_assert(head_size == 48);
 
-    uint8_t* place(uint64_t position) const { return memory_ + position % capacity_; }
+    uint8_t* place(uint64_t position) const { return memory_ + (position - origin_) % capacity_; }
     // Moves the position over the unused end of the ring, and over what has ended, up to the end
     // given. Returns what is there; null: the end.
     entry* find(uint64_t& position, uint64_t end) const;
@@ -60,9 +60,10 @@ class message_ring {
     uint8_t* memory_;
 
     // Positions count bytes from the start of the run. Whoever sees head_ sees the messages before
-    // it; whoever sees first_ may write over what is before it.
-    alignas(64) std::atomic<uint64_t> head_ = 0;   // written by who puts
-    uint64_t seen_first_ = 0;                      // of who puts: what first_ was at least
+    // it; whoever sees first_ may write over what is before it. Who takes looks at origin_ only
+    // where there are messages, and it changes only while there are none.
+    alignas(64) std::atomic<uint64_t> head_ = 0;  // written by who puts
+    uint64_t origin_ = 0;  // of who puts: a position at the start of the memory
     alignas(64) std::atomic<uint64_t> first_ = 0;  // written by who takes
     uint64_t next_ = 0;
 };

@@ -88,11 +88,25 @@ TEST(MessageRing, AMessageDoesNotLieAcrossTheEnd) {
 }
 
 TEST(MessageRing, TheUnusedEndMayBeOneWord) {
-    message_ring ring(256);
-    ASSERT_TRUE(put(ring, std::string(200, 'a')));  // 248 bytes
+    message_ring ring(320);
+    ASSERT_TRUE(put(ring, std::string(24, 'a')));   // 72 bytes
+    ASSERT_TRUE(put(ring, std::string(192, 'b')));  // 240 more, so 8 are left
     take(ring);
-    ASSERT_TRUE(put(ring, "b"));
-    EXPECT_EQ(text_of(ring.waiting()), "b");
+    ASSERT_TRUE(put(ring, "c"));
+    take(ring);
+    EXPECT_EQ(text_of(ring.waiting()), "c");
+}
+
+TEST(MessageRing, AnEmptyOneTakesAMessageOfItsWholeSize) {
+    message_ring ring(256);
+    for (const char* text : {"a", "b"}) {
+        ASSERT_TRUE(put(ring, text));
+        take(ring);
+        ASSERT_TRUE(put(ring, std::string(208, 'x')));
+        EXPECT_FALSE(put(ring, ""));
+        EXPECT_EQ(text_of(ring.waiting()), std::string(208, 'x'));
+        take(ring);
+    }
 }
 
 TEST(MessageRing, HeldMessagesKeepTheirRoomUntilTheyEnd) {
