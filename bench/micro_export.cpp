@@ -11,6 +11,7 @@
 #include "bench/workload.h"
 #include "kestrelexp/builtin.h"
 #include "kestrelexp/getter.h"
+#include "tests/support/source_tree.h"
 
 namespace {
 
@@ -28,7 +29,7 @@ uint16_t open_sink() {
 }
 
 void run_exporter(benchmark::State& state, export_init_function* init,
-                  export_export_function* export_record, const char* more) {
+                  export_export_function* export_record, const std::string& more) {
     std::string params = "host=127.0.0.1,ip=4,port=" + std::to_string(open_sink()) + more;
     void* instance = init(params.data(), getter_base_init());
     bench::mixed_flows flows;
@@ -43,21 +44,21 @@ BENCHMARK(export_nf5);
 
 void export_nf9(benchmark::State& state) {
     run_exporter(state, exporter_nf9_init, exporter_nf9_export,
-                 ",template-file=" KESTREL_SOURCE_DIR "/etc/nf9-template.txt");
+                 ",template-file=" + kestrel_test::in_source_tree("etc/nf9-template.txt"));
 }
 BENCHMARK(export_nf9);
 
 void export_ipfix(benchmark::State& state) {
     run_exporter(state, exporter_ipfix_init, exporter_ipfix_export,
-                 ",template_file=" KESTREL_SOURCE_DIR "/etc/ipfix-template.txt");
+                 ",template_file=" + kestrel_test::in_source_tree("etc/ipfix-template.txt"));
 }
 BENCHMARK(export_ipfix);
 
 // What the record loop has to do with it: the kernel's part is the worker's.
 void export_ipfix_background(benchmark::State& state) {
     run_exporter(state, exporter_ipfix_init, exporter_ipfix_export,
-                 ",reconnect=background,template_file=" KESTREL_SOURCE_DIR
-                 "/etc/ipfix-template.txt");
+                 ",reconnect=background,template_file=" +
+                     kestrel_test::in_source_tree("etc/ipfix-template.txt"));
 }
 BENCHMARK(export_ipfix_background);
 

@@ -1,5 +1,5 @@
-// What a line of JSON costs the record loop: records of three kinds and many lengths, by style, and the
-// Community ID alone, which is part of that of ECS.
+// What a line of JSON costs the record loop: records of three kinds and many lengths, by style, and
+// the Community ID alone, which is part of that of ECS.
 
 #include <benchmark/benchmark.h>
 

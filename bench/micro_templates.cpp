@@ -10,12 +10,13 @@
 #include "kestrelexp/getter.h"
 #include "kestrelexp/service.h"
 #include "kestrelexp/template.h"
+#include "tests/support/source_tree.h"
 
 namespace {
 
 template_collection* shipped_templates() {
     static template_collection* made = [] {
-        char** lines = read_config(KESTREL_SOURCE_DIR "/etc/ipfix-template.txt");
+        char** lines = read_config(kestrel_test::in_source_tree("etc/ipfix-template.txt").c_str());
         if (!lines)
             abort();
         return exporter_template_init(exporter_template_convert_config(lines), static_field_ipfix,

@@ -9,6 +9,7 @@
 
 #include "export/template_exporter.h"
 #include "tests/support/export_fixture.h"
+#include "tests/support/source_tree.h"
 
 namespace {
 
@@ -26,7 +27,7 @@ class ShippedTemplates : public kestrel_test::export_fixture {
     // Loaded by a probe without any optional block, silently.
     template_collection* load(const template_protocol& protocol) {
         std::string path =
-            KESTREL_SOURCE_DIR "/etc/" + std::string(protocol.default_file).substr(13);
+            kestrel_test::in_source_tree("etc/" + std::string(protocol.default_file).substr(13));
         template_exporter exporter = {.protocol = &protocol};
         exporter.template_file = path.data();
         EXPECT_EQ("", messages_of([&] { load_templates(exporter, table_); }));
@@ -69,7 +70,7 @@ class ShippedTemplates : public kestrel_test::export_fixture {
     // The file with every line that is switched off in force: its '#' and nothing else is taken
     // away.
     std::string with_examples(const char* name) {
-        std::ifstream file(std::string(KESTREL_SOURCE_DIR "/etc/") + name);
+        std::ifstream file(kestrel_test::in_source_tree("etc/" + std::string(name)));
         std::string text;
         for (std::string line; std::getline(file, line); text += line + "\n")
             if (line.size() > 1 && line[0] == '#' && line[1] != ' ')
@@ -165,7 +166,7 @@ TEST_F(ShippedTemplates, VlanLinesEndAProbeWithoutTheBlock) {
 
 std::string page() {
     std::ostringstream text;
-    text << std::ifstream(KESTREL_SOURCE_DIR "/docs/templates.md").rdbuf();
+    text << std::ifstream(kestrel_test::in_source_tree("docs/templates.md")).rdbuf();
     return text.str();
 }
 

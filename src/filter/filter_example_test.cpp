@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/filter_fixture.h"
+#include "tests/support/source_tree.h"
 
 namespace {
 
@@ -16,7 +17,7 @@ class FilterExample : public testing::Test {
 
   private:
     kestrel::filter_owner rules_ =
-        kestrel::filter_load(KESTREL_SOURCE_DIR "/etc/filter-example.txt");
+        kestrel::filter_load(kestrel_test::in_source_tree("etc/filter-example.txt").c_str());
 };
 
 flow_record with_ports(const char* source, const char* destination, uint16_t from, uint16_t to) {

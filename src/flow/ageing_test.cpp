@@ -13,6 +13,7 @@
 #include "flow/flow_cache_update.h"
 #include "flow/flush_request.h"
 #include "tests/support/queue_fixture.h"
+#include "tests/support/source_tree.h"
 
 namespace {
 
@@ -384,7 +385,7 @@ TEST_F(Remover, OperationsPageExplainsEveryColumn) {
     for (std::string name; std::getline(names >> std::ws, name, ',');)
         expected += name + "\n";
 
-    std::ifstream page(KESTREL_SOURCE_DIR "/docs/operations.md");
+    std::ifstream page(kestrel_test::in_source_tree("docs/operations.md"));
     std::string on_page;
     bool in_table = false;
     for (std::string line; std::getline(page, line);) {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tests/model/parser_check.h"
+#include "tests/support/source_tree.h"
 
 namespace {
 
@@ -119,7 +120,8 @@ frames read_capture(const std::string& path) {
 class Capture : public testing::TestWithParam<capture> {};
 
 TEST_P(Capture, ParsesAsTheModelSays) {
-    const frames all = read_capture(std::string(KESTREL_TEST_DATA "/captures/") + GetParam().name);
+    const frames all = read_capture(
+        kestrel_test::in_source_tree("tests/data/captures/" + std::string(GetParam().name)));
     ASSERT_EQ(GetParam().frames, all.size());
     check_settings settings;
     settings.blocks = block_vlan | block_mpls | block_mac;
