@@ -111,19 +111,25 @@ bool file_output::open(uint64_t time_s) {
     return true;
 }
 
-// The file gets its name, which says that nothing more comes.
+void file_output::give_name() {
+    if (name_ != last_name_)
+        last_number_ = 0;
+    last_name_ = name_;
+    if (const int error = take_name(path_, name_, suffix_, last_number_); error != 0)
+        say_fault(path_, error);
+}
+
+// The file gets its name, which says that nothing more comes. One into which nothing could be
+// written has none.
 void file_output::complete() {
     if (descriptor_ < 0)
         return;
     (void)fdatasync(descriptor_);  // who cannot have it on the disk has it in a file
-    if (settings_.is_aside()) {
-        if (name_ != last_name_)
-            last_number_ = 0;
-        last_name_ = name_;
-        if (const int error = take_name(path_, name_, suffix_, last_number_); error != 0)
-            say_fault(path_, error);
-    }
-    (void)close(descriptor_);  // with its lock; all was written
+    if (settings_.is_aside() && size_ > 0)
+        give_name();
+    else if (settings_.is_aside())
+        (void)unlink(path_.c_str());  // if it cannot go, the next start finds it
+    (void)close(descriptor_);         // with its lock; all was written
     descriptor_ = -1;
 }
 

@@ -36,6 +36,7 @@ class file_output {
     enum class opening { done, failed, left_alone };
     opening open_path(const std::string& path);
     std::string path_of(uint32_t number) const;
+    void give_name();
     void complete();
     void take_up_what_was_left();
     void reopen_when_moved();

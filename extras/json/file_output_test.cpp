@@ -2,7 +2,9 @@
 #include "file_output.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -17,6 +19,21 @@ using namespace json_export;
 
 constexpr uint64_t noon_s = 1'599'998'400;  // 2020-09-13 12:00:00 UTC
 constexpr uint64_t hour_s = 3600;
+
+// As on a full disk, but with another error.
+class no_room_in_files {
+  public:
+    no_room_in_files() {
+        (void)signal(SIGXFSZ, SIG_IGN);
+        (void)getrlimit(RLIMIT_FSIZE, &before_);
+        const rlimit none = {0, before_.rlim_max};
+        (void)setrlimit(RLIMIT_FSIZE, &none);
+    }
+    ~no_room_in_files() { (void)setrlimit(RLIMIT_FSIZE, &before_); }
+
+  private:
+    rlimit before_{};
+};
 
 class FileOutput : public testing::Test {
   protected:
@@ -62,6 +79,25 @@ TEST_F(FileOutput, FollowsAClockThatIsSetBack) {
         files(),
         (std::map<std::string, std::string>{
             {"12.json", "a\nb\n"}, {"13.json", "c\n"}, {"07.json", "d\n"}, {"08.json", "e\n"}}));
+}
+
+TEST_F(FileOutput, GivesNoNameToAFileThatNothingCouldBeWrittenInto) {
+    file_settings wanted;
+    wanted.pattern = directory / "%H.json";
+    wanted.rotate_s = hour_s;
+    wanted.longest_message = 100;
+    file_output output(wanted, account);
+    deliver(output, noon_s, "a\n");
+    std::string late = "b\n";
+    const outlet_message message = {late.data(), 2, 1, 1, (noon_s + hour_s) * 1'000'000'000, 0};
+    {
+        const no_room_in_files no_room;
+        EXPECT_EQ(output.deliver(message), OUTLET_LATER);
+    }
+    EXPECT_EQ(files(),
+              (std::map<std::string, std::string>{{"12.json", "a\n"}, {"13.json.part", ""}}));
+    output.end();
+    EXPECT_EQ(files(), (std::map<std::string, std::string>{{"12.json", "a\n"}}));
 }
 
 }  // namespace
