@@ -120,10 +120,22 @@ bool stream_output::open() {
 
 void stream_output::say_broken(int error) {
     account_.set_up(false);
-    if (!is_outage_said_)
+    if (!is_outage_said_ && is_failing_)
+        verbose_msg(-1, "json: %s: %s, trying again", path_.c_str(), strerrordesc_np(error));
+    else if (!is_outage_said_)
         verbose_msg(-1, "json: nobody reads %s (%s)%s", path_.c_str(), strerrordesc_np(error),
                     is_over_ ? "" : ", trying again");
     is_outage_said_ = true;
+}
+
+void stream_output::note_success() {
+    if (is_failing_) {
+        verbose_msg(0, "json: %s is written", path_.c_str());
+        account_.set_up(true);
+        is_outage_said_ = false;
+        is_failing_ = false;
+    }
+    account_.note_success();
 }
 
 bool stream_output::tend(bool, outlet_wait& wait) {
@@ -131,9 +143,9 @@ bool stream_output::tend(bool, outlet_wait& wait) {
         wait.timeout_ms = -1;
         return true;
     }
-    if (descriptor_ < 0) {
+    if (descriptor_ < 0 || is_failing_) {
         const uint64_t now_ns = uptime_ns();
-        if (now_ns < retry_ns_ || !open()) {
+        if (now_ns < retry_ns_ || (descriptor_ < 0 && !open())) {
             wait.timeout_ms =
                 static_cast<int32_t>(now_ns < retry_ns_ ? (retry_ns_ - now_ns) / ns_per_ms + 1 : 1);
             return false;
@@ -155,14 +167,17 @@ outlet_answer stream_output::follow_error(outlet_message& message, int error) {
         return OUTLET_LATER;
     }
     is_over_ = kind_ == output_kind::standard && error == EPIPE;
+    is_failing_ = kind_ == output_kind::standard && !is_over_;
     say_broken(error);
     if (is_over_)
         return OUTLET_REFUSE;
-    if (descriptor_ != STDOUT_FILENO)
-        (void)close(descriptor_);  // what was written is the reader's
+    if (is_failing_) {
+        retry_ns_ = uptime_ns() + retry_ns;
+        return OUTLET_LATER;  // and goes on where it was
+    }
+    (void)close(descriptor_);  // what was written is the reader's
     descriptor_ = -1;
-    if (kind_ != output_kind::standard)  // which goes on where it was
-        message.mark = start_of_line(message, message.mark);
+    message.mark = start_of_line(message, message.mark);
     return OUTLET_LATER;
 }
 
@@ -184,7 +199,7 @@ outlet_answer stream_output::deliver(outlet_message& message) {
         is_full_ = true;
         return OUTLET_LATER;
     }
-    account_.note_success();
+    note_success();
     return OUTLET_DONE;
 }
 

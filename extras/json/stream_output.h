@@ -31,6 +31,7 @@ class stream_output {
   private:
     bool open();
     void say_broken(int error);
+    void note_success();
     outlet_answer follow_error(outlet_message& message, int error);
 
     output_kind kind_;
@@ -38,8 +39,9 @@ class stream_output {
     output_account& account_;
     int descriptor_ = -1;
     bool is_socket_ = false;
-    bool is_full_ = false;  // until the descriptor can be written to again
-    bool is_over_ = false;  // standard output, which nobody can open anew
+    bool is_full_ = false;     // until the descriptor can be written to again
+    bool is_over_ = false;     // standard output, which nobody can open anew
+    bool is_failing_ = false;  // standard output, which is a file on a full disk, say
     bool has_been_open_ = false;
     bool is_outage_said_ = false;
     uint64_t retry_ns_ = 0;  // uptime

@@ -215,6 +215,22 @@ class JsonOutputs(BackgroundCase):
         self.stop_in_order(probe)
         self.check_read(probe, path.read_bytes(), 1, 2)
 
+    def test_a_full_disk_under_standard_output_is_said_once(self):
+        path = self.directory() / "flows.json"
+        with open(path, "wb") as output:
+            probe = self.probe(
+                *self.export("file=-"), source=SMALL, stdout=output, restore_signals=False,
+                preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE,
+                                                      (100_000, resource.RLIM_INFINITY)))
+        self.send(1, 2)
+        probe.wait_for_line("json: standard output: File too large, trying again")
+        resource.prlimit(probe.pid, resource.RLIMIT_FSIZE,
+                         (resource.RLIM_INFINITY, resource.RLIM_INFINITY))
+        probe.wait_for_line("json: standard output is written")
+        self.stop_in_order(probe)
+        self.assertEqual(sum("json: standard output" in line for line in probe.lines), 2)
+        self.check_read(probe, path.read_bytes(), 1, 2)
+
     def test_a_file_that_is_moved_away_is_made_anew(self):
         path = self.directory() / "flows.json"
         probe = self.probe(*self.export(f"file={path}"), source=SMALL)
