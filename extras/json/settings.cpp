@@ -3,6 +3,7 @@
 
 #include <kestrelexp/service.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -77,6 +78,24 @@ bool is_fifo(const char* path) {
     return stat(path, &status) == 0 && S_ISFIFO(status.st_mode);
 }
 
+// Other files than this one are not written under the plain name.
+bool is_no_directory(const file_settings& wanted) {
+    const bool is_plain = !wanted.is_aside() && wanted.packing == compression::none;
+    struct stat status;
+    if (!is_plain || stat(wanted.pattern.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
+        return true;
+    verbose_msg(-1, "json: %s is a directory", wanted.pattern.c_str());
+    return false;
+}
+
+bool fits_an_address(const std::string& path) {
+    constexpr size_t most = sizeof(sockaddr_un::sun_path) - 1;
+    if (path.size() <= most)
+        return true;
+    verbose_msg(-1, "json: the name of a socket has %lu bytes at most", most);
+    return false;
+}
+
 // What the words of the command line name.
 struct output_words {
     char* file = nullptr;
@@ -108,9 +127,11 @@ bool choose_output(const output_words& words, settings& wanted) {
         wanted.output = is_fifo(words.file) ? output_kind::fifo : output_kind::file;
     wanted.path = words.socket != nullptr ? words.socket : words.file;
     wanted.file.pattern = wanted.path;
+    if (wanted.output == output_kind::socket && !fits_an_address(wanted.path))
+        return false;
     return wanted.output == output_kind::file
                ? has_plain_conversions(wanted.file.pattern) &&
-                     is_writable_directory(wanted.file.pattern)
+                     is_writable_directory(wanted.file.pattern) && is_no_directory(wanted.file)
                : choose_stream(wanted.output, wanted.path.c_str(), wanted);
 }
 

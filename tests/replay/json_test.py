@@ -304,7 +304,9 @@ class Json(ReplayCase):
                 ("file=%-H.json", "json: %- in the name of a file is none of the conversions "
                                   "that are taken"),
                 ("file=/no/such/a", "json: no file can be made in /no/such: "
-                                    "No such file or directory")):
+                                    "No such file or directory"),
+                ("file=/tmp", "json: /tmp is a directory"),
+                ("socket=/" + 107 * "a", "json: the name of a socket has 107 bytes at most")):
             with self.subTest(options=options):
                 lines = self.refused(path, *PLUGIN, "-E", f"json:{options}")
                 self.assertIn(words, lines)
