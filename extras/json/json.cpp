@@ -55,10 +55,17 @@ struct exporter {
     uint64_t period_ns = 0;  // of files that are made by time; 0: of none
 };
 
-size_t message_bytes(const settings& wanted) {
+size_t most_message_bytes(const settings& wanted) {
     if (wanted.output != output_kind::file)
         return stream_output::whole_message(wanted.output);
     return wanted.file.packing == compression::none ? file_message_bytes : packed_message_bytes;
+}
+
+// A message goes into one file as a whole, so it is not longer than a file may be.
+size_t message_bytes(const settings& wanted) {
+    const uint64_t file_bytes = wanted.file.rotate_bytes;
+    const size_t most = most_message_bytes(wanted);
+    return file_bytes == 0 ? most : std::min<size_t>(most, file_bytes);
 }
 
 // All lives as long as the program.
@@ -86,7 +93,8 @@ exporter* start(char* params, const getter* getters) {
     self->message_bytes = message_bytes(wanted);
     self->period_ns = wanted.file.rotate_s * ns_per_second;
     const size_t longest_line = self->encoder->longest() + 1;
-    wanted.file.longest_message = std::max(self->message_bytes, longest_line);
+    // What a run with other parameters tore may be longer than messages of this one.
+    wanted.file.longest_message = std::max(most_message_bytes(wanted), longest_line);
     self->lines.resize(self->message_bytes + longest_line);
     const outlet_owner owner = open_output(wanted);
     self->queue.open(owner, std::max<uint64_t>(wanted.queue_bytes, 4 * longest_line),

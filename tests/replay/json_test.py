@@ -231,6 +231,14 @@ class Json(ReplayCase):
             self.assertLessEqual(path.stat().st_size, 100 * 1024)
         self.check_sum(probe)
 
+    def test_no_file_is_larger_than_a_size_of_a_few_lines(self):
+        found, probe = self.files(pcap(packets(*((0, port) for port in range(1, 21)))),
+                                  "flows.json,rotate-size=2")
+        self.assertEqual(sorted(sum(found.values(), [])), list(range(1, 21)))
+        for path in (self.directory / "files").iterdir():
+            self.assertLessEqual(path.stat().st_size, 2 * 1024)
+        self.check_sum(probe)
+
     def test_compressed_files_are_read_by_everybody(self):
         for option, suffix in (("gzip", ".gz"), ("zstd", ".zst")):
             with self.subTest(compression=option):
