@@ -102,9 +102,15 @@ bool set_file(rd_kafka_conf_t* conf, const std::string& path, std::string& fault
     return false;
 }
 
-bool is_set(const rd_kafka_conf_t* conf, const char* name) {
+// Commas alone name none.
+bool has_broker(const rd_kafka_conf_t* conf) {
+    constexpr const char* name = "bootstrap.servers";
     size_t size = 0;
-    return rd_kafka_conf_get(conf, name, nullptr, &size) == RD_KAFKA_CONF_OK && size > 1;
+    if (rd_kafka_conf_get(conf, name, nullptr, &size) != RD_KAFKA_CONF_OK)
+        return false;
+    std::string brokers(size, '\0');  // with the zero at its end
+    return rd_kafka_conf_get(conf, name, brokers.data(), &size) == RD_KAFKA_CONF_OK &&
+           brokers.find_first_not_of(std::string_view(", \0", 3)) != std::string::npos;
 }
 
 }  // namespace
@@ -119,7 +125,7 @@ conf_pointer make_configuration(const settings& wanted, std::string& fault) {
     if (!wanted.brokers.empty() &&
         !set_property(conf.get(), "bootstrap.servers", wanted.brokers, fault))
         return nullptr;
-    if (!is_set(conf.get(), "bootstrap.servers")) {
+    if (!has_broker(conf.get())) {
         fault = "brokers=HOST:PORT is missing";
         return nullptr;
     }

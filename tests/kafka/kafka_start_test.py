@@ -19,7 +19,9 @@ class Start(QuietCase):
         return found[0]
 
     def test_a_start_without_brokers_ends(self):
-        self.assertEqual(self.words("topic=flows"), "kafka: brokers=HOST:PORT is missing")
+        for parameters in ("topic=flows", "brokers=##"):
+            with self.subTest(parameters=parameters):
+                self.assertEqual(self.words(parameters), "kafka: brokers=HOST:PORT is missing")
 
     def test_a_property_that_is_not_known_ends_it_with_its_line(self):
         properties = self.directory() / "properties"
