@@ -6,21 +6,73 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
+#include <iterator>
 
 namespace json_export {
 namespace {
 
 constexpr uint32_t numbers_limit = 1'000'000;
-// Of a letter each, without a '/' in what they make.
-constexpr std::string_view plain_conversions = "%aAbBcCdeFgGhHIjklmMpPrRsSTuUVwWXyYzZ";
+// Of a letter each, without a '/' in what they make. shape: what that looks like, as of glob(7).
+struct conversion {
+    char letter;
+    std::string_view shape;
+};
+constexpr std::string_view two_digits = "[0-9][0-9]";
+constexpr std::string_view four_digits = "[0-9][0-9][0-9][0-9]";
+constexpr conversion conversions[] = {
+    {'%', "%"},
+    {'a', "*"},
+    {'A', "*"},
+    {'b', "*"},
+    {'B', "*"},
+    {'c', "*"},
+    {'C', two_digits},
+    {'d', two_digits},
+    {'e', "[ 0-9][0-9]"},
+    {'F', "[0-9][0-9][0-9][0-9]-[0-9][0-9]-[0-9][0-9]"},
+    {'g', two_digits},
+    {'G', four_digits},
+    {'h', "*"},
+    {'H', two_digits},
+    {'I', two_digits},
+    {'j', "[0-9][0-9][0-9]"},
+    {'k', "[ 0-9][0-9]"},
+    {'l', "[ 0-9][0-9]"},
+    {'m', two_digits},
+    {'M', two_digits},
+    {'p', "*"},
+    {'P', "*"},
+    {'r', "*"},
+    {'R', "[0-9][0-9]:[0-9][0-9]"},
+    {'s', "[0-9]*"},
+    {'S', two_digits},
+    {'T', "[0-9][0-9]:[0-9][0-9]:[0-9][0-9]"},
+    {'u', "[0-9]"},
+    {'U', two_digits},
+    {'V', two_digits},
+    {'w', "[0-9]"},
+    {'W', two_digits},
+    {'X', "*"},
+    {'y', two_digits},
+    {'Y', four_digits},
+    {'z', "*"},
+    {'Z', "*"},
+};
 constexpr mode_t directory_mode = 0755;
 
 std::string without(const std::string& text, std::string_view suffix) {
     return text.ends_with(suffix) ? text.substr(0, text.size() - suffix.size()) : text;
+}
+
+// Null for a letter that is none of a conversion.
+const conversion* conversion_of(char letter) {
+    const auto* const found = std::ranges::find(conversions, letter, &conversion::letter);
+    return found != std::end(conversions) ? found : nullptr;
 }
 
 // Renames where no file has the name.
@@ -39,7 +91,7 @@ int rename_anew(const std::string& from, const std::string& to) {
 
 std::string odd_conversion(const std::string& pattern) {
     for (size_t n = pattern.find('%'); n != pattern.npos; n = pattern.find('%', n + 2))
-        if (n + 1 == pattern.size() || plain_conversions.find(pattern[n + 1]) == pattern.npos)
+        if (n + 1 == pattern.size() || conversion_of(pattern[n + 1]) == nullptr)
             return pattern.substr(n, 2);
     return {};
 }
@@ -85,8 +137,8 @@ std::vector<std::string> asides_of(const std::string& pattern, std::string_view 
     const std::string plain = without(pattern, suffix);
     for (size_t n = 0; n < plain.size(); ++n) {
         if (plain[n] == '%' && n + 1 < plain.size()) {
-            ++n;
-            wanted += plain[n] == '%' ? '%' : '*';
+            const conversion* const known = conversion_of(plain[++n]);
+            wanted += known != nullptr ? known->shape : "*";
             continue;
         }
         if (std::string_view("*?[\\").find(plain[n]) != std::string_view::npos)

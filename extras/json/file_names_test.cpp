@@ -106,4 +106,25 @@ TEST_F(FileNames, FilesThatWereLeftAreFoundByTheirPattern) {
     EXPECT_EQ(asides_of(path("none-%Y.json"), ""), std::vector<std::string>{});
 }
 
+TEST_F(FileNames, FilesThatNoTimeNamesAreNotThoseThatWereLeft) {
+    const std::string own = make("2020-09-13 120000.json.part");
+    make("video.json.part");
+    make("2020-09-13 12000.json.part");
+    make("2020-09-13 12000x.json.part");
+    EXPECT_EQ(asides_of(path("%F %H%M%S.json"), ""), std::vector<std::string>{own});
+}
+
+// 2020-09-03 09:05:07 UTC, a Thursday; and hours and days of one digit and of two.
+TEST_F(FileNames, WhatEachConversionMakesIsFoundAgain) {
+    for (const uint64_t time_s : {1'599'123'907, 1'600'000'000})
+        for (const char letter : std::string_view("%aAbBcCdeFgGhHIjklmMpPrRsSTuUVwWXyYzZ")) {
+            const std::string pattern =
+                path((std::string("conversion-%") + letter + ".json").c_str());
+            const std::string left = name_at(pattern, "", time_s) + ".part";
+            std::ofstream(left) << "x";
+            EXPECT_EQ(asides_of(pattern, ""), std::vector<std::string>{left}) << letter;
+            fs::remove(left);
+        }
+}
+
 }  // namespace
