@@ -251,14 +251,14 @@ struct step_writer {
         set_key(last, std::string(text));
     }
 
-    uint8_t test_of(const getter& field) {
+    uint16_t test_of(const getter& field) {
         if (field.valid == record_valid_ok)
             return no_test;
         const auto known =
             std::find_if(plan.tests.begin(), plan.tests.end(), [&](const validity_test& test) {
                 return test.valid == field.valid && test.context == field.context;
             });
-        const auto place = static_cast<uint8_t>(known - plan.tests.begin());
+        const auto place = static_cast<uint16_t>(known - plan.tests.begin());
         if (known == plan.tests.end())
             plan.tests.push_back({field.valid, field.context, false});
         return place;

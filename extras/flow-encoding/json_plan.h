@@ -26,7 +26,7 @@ enum class origin : uint8_t {
 // Short texts are copied in whole pieces of this size, so there is that much room after each.
 inline constexpr size_t key_piece = 32;
 
-constexpr uint8_t no_test = 0xFF;
+constexpr uint16_t no_test = UINT16_MAX;
 
 struct subject;
 struct step;
@@ -37,14 +37,14 @@ struct step {
     put_function* put = nullptr;     // writes a member, or opens or closes an object or array
     const bool* is_valid = nullptr;  // of the record; of what its test says, or always
     origin source = origin::constant;
-    uint8_t form = 0;        // enum field_form
-    uint8_t test = no_test;  // of the values' validity; none: always valid
-    uint8_t depth = 0;       // of what is opened or closed
-    char end = 0;            // of what is closed: '}' or ']'
-    bool is_kept = false;    // what is closed: even without members
-    uint16_t advance = 1;    // steps to go on by after this one, when it has written
-    uint16_t offset = 0;     // of a number in the base of the record
-    uint16_t width = 0;      // of that number; 0: the field's getter gives it
+    uint8_t form = 0;         // enum field_form
+    uint8_t depth = 0;        // of what is opened or closed
+    char end = 0;             // of what is closed: '}' or ']'
+    bool is_kept = false;     // what is closed: even without members
+    uint16_t test = no_test;  // of the values' validity; none: always valid
+    uint16_t advance = 1;     // steps to go on by after this one, when it has written
+    uint16_t offset = 0;      // of a number in the base of the record
+    uint16_t width = 0;       // of that number; 0: the field's getter gives it
     uint16_t key_length = 0;
     uint32_t length = 0;        // of the field, bytes
     const char* key = nullptr;  // the member's name and ':', and a bracket or a constant
