@@ -8,6 +8,8 @@ namespace kestrel {
 
 inline constexpr int interrupt_signals[] = {SIGINT, SIGQUIT, SIGTERM};
 inline constexpr int handled_signals[] = {SIGINT, SIGQUIT, SIGTERM, SIGALRM};
+// Who writes is told by an error as well: a reader is gone, a file is as large as it may be.
+inline constexpr int ignored_signals[] = {SIGPIPE, SIGXFSZ};
 
 inline sigset_t handled_signal_set() {
     sigset_t set;

@@ -117,7 +117,8 @@ void signal_handler(int signal) {
         kestrel::on_alarm();
 
     alarm(kestrel::alarm_period_s);
-    (void)::signal(SIGPIPE, SIG_IGN);  // signal() fails for bad numbers only
+    for (const int ignored : kestrel::ignored_signals)
+        (void)::signal(ignored, SIG_IGN);  // signal() fails for bad numbers only
     for (const int handled : kestrel::handled_signals)
         (void)::signal(handled, signal_handler);
     errno = interrupted_errno;

@@ -28,7 +28,7 @@ struct Signals : testing::Test {
     void TearDown() override {
         SetUp();
         alarm(0);
-        for (const int number : {SIGINT, SIGQUIT, SIGTERM, SIGALRM, SIGPIPE})
+        for (const int number : {SIGINT, SIGQUIT, SIGTERM, SIGALRM, SIGPIPE, SIGXFSZ})
             signal(number, SIG_DFL);
     }
 
@@ -50,6 +50,11 @@ TEST_F(Signals, TheFirstCallArmsTheAlarmAndChangesNoFlag) {
 TEST_F(Signals, ABrokenPipeIsIgnored) {
     signal_handler(0);
     EXPECT_EQ(signal(SIGPIPE, SIG_DFL), SIG_IGN);
+}
+
+TEST_F(Signals, AFileThatMayNotGrowIsIgnored) {
+    signal_handler(0);
+    EXPECT_EQ(signal(SIGXFSZ, SIG_DFL), SIG_IGN);
 }
 
 TEST_F(Signals, TheFirstInterruptAsksForAFlushAndTheEnd) {

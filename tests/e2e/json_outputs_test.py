@@ -204,7 +204,7 @@ class JsonOutputs(BackgroundCase):
     def test_a_full_disk_is_said_and_what_waits_is_written_later(self):
         path = self.directory() / "flows.json"
         probe = self.probe(
-            *self.export(f"file={path}"), source=SMALL, restore_signals=False,
+            *self.export(f"file={path}"), source=SMALL,
             preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE,
                                                   (100_000, resource.RLIM_INFINITY)))
         self.send(1, 2)
