@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include "base/log.h"
 #include "export/backoff.h"
@@ -60,7 +61,7 @@ bool collector_connection::tend(outlet* queue, bool is_closing, outlet_wait& wai
         state_until_ns_ = now_ns_;  // the collector may be back
     is_closing_ = is_closing;
     if (state_ == state::resting && now_ns_ >= state_until_ns_)
-        try_family(queue, 0, name_unknown);
+        try_family(queue, first_family_, name_unknown);
     if (state_ == state::connecting)
         await_connect(queue, wait);
     if (state_ == state::proving)
@@ -96,6 +97,10 @@ void collector_connection::try_family(outlet* queue, unsigned position, int faul
         state_ = state::connecting;
         family_ = position;
         state_until_ns_ = now_ns_ + connect_limit_ns;
+        return;
+    }
+    if (std::exchange(first_family_, 0) != 0) {  // there was nobody to begin with
+        try_family(queue, 0, fault);
         return;
     }
     now_ns_ = network_.now_ns();
@@ -366,6 +371,9 @@ void collector_connection::fail(outlet* queue, int fault, bool is_answer) {
         failures_ = 0;
     const uint64_t pause_ns = backoff_ns(failures_, network_.random());
     failures_ += 1;
+    // Only now it is known that nobody listens at this address: UDP always connects.
+    first_family_ =
+        state_ == state::proving && family_at(to_.ip, family_ + 1) != 0 ? family_ + 1 : 0;
     state_ = state::resting;
     state_until_ns_ = now_ns_ + (is_closing_ ? std::min(pause_ns, last_pause_ns) : pause_ns);
     part_ = 0;

@@ -106,6 +106,7 @@ class collector_connection {
     uint64_t now_ns_ = 0;          // of the call of tend
     uint64_t state_until_ns_ = 0;  // resting, connecting, proving: how long
     unsigned family_ = 0;          // position of the one that is tried
+    unsigned first_family_ = 0;    // position that the next attempt begins with
     unsigned failures_ = 0;        // in a row
     bool is_closing_ = false;
     bool was_up_ = false;        // ever

@@ -25,6 +25,34 @@ TEST_F(Datagrams, AClosedPortIsFoundByTheTemplates) {
     EXPECT_EQ(count(OUTLET_SENT), 1U);
 }
 
+TEST_F(Datagrams, WhoIsRefusedTriesTheOtherFamilyNext) {
+    to_.ip = 46;
+    net_.refuses = true;
+    run_for(3.5);
+    EXPECT_EQ(net_.families, (std::vector<int>{AF_INET, AF_INET6, AF_INET}));
+}
+
+TEST_F(Datagrams, ANameWithoutTheOtherFamilyIsTriedAgainAtOnce) {
+    to_.ip = 64;
+    net_.missing_family = AF_INET;
+    net_.refuses = true;
+    offer("one");
+    run_for(0.5);
+    net_.refuses = false;
+    run_for(1);
+    EXPECT_EQ(net_.families, (std::vector<int>{AF_INET6, AF_INET, AF_INET6}));
+    EXPECT_EQ(net_.stream, "templates.one");
+}
+
+TEST_F(Datagrams, AnOutageLaterBeginsWithTheFirstFamily) {
+    to_.ip = 46;
+    come_up();
+    net_.look_fault = ECONNREFUSED;
+    run_for(2);
+    EXPECT_TRUE(connection_->is_up());
+    EXPECT_EQ(net_.families, (std::vector<int>{AF_INET, AF_INET}));
+}
+
 TEST_F(Datagrams, TheOneBeforeARefusalIsLostAndTheNextOneIsSentAgain) {
     come_up();
     offer("one");

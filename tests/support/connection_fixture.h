@@ -24,6 +24,7 @@ class fake_network final : public collector_network {
     uint64_t time_ns = 1000 * ns_per_second;
     uint64_t look_up_ns = 0;  // what looking a name up takes
     int start_fault = no_fault;
+    int missing_family = 0;        // of which the name has no address
     int connect_fault = no_fault;  // EINPROGRESS: nobody answers
     int look_fault = no_fault;     // of the next look alone, where it is not sticky
     bool is_sticky = false;
@@ -48,6 +49,8 @@ class fake_network final : public collector_network {
         families.push_back(family);
         attempts.push_back(time_ns);
         time_ns += look_up_ns;
+        if (family == missing_family)
+            return name_unknown;
         if (start_fault != no_fault)
             return start_fault;
         ++open_sockets;
