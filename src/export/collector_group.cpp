@@ -104,6 +104,12 @@ collector_list read_collectors(const char* params) {
     return list;
 }
 
+void check_alone(const char* name, const char* params) {
+    const collector_items items = read_items(params);
+    if (items.has_group || items.hosts.find('#') != std::string::npos)
+        die(exit_config, "%s has one collector: give each an export of its own", name);
+}
+
 collector_group* open_collectors(const collector_kind& kind, char* params, getter* getters) {
     collector_list list = read_collectors(params);
     auto* const group = make_lifelong<collector_group>(kind, list.how);

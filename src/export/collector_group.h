@@ -39,6 +39,9 @@ struct collector_list {
 // Settings that make no sense end the program (status 255). params may be NULL.
 collector_list read_collectors(const char* params);
 
+// For an export that has no groups: parameters that ask for one end the program (status 255).
+void check_alone(const char* name, const char* params);
+
 // Chooses among count collectors for the flow with this identity (record/flow_identity.h); is_up
 // tells of each position. While none is up, each flow stays with the collector that is its own.
 // A collector that goes moves its flows to the others, and no other flow; it has them back when it

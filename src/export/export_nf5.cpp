@@ -12,6 +12,7 @@
 #include "base/memory.h"
 #include "base/wire.h"
 #include "export/background.h"
+#include "export/collector_group.h"
 #include "export/header_clock.h"
 #include "export/net.h"
 #include "export/send_account.h"
@@ -234,6 +235,7 @@ const struct plugin_description* exporter_nf5_desc(void) {
 }
 
 void* exporter_nf5_init(char* params, struct getter* getters) {
+    check_alone(description.name, params);
     auto* self = make_lifelong<nf5_exporter>();
     const auto background = self->background.rows();
     const config_setting settings[] = {

@@ -204,6 +204,10 @@ class CollectorGroups(E2eCase):
                 ("netflow-v9:host=a#b,group=both,reconnect=background",
                  "Unknown group: both (there are parallel, load-balancing and fallback)"),
                 ("ipfix:host=a#b,group=parallel", "group goes with reconnect=background"),
+                ("netflow-v5:host=a#b,group=parallel,reconnect=background",
+                 "netflow-v5 has one collector: give each an export of its own"),
+                ("netflow-v5:host=a#b,reconnect=background",
+                 "netflow-v5 has one collector: give each an export of its own"),
                 ("ipfix:host=a,group=parallel,reconnect=background",
                  "group goes with several collectors, as in host=a#b")):
             with self.subTest(words=words):
