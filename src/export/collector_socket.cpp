@@ -46,6 +46,21 @@ int pending_error(int descriptor) {
     return getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &error, &size) == 0 ? error : errno;
 }
 
+// Whether the socket is connected to itself. A port that nobody listens at may be the very one that
+// the system gives a socket on this machine, which then takes what it sends, and keeps the port
+// from the collector.
+bool is_own_peer(int descriptor, const socket_address& peer) {
+    socket_address own = {};
+    socklen_t size = sizeof own;
+    if (getsockname(descriptor, &own.any, &size) != 0 || own.any.sa_family != peer.any.sa_family)
+        return false;
+    if (own.any.sa_family == AF_INET)
+        return own.ipv4.sin_port == peer.ipv4.sin_port &&
+               own.ipv4.sin_addr.s_addr == peer.ipv4.sin_addr.s_addr;
+    return own.ipv6.sin6_port == peer.ipv6.sin6_port &&
+           IN6_ARE_ADDR_EQUAL(&own.ipv6.sin6_addr, &peer.ipv6.sin6_addr);
+}
+
 }  // namespace
 
 bool resolve(const char* host, uint16_t port, int family, socket_address* address) {
@@ -116,11 +131,12 @@ int collector_socket::start(const collector& to, int family) {
     if (to.protocol == IPPROTO_TCP)
         for (const socket_option& row : tcp_options)  // without one an outage is noticed later
             (void)setsockopt(socket_, row.level, row.name, &row.value, sizeof row.value);
-    if (connect(socket_, &address.any, address.size()) == 0 || errno == EINPROGRESS)
-        return no_fault;
-    const int error = errno;
-    close(false);
-    return error;
+    const bool is_begun =
+        connect(socket_, &address.any, address.size()) == 0 || errno == EINPROGRESS;
+    const int fault = !is_begun ? errno : is_own_peer(socket_, address) ? ECONNREFUSED : no_fault;
+    if (fault != no_fault)
+        close(true);
+    return fault;
 }
 
 int collector_socket::connected() {

@@ -6,6 +6,7 @@ import signal
 import socket
 import threading
 import time
+from pathlib import Path
 
 from testbed import namespaces
 from testbed.accounts import LOST, SENT
@@ -16,6 +17,7 @@ from testbed.netflow_v5 import V5Reader
 from testbed.network import received_frames
 from testbed.probe import ipfix, netflow_v5, netflow_v9
 from testbed.process import SLOWNESS, wait_until
+from testbed.returning_collector import ReturningCollector
 
 
 class ClosingCollector:
@@ -260,6 +262,25 @@ class Background(BackgroundCase):
             run_command(f"mount --bind {folder / name} /etc/{name}")
             self.addCleanup(run_command, f"umount /etc/{name}")
         return folder / "hosts"
+
+    def test_a_probe_does_not_take_itself_for_its_collector(self):
+        # Each socket gets the port that it connects to, as long as there is no other.
+        ports = Path("/proc/sys/net/ipv4/ip_local_port_range")
+        ports.write_text("40000 40000", encoding="ascii")
+        probe = self.probe(*ipfix(40000, TCP), *netflow_v9(40000, BACKGROUND), source=SMALL)
+        for name in ("ipfix", "netflow-v9"):
+            probe.wait_for_line(f"Export {name} to 127.0.0.1 port 40000: no collector "
+                                "(Connection refused), trying again (1 times)")
+        ports.write_text("40002 40100", encoding="ascii")
+        self.sender.send(*flows(1))
+        collector = self.stream(port=40000)
+        datagrams = ReturningCollector(port=40000)
+        self.addCleanup(datagrams.close)
+        for name in ("ipfix", "netflow-v9"):
+            probe.wait_for_line(f"Export {name} to 127.0.0.1 port 40000: connected after ")
+        self.stop_in_order(probe, collector, datagrams)
+        self.sum_of(probe, SOME)
+        self.assertEqual([collector.packets, self.packets_in(datagrams.datagrams)], [SOME, SOME])
 
     def test_a_name_that_comes_and_changes_is_followed(self):
         hosts = self.own_etc("127.0.0.1 localhost\n", "")
