@@ -5,6 +5,7 @@
 #include <poll.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <vector>
 
 #include "flow/ring.h"
@@ -17,7 +18,8 @@ class ring_group {
     explicit ring_group(std::vector<temporal_storage*> rings);
 
     // storage_get over all rings: the next slot of any, valid until the next call; null when none
-    // came in time. timeout_ms: -1 waits for ever.
+    // came in time. timeout_ms: -1 waits for ever. Each ring is looked at that often at least,
+    // however busy the others are.
     void* get(int timeout_ms) {
         if (rings_[current_]->consumer.available > 0) [[likely]]
             return storage_get(*rings_[current_], 0);
@@ -29,10 +31,11 @@ class ring_group {
 
   private:
     void* next(int timeout_ms);
-    void* look_around();
+    bool is_due(size_t ring, int timeout_ms, uint64_t now_ns) const;
 
     std::vector<temporal_storage*> rings_;
-    std::vector<pollfd> waits_;  // one for each ring
+    std::vector<pollfd> waits_;           // one for each ring
+    std::vector<uint64_t> looked_at_ns_;  // uptime, of each ring
     size_t current_ = 0;
 };
 
