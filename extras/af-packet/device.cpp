@@ -258,6 +258,25 @@ bool device::bind_again(const link_sight& sight) {
     return fault == ring_fault::none;
 }
 
+bool device::has_mtu_grown() {
+    const auto sight = look_at_link(name());
+    if (!sight || sight->mtu <= limits().mtu)
+        return false;
+    mtu_.store(sight->mtu, std::memory_order_relaxed);
+    return true;
+}
+
+// What is said once has to be true, so the MTU is asked for once more before that; later the looks
+// of lane 0 are enough.
+bool device::are_joined() {
+    if (is_joined_said_.load(std::memory_order_relaxed))
+        return true;
+    if (has_mtu_grown())
+        return false;
+    say_joined();
+    return true;
+}
+
 void device::close_ring(uint32_t lane) {
     delete slots_[lane].load(std::memory_order_relaxed);
     slots_[lane].store(nullptr, std::memory_order_release);

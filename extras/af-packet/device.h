@@ -52,7 +52,9 @@ class device {
     // Whether the lane is to drain its ring and then to close it.
     bool wants_rings_back() const { return wants_rings_back_.load(std::memory_order_acquire); }
     void close_ring(uint32_t lane);
-    void say_joined();
+    // Whether frames longer than limits() are segments that were joined; says so once. They are
+    // not when the MTU was raised meanwhile.
+    bool are_joined();
 
     // On lane 0. has_error: the socket has just told of one.
     void watch(uint64_t now_ns, bool has_error);
@@ -81,7 +83,9 @@ class device {
     void try_again(const link_sight& sight);
     bool bind_again(const link_sight& sight);
     void count_card(const link_sight& sight);
+    bool has_mtu_grown();
     void say_change(const char* what);
+    void say_joined();
     void say_fault(ring_fault fault);
     void say_fault(const char* joint, const std::string& text);
     uint64_t period_ns() const;

@@ -99,10 +99,8 @@ uint32_t lane::take_what_is_there(input_frame* frames, uint32_t limit) {
             continue;
         uint64_t joined = 0;
         count += from->take(frames + count, limit - count, at.of->limits(), joined);
-        if (joined > 0) [[unlikely]] {
+        if (joined > 0 && at.of->are_joined()) [[unlikely]]
             metric_add(at.joined, joined);
-            at.of->say_joined();
-        }
     }
     return count;
 }

@@ -163,6 +163,19 @@ class Frames(AfPacketCase):
             Flow(A, B, 6, 2, 80, ACK, 0, 1, 5040, index, 0): 1,
             Flow(A, B, 17, 1000, 53, 0, 0, 2, 3000, index, 0): 1})
 
+    # Not under the address sanitizer: nothing of it touches a frame.
+    def test_frames_after_the_mtu_was_raised_are_not_joined(self):
+        probe = self.start()
+        for mtu in range(2000, 9001, 500):
+            for end in (SENDER, PROBED):
+                ip(f"link set {end} mtu {mtu}")
+            self.sender.send(ethernet(packet(1000, bytes(mtu - 28))))
+        found = self.sums(probe)
+        self.assert_flows(self.receiver.flows, {
+            Flow(A, B, 17, 1000, 53, 0, 0, 15, 82_500, index_of(PROBED), 0): 1})
+        self.assertEqual(found.total(JOINED), 0)
+        self.assertEqual([line for line in probe.lines if "ethtool" in line], [])
+
 
 class Direction(AfPacketCase):
     # Not under the address sanitizer: it is the kernel that chooses and tells.
