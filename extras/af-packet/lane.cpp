@@ -139,8 +139,7 @@ void lane::wait() {
     (void)poll(waits_.data(), waits_.size(), pause > 0 ? 0 : wait_ms);
     take_errors();
     for (port& at : ports_)
-        if (at.of->wants_rings_back())
-            close_if_drained(at);
+        close_if_wanted(at);
 }
 
 // An error stays until it is taken, and poll does not wait meanwhile.
@@ -155,9 +154,11 @@ void lane::take_errors() {
     }
 }
 
-void lane::close_if_drained(port& at) {
+// The ring is looked at before the wish: a new one comes after the wish has ended, and must not be
+// taken for the one that is to go.
+void lane::close_if_wanted(port& at) {
     packet_ring* const from = ring(at);
-    if (!from)
+    if (!from || !at.of->wants_rings_back())
         return;
     from->count();
     if (from->unread() > 0)

@@ -43,7 +43,7 @@ class lane {
     void wait();
     uint64_t gathering_ns();
     void take_errors();
-    void close_if_drained(port& at);
+    void close_if_wanted(port& at);
     void count_port(port& at, input_counts& counts);
     void count_device(port& at, input_counts& counts);
 
