@@ -112,10 +112,15 @@ ring_fault device::open_ring(packet_ring& ring, const link_sight& sight) {
     return fault;
 }
 
+// Numbers have 16 bits: 0 comes after the last one.
+int device::wanted_group() const {
+    return (plan_.wanted.group + static_cast<int>(position_)) & UINT16_MAX;
+}
+
 bool device::join(packet_ring& ring) {
     int group = group_;
     if (group == packet_ring::new_group && plan_.wanted.group >= 0)
-        group = (plan_.wanted.group + static_cast<int>(position_)) & UINT16_MAX;
+        group = wanted_group();
     const int joined = ring.join(group);
     if (joined >= 0)
         group_ = joined;
@@ -320,13 +325,12 @@ void device::say_fault(ring_fault fault) {
             return say_fault(": ", "a ring of " + std::to_string(mebibytes(wanted.ring_bytes)) +
                                        " MiB does not fit into memory");
         case ring_fault::no_group:
-            return say_fault(": ",
-                             "fanout group " +
-                                 (wanted.group >= 0 ? std::to_string(wanted.group + position_) + " "
-                                                    : std::string()) +
-                                 "cannot be joined: " + reason +
-                                 ". All its members have to be on one device and share its "
-                                 "frames by flow hash");
+            return say_fault(": ", "fanout group " +
+                                       (wanted.group >= 0 ? std::to_string(wanted_group()) + " "
+                                                          : std::string()) +
+                                       "cannot be joined: " + reason +
+                                       ". All its members have to be on one device and share its "
+                                       "frames by flow hash");
         case ring_fault::no_program:
             return say_fault(": ", "the kernel refuses the expression: " + reason);
         case ring_fault::other:

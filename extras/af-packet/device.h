@@ -74,6 +74,7 @@ class device {
 
     bool open_rings(uint32_t first_lane, const link_sight& sight);
     ring_fault open_ring(packet_ring& ring, const link_sight& sight);
+    int wanted_group() const;
     bool join(packet_ring& ring);
     bool make_program(const link_sight& sight, filter_program& program);
     bool is_drained() const;

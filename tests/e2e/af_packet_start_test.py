@@ -100,6 +100,12 @@ class Refusals(AfPacketCase):
                      "members have to be on one device and share its frames by flow hash",
                      device="kb", options=",fanout=8,lanes=2")
 
+    def test_the_group_after_the_last_number_is_the_first_one(self):
+        self.member("lo", 0, ROUND_ROBIN)
+        self.refused("Device lo: fanout group 0 cannot be joined: Invalid argument. All its "
+                     "members have to be on one device and share its frames by flow hash",
+                     device="kb#lo", options=",fanout=65535")
+
     def test_an_unbelievable_sampling_is_doubted_and_used(self):
         probe = self.start_plain(options=",sampling=1001")
         self.stop_in_order(probe)
