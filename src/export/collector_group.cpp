@@ -106,7 +106,7 @@ collector_list read_collectors(const char* params) {
 
 void check_alone(const char* name, const char* params) {
     const collector_items items = read_items(params);
-    if (items.has_group || items.hosts.find('#') != std::string::npos)
+    if (items.is_background && (items.has_group || items.hosts.find('#') != std::string::npos))
         die(exit_config, "%s has one collector: give each an export of its own", name);
 }
 

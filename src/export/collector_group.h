@@ -39,7 +39,8 @@ struct collector_list {
 // Settings that make no sense end the program (status 255). params may be NULL.
 collector_list read_collectors(const char* params);
 
-// For an export that has no groups: parameters that ask for one end the program (status 255).
+// For an export that has no groups: parameters that ask for one in the background end the program
+// (status 255). Without reconnect=background the word means nothing, and a host is a name.
 void check_alone(const char* name, const char* params);
 
 // Chooses among count collectors for the flow with this identity (record/flow_identity.h); is_up
