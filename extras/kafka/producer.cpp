@@ -91,6 +91,8 @@ bool producer::open(std::string& fault) {
         fault = words;
         return false;
     }
+    // Where log.queue= keeps its lines, nobody else takes them; elsewhere it refuses.
+    (void)rd_kafka_set_log_queue(client_, nullptr);
     topic_ = rd_kafka_topic_new(client_, topic_name_.c_str(), nullptr);
     if (topic_ == nullptr) {
         fault = rd_kafka_err2str(rd_kafka_last_error());
