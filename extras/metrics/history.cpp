@@ -11,6 +11,15 @@ double rate(uint64_t before, uint64_t now, double seconds) {
 
 }  // namespace
 
+// Samples keep their distance to now, whatever the clock says.
+void history::follow_clock_back(double time, double seconds) {
+    if (samples_.empty() || time > samples_.back().time)
+        return;
+    const double step = time - seconds - samples_.back().time;
+    for (history_sample& one : samples_)
+        one.time += step;
+}
+
 void history::add(const counter_reading& reading, double seconds) {
     if (!last_) {
         last_ = reading;
@@ -18,6 +27,7 @@ void history::add(const counter_reading& reading, double seconds) {
     }
     if (seconds <= 0)
         return;
+    follow_clock_back(reading.time, seconds);
     samples_.push_back({
         .time = reading.time,
         .packets_per_second = rate(last_->packets, reading.packets, seconds),

@@ -36,10 +36,12 @@ class history {
     // and neither does one at the time of the last.
     void add(const counter_reading& reading, double seconds);
 
-    // Oldest first.
+    // Oldest first, by time: when the clock is set back, all samples go with it.
     const std::deque<history_sample>& samples() const { return samples_; }
 
   private:
+    void follow_clock_back(double time, double seconds);
+
     std::optional<counter_reading> last_;
     std::deque<history_sample> samples_;
 };

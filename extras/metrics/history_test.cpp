@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <vector>
+
 namespace {
 
 using metrics::counter_reading;
@@ -39,6 +41,29 @@ TEST(History, NoTimeGivesNoSampleAndLosesNothing) {
     past.add({101, 80, 0, 0, 0, 0}, 1);
     ASSERT_EQ(past.samples().size(), 1U);
     EXPECT_EQ(past.samples()[0].packets_per_second, 80);
+}
+
+TEST(History, AClockThatIsSetBackTakesAllSamplesWithIt) {
+    history past;
+    for (const double time : {100, 101, 102, 103})
+        past.add({time, 0, 0, 0, 0, 0}, 1);
+    past.add({44, 0, 0, 0, 0, 0}, 1);  // 60 s back
+    past.add({45, 0, 0, 0, 0, 0}, 1);
+    std::vector<double> times;
+    for (const metrics::history_sample& one : past.samples())
+        times.push_back(one.time);
+    EXPECT_EQ(times, (std::vector<double>{41, 42, 43, 44, 45}));
+}
+
+TEST(History, AClockThatIsSetForwardLeavesAGap) {
+    history past;
+    past.add({100, 0, 0, 0, 0, 0}, 0);
+    past.add({101, 0, 0, 0, 0, 0}, 1);
+    past.add({162, 60, 0, 0, 0, 0}, 1);
+    ASSERT_EQ(past.samples().size(), 2U);
+    EXPECT_EQ(past.samples()[0].time, 101);
+    EXPECT_EQ(past.samples()[1].time, 162);
+    EXPECT_EQ(past.samples()[1].packets_per_second, 60);
 }
 
 TEST(History, ACounterThatSeemsToGoBackIsNoRate) {

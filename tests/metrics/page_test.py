@@ -16,6 +16,7 @@ from browser import DESK, PHONE, Browser
 from web import DOWN, PORT, MetricsCase, scrape, summary
 from testbed.frames import ACK, arp_request, ethernet, ipv4, ipv6, tcp, udp
 from testbed.network import FrameSender
+from testbed.preload import preloaded
 from testbed.probe import netflow_v5
 from testbed.process import wait_until
 
@@ -133,6 +134,21 @@ class Numbers(PageCase):
         self.assertEqual(own[0], "metrics-1 this page")
         self.assertEqual(self.browser.rows("#brokers"), [["7 of down-0", "up", "12.3 ms"],
                                                          ["8 of down-0", "down", "–"]])
+
+    def test_the_charts_go_on_when_the_clock_is_set_back(self):
+        ahead = self.directory() / "ahead"
+        ahead.touch()
+        self.watched_probe(env=preloaded(os.environ["KESTREL_JUMPING_CLOCK"], JUMPING_CLOCK=ahead))
+        self.browser.open()
+        self.browser.wait_for_updates(2)
+        self.assertEqual(self.browser.text("#now-packets"), "0")
+        ahead.unlink()
+        self.keep_sending(itertools.repeat([frame(n) for n in range(20)]), 0.1)
+        wait_until(lambda: self.browser.text("#now-packets") not in ("0", "–"),
+                   "the page to show samples from after that")
+        times = summary()["history"]["time"]
+        self.assertEqual(times, sorted(times))
+        self.assertLess(times[-1], time.time() + 10)
 
     def test_a_probe_that_has_ended_is_said(self):
         probe = self.watched_probe()

@@ -234,6 +234,8 @@ function showCharts(summary) {
 }
 
 function show(summary) {
+  // The probe's clock was set back: its next answer has all samples again, with times to match.
+  if (history.length && summary.time < history.at(-1).time) history.length = 0;
   remember(summary.history);
   showState(summary);
   showNow(summary);
