@@ -23,6 +23,7 @@ KX_API plugin_desc_function input_rawnetcap_desc;
 KX_API input_init_function input_rawnetcap_init;
 KX_API input_sampling_function input_rawnetcap_sampling;
 KX_API packet_function input_rawnetcap_packet;
+KX_API input_counters_function input_rawnetcap_counters;
 
 KX_API plugin_desc_function exporter_null_desc;
 KX_API export_init_function exporter_null_init;

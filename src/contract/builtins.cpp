@@ -68,6 +68,7 @@ constexpr plugin_operations export_offer(plugin_desc_function* desc, export_tend
 
 constexpr plugin_operations builtin_operations[] = {
     input_offer(input_pcap_desc, input_pcap_counters, input_pcap_interfaces),
+    input_offer(input_rawnetcap_desc, input_rawnetcap_counters, nullptr),
     export_offer(exporter_nf9_desc, exporter_nf9_tend),
     export_offer(exporter_ipfix_desc, exporter_ipfix_tend),
 };

@@ -8,6 +8,7 @@
 
 #include "base/clock.h"
 #include "base/log.h"
+#include "input/rawnetcap.h"
 #include "input/sampling.h"
 #include "kestrelexp/builtin.h"
 #include "kestrelexp/rawnetcap.h"
@@ -95,4 +96,9 @@ const uint8_t* input_rawnetcap_packet(void* instance, packet_header* header) {
     header->input_interface = record->input_interface;
     header->output_interface = 0;
     return reinterpret_cast<const uint8_t*>(record + 1);
+}
+
+// The module keeps to itself how many frames it loses.
+void input_rawnetcap_counters(void* instance, uint32_t, input_counts* counts) {
+    counts->is_up = static_cast<const rawnetcap_input*>(instance)->capture->can_read ? 1 : 0;
 }

@@ -120,6 +120,55 @@ TEST(InputRawnetcap, FillsTheHeaderFromTheRecord) {
     EXPECT_EQ(nullptr, input_rawnetcap_packet(input, &header));
 }
 
+bool is_up(void* input) {
+    input_counts counts{};
+    counts.is_up = 1;
+    input_rawnetcap_counters(input, 0, &counts);
+    return counts.is_up == 1;
+}
+
+TEST(InputRawnetcap, IsDownOnceTheCaptureHasEnded) {
+    rawnetcap_module module({{"LIE", "1:65535"}});
+    module.capture({"one", "two"});
+    void* input = init("device=eth0");
+    packet_header header{};
+    ASSERT_NE(nullptr, input_rawnetcap_packet(input, &header));
+    EXPECT_TRUE(is_up(input));
+    CaptureStderr();
+    EXPECT_EQ(nullptr, input_rawnetcap_packet(input, &header));
+    EXPECT_NE("", GetCapturedStderr());
+    EXPECT_FALSE(is_up(input));
+    EXPECT_EQ(nullptr, input_rawnetcap_packet(input, &header));
+    EXPECT_FALSE(is_up(input));
+}
+
+TEST(InputRawnetcap, IsDownWhileRecordsCannotBeAskedFor) {
+    for (const char* answers : {"ff42=-1,poll=1", "ff42=0,poll=-1", "ff42=0,poll=8"}) {  // POLLERR
+        rawnetcap_module module({{"ANSWERS", answers}});
+        void* input = init("device=eth0");
+        packet_header header{};
+        EXPECT_TRUE(is_up(input)) << answers;
+        CaptureStderr();
+        EXPECT_EQ(nullptr, input_rawnetcap_packet(input, &header));
+        EXPECT_EQ("RAWNETCAP: Unable to get records\n", GetCapturedStderr()) << answers;
+        EXPECT_FALSE(is_up(input)) << answers;
+    }
+}
+
+TEST(InputRawnetcap, IsUpAgainWithTheNextFrame) {
+    rawnetcap_module module({{"BATCH", "1"}, {"IDLE", "2"}, {"ANSWERS", "poll=8"}});  // POLLERR
+    module.capture({"one", "two"});
+    void* input = init("device=eth0");
+    packet_header header{};
+    ASSERT_NE(nullptr, input_rawnetcap_packet(input, &header));
+    CaptureStderr();
+    EXPECT_EQ(nullptr, input_rawnetcap_packet(input, &header));
+    EXPECT_NE("", GetCapturedStderr());
+    EXPECT_FALSE(is_up(input));
+    ASSERT_NE(nullptr, input_rawnetcap_packet(input, &header));
+    EXPECT_TRUE(is_up(input));
+}
+
 TEST(InputRawnetcap, KeepsNanosecondsBelowASecond) {
     rawnetcap_module module({{"TIME", "4294967295:4294967295"}});
     module.capture({"a frame"});

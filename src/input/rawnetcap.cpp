@@ -149,9 +149,12 @@ void note_error(rawnetcap_context& device) {
     if (ready > 0) {
         device.records_left = static_cast<uint64_t>(ready);
         device.failing = false;
+        device.can_read = true;
         return true;
     }
-    if (ready < 0 || polled < 0 || (device.readable.revents & (POLLERR | POLLHUP | POLLNVAL)) != 0)
+    device.can_read = ready == 0 && polled >= 0 &&
+                      (device.readable.revents & (POLLERR | POLLHUP | POLLNVAL)) == 0;
+    if (!device.can_read)
         note_error(device);
     return false;
 }
@@ -160,6 +163,7 @@ void note_error(rawnetcap_context& device) {
 [[gnu::noinline]] const rawnetcap_record* give_up(rawnetcap_context& device) {
     fault("record at offset %lu runs past the ring, capture ended", device.read_offset);
     release(device);
+    device.can_read = false;
     return nullptr;
 }
 

@@ -38,5 +38,6 @@ struct rawnetcap_context {
     uint64_t records_left = 0;    // of the batch that the module has announced
     uint8_t touched = 0;          // sum of all bytes of the ring, for the sake of reading them
     kestrel::message_limit fault_limit;
-    bool failing = false;  // the last attempt to get records met an error, which has been reported
+    bool failing = false;  // an error was reported, and no record has come since
+    bool can_read = true;  // the last attempt to get records met no error
 };

@@ -1,5 +1,5 @@
-/* The wall clock of a program that has this preloaded: a day ahead while the file that JUMPING_CLOCK
- * names exists. */
+/* The wall clock of a program that has this preloaded: a day ahead while the file that
+ * JUMPING_CLOCK names exists. */
 #include <stdlib.h>
 #include <sys/syscall.h>
 #include <sys/time.h>

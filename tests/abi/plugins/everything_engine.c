@@ -228,6 +228,9 @@ static void check_rawnetcap(void) {
     CHECK(input_rawnetcap_sampling(input) == 3);
     CHECK(input_rawnetcap_packet(input, &header) != NULL);
     CHECK(input_rawnetcap_packet(input, &header) != NULL);
+    struct input_counts counts = {0};
+    input_rawnetcap_counters(input, 0, &counts);
+    CHECK(counts.is_up == 1 && counts.ring_dropped_packets == 0);
     CHECK(header.captured_length == 60 && header.wire_length == 60);
     CHECK(header.input_interface == 2 && header.output_interface == 0);
 
