@@ -68,14 +68,17 @@ void service_notify_start() {
         the_manager.watchdog_ns = number(watchdog_us) * ns_per_us;
 }
 
-void service_notify(const char* assignments) {
+bool service_notify(const char* assignments) {
     if (the_manager.descriptor < 0)
-        return;
+        return true;
     const int kept = errno;
-    (void)sendto(the_manager.descriptor, assignments, std::strlen(assignments),
-                 MSG_DONTWAIT | MSG_NOSIGNAL,
-                 reinterpret_cast<const sockaddr*>(&the_manager.address), the_manager.address_size);
+    const bool has_room =
+        sendto(the_manager.descriptor, assignments, std::strlen(assignments),
+               MSG_DONTWAIT | MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&the_manager.address),
+               the_manager.address_size) >= 0 ||
+        errno != EAGAIN;
     errno = kept;
+    return has_room;
 }
 
 uint64_t service_watchdog_ns() {

@@ -11,9 +11,9 @@ namespace kestrel {
 // them. Main thread, before a plugin is loaded and before a fork.
 void service_notify_start();
 
-// Sends an assignment, or several in lines. Any thread, also in a signal handler; never waits. What
-// the manager does not take is lost, as it is for everybody.
-void service_notify(const char* assignments);
+// Sends an assignment, or several in lines. Any thread, also in a signal handler; never waits.
+// Returns false when the manager has no room for it: it is lost, and may be sent again.
+bool service_notify(const char* assignments);
 
 // How often the manager wants a sign of life, at least (ns); 0: it does not.
 uint64_t service_watchdog_ns();

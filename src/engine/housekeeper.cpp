@@ -28,7 +28,8 @@ struct house {
     std::vector<temporal_storage*> final_records;
     loss_report losses;
     service_watch watch;
-    uint64_t beats = 0;  // of the record loop, at the round before
+    bool owes_ready = false;  // the manager had no room for the word
+    uint64_t beats = 0;       // of the record loop, at the round before
 };
 
 bool is_remover_held_up(const flow_queue& queue, uint64_t now_ns) {
@@ -57,20 +58,22 @@ bool have_readers_shown(const flow_switch& first) {
     return true;
 }
 
+// Until the manager takes it, since it may wait for that for ever.
+void say_ready(house& self) {
+    char text[96];
+    (void)snprintf(text, sizeof text, "READY=1\nMAINPID=%i\nSTATUS=Taking frames, exporting flows",
+                   getpid());
+    self.owes_ready = !service_notify(text);
+}
+
 void tell_manager(house& self) {
     const bool has_reader_shown = have_readers_shown(self.sw);
-    switch (self.watch.round(has_reader_shown, has_record_loop_shown(self), system_uptime_ns())) {
-        case service_word::none:
-            return;
-        case service_word::is_ready: {
-            char text[96];
-            (void)snprintf(text, sizeof text,
-                           "READY=1\nMAINPID=%i\nSTATUS=Taking frames, exporting flows", getpid());
-            return service_notify(text);
-        }
-        case service_word::is_alive:
-            return service_notify("WATCHDOG=1");
-    }
+    const service_word word =
+        self.watch.round(has_reader_shown, has_record_loop_shown(self), system_uptime_ns());
+    if (word == service_word::is_ready || self.owes_ready)
+        say_ready(self);
+    else if (word == service_word::is_alive)
+        (void)service_notify("WATCHDOG=1");  // one is missed, the next is in time
 }
 
 void do_round(house& self) {

@@ -56,7 +56,8 @@ void on_interrupt() {
     stop_engine();
     exit_requested.store(1, std::memory_order_relaxed);
     request_stop();
-    service_notify("STOPPING=1\nSTATUS=Interrupted: sending the last flows");
+    // The manager learns of the end in any case.
+    (void)service_notify("STOPPING=1\nSTATUS=Interrupted: sending the last flows");
 }
 
 void on_clock_jump() {

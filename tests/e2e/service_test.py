@@ -63,6 +63,17 @@ class Service(E2eCase):
         self.stop_in_order(probe, collector)
         self.assertEqual(sum(collector.flows.values()), 1)
 
+    def test_a_manager_that_falls_behind_is_told_later(self):
+        manager = self.manager()
+        manager.fall_behind()
+        probe = self.service(manager, "-E", "null")
+        settle(1)  # it has had its say, in vain
+        while (message := manager.message()) == {"X_OTHER": "1"}:
+            pass
+        self.assertEqual(message, {"READY": "1", "MAINPID": str(probe.pid),
+                                   "STATUS": READY_STATUS})
+        self.assertEqual(manager.messages(0.6), [])
+
     def test_a_name_in_the_abstract_space_will_do(self):
         manager = self.manager(f"@kestrel-test-{os.getpid()}")
         probe = self.service(manager, "-E", "null")
