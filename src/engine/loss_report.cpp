@@ -44,7 +44,8 @@ uint64_t loss_report::growth_of(const metric_sample& sample) {
 }
 
 void loss_report::look_at(const metric_sample& sample, uint64_t elapsed_s) {
-    if (!is_loss(sample))
+    // Most never count anything, and are to take no place.
+    if (sample.value == 0 || !is_loss(sample))
         return;
     if (const uint64_t packets = growth_of(sample); packets > 0)
         verbose_msg(0, "Packets lost in the last %lu s: %lu, %s{%s}", elapsed_s, packets,

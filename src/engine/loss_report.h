@@ -30,7 +30,7 @@ class loss_report {
     uint64_t growth_of(const metric_sample& sample);
 
     uint64_t last_ns_;
-    std::array<seen, 128> seen_{};  // counters beyond these are left out
+    std::array<seen, 128> seen_{};  // of those above 0; more are left out
 };
 
 }  // namespace kestrel

@@ -53,6 +53,20 @@ TEST_F(LossReport, SaysOneLineInTenSecondsForEachCounterThatHasGrown) {
     EXPECT_EQ("", said_at(1050));
 }
 
+TEST_F(LossReport, CountersWithoutLossesTakeNoPlace) {
+    metric_cell* last = nullptr;
+    for (int number = 0; number < 300; ++number) {
+        const std::string labels = "export=\"many-" + std::to_string(number) + "\",reason=\"send\"";
+        last = cell("kestrelexp_export_lost_packets_total", labels.c_str());
+    }
+    (void)said_at(1010);
+    metric_add(last, 7);
+    EXPECT_EQ(
+        "VERBOSE: 0:Packets lost in the last 10 s: 7, "
+        "kestrelexp_export_lost_packets_total{export=\"many-299\",reason=\"send\"}\n",
+        said_at(1020));
+}
+
 TEST_F(LossReport, WhatTheOperatorLeavesOutIsNoLoss) {
     (void)said_at(1010);
     metric_add(cell("kestrelexp_export_lost_packets_total", "export=\"w-0\",reason=\"filter\""), 3);
