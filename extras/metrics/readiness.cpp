@@ -20,6 +20,9 @@ constexpr part_row part_rows[] = {
 
 std::vector<missing_part> missing_parts(const reading_list& list) {
     std::vector<missing_part> found;
+    // The program tells what it is once all exports are there; one may wait for its collector.
+    if (!sum_of(list, names::build_info))
+        found.push_back({"program", "kestrelexp", "it is starting"});
     for (const part_row& row : part_rows)
         for (const reading& one : list)
             if (one.name == row.metric && one.value != 1)

@@ -1,4 +1,4 @@
-// Whether the probe does its work: frames can be taken, and every export is up.
+// Whether the probe does its work: it has started, frames can be taken, and every export is up.
 #pragma once
 
 #include <string>
@@ -9,12 +9,12 @@
 namespace metrics {
 
 struct missing_part {
-    std::string kind;    // "input" or "export"
-    std::string name;    // the value of that label
+    std::string kind;    // "program", "input" or "export"
+    std::string name;    // of the last two, the value of that label
     std::string reason;  // for people
 };
 
-// Empty: ready. What the program does not count is taken as well.
+// Empty: ready. What the input or an export does not count is taken as well.
 std::vector<missing_part> missing_parts(const reading_list& list);
 
 }  // namespace metrics

@@ -116,7 +116,8 @@ TEST(Exposition, WritesLargeCountersInWhole) {
 }
 
 TEST(Readiness, NamesWhatIsNotUp) {
-    const reading_list list{gauge("kestrelexp_capture_up", {{"input", "pcap"}}, 0),
+    const reading_list list{gauge("kestrelexp_build_info", {{"version", "1"}}, 1),
+                            gauge("kestrelexp_capture_up", {{"input", "pcap"}}, 0),
                             gauge("kestrelexp_export_up", {{"export", "ipfix-0"}}, 1),
                             gauge("kestrelexp_export_up", {{"export", "netflow-v5-1"}}, 0)};
     const std::vector<metrics::missing_part> missing = metrics::missing_parts(list);
@@ -128,7 +129,17 @@ TEST(Readiness, NamesWhatIsNotUp) {
 }
 
 TEST(Readiness, AsksForNothingThatIsNotCounted) {
-    EXPECT_TRUE(metrics::missing_parts({counted("a_total", {}, 0)}).empty());
+    EXPECT_TRUE(metrics::missing_parts({gauge("kestrelexp_build_info", {{"version", "1"}}, 1),
+                                        counted("a_total", {}, 0)})
+                    .empty());
+}
+
+TEST(Readiness, WaitsForTheProgramToStart) {
+    const std::vector<metrics::missing_part> missing =
+        metrics::missing_parts({gauge("kestrelexp_capture_up", {{"input", "pcap"}}, 1)});
+    ASSERT_EQ(missing.size(), 1U);
+    EXPECT_EQ(missing[0].kind, "program");
+    EXPECT_EQ(missing[0].name, "kestrelexp");
 }
 
 TEST(Losses, AreToldFromWhatWasAskedFor) {

@@ -297,8 +297,10 @@ void serve_request_to_count(flow_switch& sw) {
 [[gnu::noinline]] bool serve_requests(flow_switch& sw) {
     const uint32_t requests = count_what_is_undelivered(sw);
     const bool is_last = (requests & close_input) != 0;
-    if (is_last)
+    if (is_last) {
+        sw.counters.set_down();
         sw.is_closed.store(true, std::memory_order_release);
+    }
     return !is_last;
 }
 

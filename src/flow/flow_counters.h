@@ -76,6 +76,8 @@ class input_counters {
     void add_discarded(flow_key result) const;
     // What the input tells of frames that it did not deliver; after expect_counts.
     void take(const input_counts& now);
+    // No frames are taken any more.
+    void set_down() const { state_.set(input_state_metric::is_up, 0); }
 
   private:
     counter_block<capture_metric> capture_;

@@ -1,15 +1,16 @@
 """What the metrics plugin tells: metrics, the summary, readiness."""
 
 import json
+import signal
 import subprocess
 import time
 import unittest
 
-from web import DOWN, MetricsCase, ask, scrape, summary
+from web import DOWN, PLUGIN, MetricsCase, ask, scrape, summary
 from testbed.accounts import Sum
 from testbed.frames import arp_request, ethernet, ipv4, ipv6, tcp, udp
-from testbed.network import free_udp_port
-from testbed.probe import netflow_v5
+from testbed.network import PROBED, SENDER, free_udp_port, ip
+from testbed.probe import ipfix, netflow_v5
 from testbed.process import wait_until
 
 A, B, C, D = "10.0.0.1", "10.0.0.2", "2001:db8::1", "2001:db8::2"
@@ -164,6 +165,28 @@ class Readiness(MetricsCase):
         status, _, body = ask("/readyz")
         self.assertEqual((status, json.loads(body)), (200, {"ready": True, "not_ready": []}))
         self.assertEqual(ask("/healthz")[2], b"ok\n")
+
+    def test_a_probe_that_starts_is_not_ready(self):
+        ip(f"addr add 192.0.2.1/24 dev {SENDER}")  # nobody there answers
+        probe = self.start_program("-v", "0", "-X", PLUGIN, "-I", f"pcap:device={PROBED}", "-E",
+                                   "metrics:", *ipfix(4739, ",host=192.0.2.2,protocol=tcp"))
+        probe.wait_for_line("Export: metrics OK")
+        status, _, body = ask("/readyz")
+        self.assertEqual((status, json.loads(body)), (503, {"ready": False, "not_ready": [
+            {"kind": "program", "name": "kestrelexp", "reason": "it is starting"}]}))
+        self.assertEqual(ask("/healthz")[0], 200)
+
+    # Not under the address sanitizer: it waits for a drain.
+    def test_a_probe_that_sends_its_last_flows_is_not_ready(self):
+        probe = self.watched_probe(*ipfix(1, ",protocol=tcp,reconnect=background,drain=600"))
+        self.sender.send(v4(1000))
+        self.wait_for_packets(1)
+        probe.signal(signal.SIGINT)
+        wait_until(lambda: {"kind": "input", "name": "pcap", "reason": "no frames can be taken"}
+                   in summary()["not_ready"], "an input that is closed")
+        self.assertEqual(ask("/readyz")[0], 503)
+        probe.signal(signal.SIGINT)
+        self.assertEqual(probe.wait(), 42)
 
     def test_what_is_down_is_named(self):
         # An export of ours that says of itself that it is down, as those of the program do.
