@@ -17,11 +17,13 @@ namespace {
 
 constexpr int wait_ms = 10;
 
-enum { row_joined, row_ring_dropped, row_card_dropped };
+enum { row_joined, row_taken, row_ring_dropped, row_card_dropped };
 
 constexpr metric_row rows[] = {
     {"kestrelexp_capture_joined_segments_total",
      "Frames longer than the MTU of their device: segments that the host has joined", nullptr,
+     METRIC_COUNTER},
+    {"kestrelexp_capture_device_packets_total", "Packets received, by device and lane", nullptr,
      METRIC_COUNTER},
     {"kestrelexp_capture_device_dropped_packets_total",
      "Packets lost before the probe saw them, by device and lane", "stage=\"ring\"",
@@ -61,10 +63,13 @@ lane::lane(uint32_t number, const device_list& devices) : number_(number), waits
         const std::string lane_label = labels + ",lane=\"" + std::to_string(number) + "\"";
         ports_.push_back({.of = it.get(),
                           .joined = register_rows(&rows[row_joined], 1, labels),
+                          .taken = register_rows(&rows[row_taken], 1, lane_label),
                           .ring_dropped = register_rows(&rows[row_ring_dropped], 1, lane_label),
                           .card_dropped = number == 0
                                               ? register_rows(&rows[row_card_dropped], 1, labels)
                                               : nullptr,
+                          .taken_before = 0,
+                          .taken_told = 0,
                           .dropped_before = 0,
                           .dropped_told = 0,
                           .card_told = 0,
@@ -163,6 +168,7 @@ void lane::close_if_wanted(port& at) {
     from->count();
     if (from->unread() > 0)
         return;
+    at.taken_before += from->taken();
     at.dropped_before += from->dropped();
     at.of->close_ring(number_);
 }
@@ -179,13 +185,16 @@ void lane::count(input_counts& counts) {
 }
 
 void lane::count_port(port& at, input_counts& counts) {
+    uint64_t taken = at.taken_before;
     uint64_t dropped = at.dropped_before;
     if (packet_ring* const from = ring(at)) {
         from->count();
+        taken += from->taken();
         dropped += from->dropped();
         counts.unread_packets += from->unread();
     }
     counts.ring_dropped_packets += dropped;
+    tell(at.taken, taken, at.taken_told);
     tell(at.ring_dropped, dropped, at.dropped_told);
 }
 

@@ -29,9 +29,12 @@ class lane {
     struct port {
         device* of;
         metric_cell* joined;
+        metric_cell* taken;
         metric_cell* ring_dropped;
         metric_cell* card_dropped;  // lane 0 has it
-        uint64_t dropped_before;    // by rings that were closed
+        uint64_t taken_before;      // from rings that were closed
+        uint64_t taken_told;
+        uint64_t dropped_before;  // by these
         uint64_t dropped_told;
         uint64_t card_told;
         uint64_t blocks_before;  // of the ring, up to the last wait

@@ -64,6 +64,7 @@ class packet_ring {
     // Asks the kernel for what it has counted since the last time.
     void count();
     uint64_t dropped() const { return dropped_; }
+    uint64_t taken() const { return taken_; }
     // Frames in the ring at the last count().
     uint64_t unread() const { return received_ - dropped_ - taken_; }
 

@@ -14,6 +14,7 @@ from testbed.probe import netflow_v5
 from testbed.network import PROBED, blaster, make_pair
 from testbed.process import WatchedProcess, status_field, wait_until
 
+DEVICE_TAKEN = "kestrelexp_capture_device_packets_total"
 DEVICE_DROPPED = "kestrelexp_capture_device_dropped_packets_total"
 
 
@@ -128,6 +129,9 @@ class Lanes(AfPacketCase):
                 for lane in range(4)]
         self.assertGreater(min(lost), 1000)
         self.assertEqual(sum(lost) + found.total(RECEIVED), 100_000)
+        taken = [found.total(DEVICE_TAKEN, 'device="kb"', f'lane="{lane}"') for lane in range(4)]
+        self.assertGreater(min(taken), 1000)
+        self.assertEqual(sum(taken), found.total(RECEIVED))
         self.assertEqual(found.total("kestrelexp_capture_dropped_packets_total", 'stage="ring"'),
                          sum(lost))
 
