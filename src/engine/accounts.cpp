@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <iterator>
 #include <optional>
 #include <string_view>
 
@@ -19,12 +20,12 @@
 namespace kestrel {
 namespace {
 
+constexpr const char* handed_records_name = "kestrelexp_handed_records_total";
 constexpr const char* handed_packets_name = "kestrelexp_handed_packets_total";
 constexpr const char* rejected_packets_name = "kestrelexp_rejected_packets_total";
 
 constexpr metric_row handed_rows[] = {
-    {"kestrelexp_handed_records_total", "Records of flows handed to the exports.", nullptr,
-     METRIC_COUNTER},
+    {handed_records_name, "Records of flows handed to the exports.", nullptr, METRIC_COUNTER},
     {handed_packets_name, "Packets in the records handed to the exports.", nullptr, METRIC_COUNTER},
     {"kestrelexp_rejected_records_total", "Records that a global filter rejected.", nullptr,
      METRIC_COUNTER},
@@ -207,26 +208,49 @@ std::string label_of_filter(const export_entry& entry, size_t position) {
            metric_label("filter", std::string(name) + "-" + std::to_string(position));
 }
 
-// labels: of an export, or of one of its collectors. kept_back: what these labels do not have.
-int64_t difference_of(const std::string& labels, uint64_t kept_back) {
-    return static_cast<int64_t>(metrics_sum(handed_packets_name, "") - kept_back -
-                                metrics_sum(sent_packets_row.name, labels) -
-                                metrics_sum(lost_packets_name, labels));
+// The two sums of an export, each of which has to come out even: handed = sent + lost.
+struct sum_names {
+    const char* handed;
+    const char* sent;
+    const char* lost;
+};
+constexpr sum_names sum_of_packets = {handed_packets_name, sent_packets_row.name,
+                                      lost_packets_name};
+constexpr sum_names sum_of_records = {handed_records_name, sent_records_row.name,
+                                      lost_records_row("").name};
+
+// labels: of the export, or of one of several collectors that each get all records. What filters
+// and sampling keep back is the export's.
+int64_t difference_of(const sum_names& names, const export_entry& entry,
+                      const std::string& labels) {
+    uint64_t known = metrics_sum(names.sent, labels) + metrics_sum(names.lost, labels);
+    if (labels != entry.label)
+        for (const char* reason : {",reason=\"filter\"", ",reason=\"sampling\""})
+            known += metrics_sum(names.lost, entry.label + reason);
+    return static_cast<int64_t>(metrics_sum(names.handed, "") - known);
 }
 
-// Where each collector of an export gets all records, each has a sum of its own.
-void say_differences(const export_entry& entry) {
+// Calls act with the labels of each sum: where each collector gets all records, it has its own.
+template <typename Act>
+void for_each_sum(const export_entry& entry, Act act) {
     const uint64_t copies = metrics_sum(export_copies_row.name, entry.label);
     if (copies == 0)
-        say_difference(entry.label.c_str(), difference_of(entry.label, 0));
-    uint64_t kept_back = 0;
-    for (const char* reason : {",reason=\"filter\"", ",reason=\"sampling\""})
-        kept_back += metrics_sum(lost_packets_name, entry.label + reason);
-    for (uint64_t copy = 0; copy < copies; ++copy) {
-        const std::string labels =
-            entry.label + "," + metric_label("collector", std::to_string(copy));
-        say_difference(labels.c_str(), difference_of(labels, kept_back));
-    }
+        act(entry.label);
+    for (uint64_t copy = 0; copy < copies; ++copy)
+        act(entry.label + "," + metric_label("collector", std::to_string(copy)));
+}
+
+// What was handed and never sent, nor counted as lost by the export itself.
+void count_unflushed(const export_entry& entry, const std::string& labels) {
+    constexpr metric_row rows[] = {lost_records_row("reason=\"not_flushed\""),
+                                   lost_packets_row("reason=\"not_flushed\"")};
+    const int64_t records = difference_of(sum_of_records, entry, labels);
+    const int64_t packets = difference_of(sum_of_packets, entry, labels);
+    if (records <= 0 || packets < 0)
+        return;
+    metric_cell* const cells = metrics_register(rows, std::size(rows), labels.c_str());
+    metric_add(&cells[0], static_cast<uint64_t>(records));
+    metric_add(&cells[1], static_cast<uint64_t>(packets));
 }
 
 }  // namespace
@@ -248,6 +272,12 @@ record_accounts::record_accounts(const run_configuration& run) : handed_(handed_
         exports_.emplace_back(entry);
 }
 
+void count_all_unflushed(const run_configuration& run) {
+    for (const export_entry& entry : run.exports)
+        for_each_sum(entry,
+                     [&entry](const std::string& labels) { count_unflushed(entry, labels); });
+}
+
 void say_sum(const run_configuration& run) {
     if (!verbose(0) || run.input_switch == nullptr)
         return;
@@ -263,7 +293,9 @@ void say_sum(const run_configuration& run) {
     else
         verbose_msg(0, "The flow cache is busy: what is in it and in the rings was not counted");
     for (const export_entry& entry : run.exports)
-        say_differences(entry);
+        for_each_sum(entry, [&entry](const std::string& labels) {
+            say_difference(labels.c_str(), difference_of(sum_of_packets, entry, labels));
+        });
 }
 
 }  // namespace kestrel

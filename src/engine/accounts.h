@@ -77,6 +77,11 @@ class record_accounts {
     std::vector<export_account> exports_;
 };
 
+// After an end without a flush: what the exports hold for messages that are not full yet goes
+// nowhere, and is counted as lost to them. Exports hold it each in its own way, so it is what their
+// sums lack.
+void count_all_unflushed(const run_configuration& run);
+
 // Prints every counter that has counted at level 0, then what is still in the program, then each
 // difference in the sums of packets. Nothing more is read from the input and handed to the exports,
 // so that the packets stand still. Does nothing when such messages are not shown.

@@ -207,13 +207,17 @@ std::vector<temporal_storage*> rings_of(const run_configuration& configuration,
     return sw == nullptr || sw->next_lane == nullptr ? std::vector{storage} : final_rings(*sw);
 }
 
+enum class ending : uint8_t { flushed, rejected };
+
 // Nothing more is handed to the exports: what waits in outlets is sent or lost before it is summed
 // up.
-void close_accounts(const run_configuration& run) {
+void close_accounts(const run_configuration& run, ending how) {
     // Nobody takes finished flows any more, so what is captured while outlets drain would be lost.
     if (run.input_switch != nullptr)
         ask_reader(*run.input_switch, close_input);
     close_outlets();
+    if (how == ending::rejected)
+        count_all_unflushed(run);
     say_sum(run);
 }
 
@@ -268,14 +272,14 @@ int replay_record_loop(temporal_storage* storage, unsigned record_size,
         if (stamp.ended != nullptr) {
             flush_exports(self);
             say_totals(*stamp.ended, out);
-            close_accounts(*configuration);
+            close_accounts(*configuration, ending::flushed);
             say_farewell(stamp.ended->has_failed ? exit_input_failed : exit_ok);
         }
         flow_record& record = flow.in(slot);
         out.flows += 1;
         out.packets += record.packets;
         if (const int32_t rejection = deliver(self, &record); rejection != 0) {
-            close_accounts(*configuration);
+            close_accounts(*configuration, ending::rejected);
             return rejection;
         }
     }
@@ -298,12 +302,12 @@ int main_record_loop(temporal_storage* storage, unsigned record_size,
         if (slot == nullptr)
             (void)flush_when_idle(self);
         else if (const int32_t rejection = deliver(self, &flow.in(slot)); rejection != 0) {
-            close_accounts(*configuration);
+            close_accounts(*configuration, ending::rejected);
             return rejection;
         }
     } while (!is_stop_due(rings));
 
     flush_exports(self);
-    close_accounts(*configuration);
+    close_accounts(*configuration, ending::flushed);
     say_farewell(exit_ok);
 }

@@ -4,7 +4,7 @@ import os
 import shutil
 
 from abi import FINAL, Run, plugin
-from testbed.accounts import without_sum
+from testbed.accounts import HANDED, LOST, REJECTED, Sum, without_sum
 from testbed.process import status_field
 
 LO = "-I pcap:device=lo"
@@ -75,6 +75,19 @@ class Flows(Run):
         self.assertEqual(running.wait(), 0)
         self.assertEqual(running.messages, [])
         self.assertEqual(self.collected(), FINAL[:1])
+
+    def test_what_is_not_flushed_then_is_lost_to_its_export(self):
+        # Record n has n packets and the port 999 + n.
+        running = self.start("final drop", "-v 0 -I final:count=10 -G drop:srcport=1006 "
+                             "-E netflow-v5:host=127.0.0.1,port=2055 -E null")
+        self.assertEqual(running.wait(), 0)
+        accounts = Sum(running.lines)
+        accounts.check(self)
+        self.assertEqual((accounts.total(HANDED), accounts.total(REJECTED)), (21, 7))
+        self.assertEqual(accounts.reasons(LOST, 'export="netflow-v5-0"'), {"not_flushed": 21})
+        self.assertEqual(accounts.total("kestrelexp_export_lost_records_total",
+                                        'export="netflow-v5-0"'), 6)
+        self.assertEqual(accounts.reasons(LOST, 'export="null-1"'), {})
 
     def rules(self, name, *lines):
         path = self.folder / name

@@ -11,7 +11,7 @@ const TITLES = { capture: "Captured", parser: "In flows", cache: "Flow cache",
   records: "Handed to exports" };
 const REASONS = { not_ip: "not IP", truncated: "truncated", ip_version: "IP version",
   no_template: "no template", send: "not sent", refused: "refused", filter: "filter",
-  queue_full: "queue full", unacknowledged: "not acknowledged", not_drained: "left at the end",
+  queue_full: "queue full", unacknowledged: "not acknowledged", not_drained: "left at the end", not_flushed: "left at the end",
   sampling: "sampling", ring: "ring full", card: "network card" };
 const REMOVALS = { active: "active timeout", inactive: "inactive timeout",
   collision: "collision (no room)", forced: "flush", other: "other" };
