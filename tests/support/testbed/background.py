@@ -11,7 +11,7 @@ from testbed.case import E2eCase
 from testbed.flow_sets import Reader
 from testbed.frames import ethernet, ipv4, udp
 from testbed.network import PROBED, received_frames
-from testbed.process import SLOWNESS, WatchedProcess, wait_until
+from testbed.process import SLOWNESS, WatchedProcess, settle, wait_until
 from testbed.returning_collector import ReturningCollector
 from testbed.stream_collector import StreamCollector
 
@@ -106,7 +106,9 @@ class BackgroundCase(E2eCase):
         wait_until(are_there, f"{packets} packets")
 
     def end_in_time(self, probe, seconds):
-        """Interrupts the probe, which has to end in order within so many seconds."""
+        """Lets the probe take up what was sent, and interrupts it: it has to end in order within so
+        many seconds."""
+        settle()
         start = time.monotonic()
         probe.signal(signal.SIGINT)
         self.assertEqual(probe.wait(), 0, probe.describe())
