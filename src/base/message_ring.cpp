@@ -52,8 +52,6 @@ bool message_ring::put(const outlet_message& message) {
     const uint64_t left = capacity_ - (head - origin_) % capacity_;
     const uint64_t skipped = size > left ? left : 0;
     const uint64_t wanted = size + skipped;
-    if (wanted > capacity_)
-        return false;
     if (head + wanted - seen_first > capacity_)
         return false;
     if (skipped > 0)
