@@ -59,16 +59,20 @@ class FileOutput : public testing::Test {
         return found;
     }
 
+    file_settings a_file_an_hour() const {
+        file_settings wanted;
+        wanted.pattern = directory / "%H.json";
+        wanted.rotate_s = hour_s;
+        wanted.longest_message = 100;
+        return wanted;
+    }
+
     fs::path directory;
     output_account account;
 };
 
 TEST_F(FileOutput, FollowsAClockThatIsSetBack) {
-    file_settings wanted;
-    wanted.pattern = directory / "%H.json";
-    wanted.rotate_s = hour_s;
-    wanted.longest_message = 100;
-    file_output output(wanted, account);
+    file_output output(a_file_an_hour(), account);
     deliver(output, noon_s, "a\n");
     deliver(output, noon_s - 1, "b\n");  // a message that was on its way
     deliver(output, noon_s + hour_s, "c\n");
@@ -82,11 +86,7 @@ TEST_F(FileOutput, FollowsAClockThatIsSetBack) {
 }
 
 TEST_F(FileOutput, GivesNoNameToAFileThatNothingCouldBeWrittenInto) {
-    file_settings wanted;
-    wanted.pattern = directory / "%H.json";
-    wanted.rotate_s = hour_s;
-    wanted.longest_message = 100;
-    file_output output(wanted, account);
+    file_output output(a_file_an_hour(), account);
     deliver(output, noon_s, "a\n");
     std::string late = "b\n";
     const outlet_message message = {late.data(), 2, 1, 1, (noon_s + hour_s) * 1'000'000'000, 0};
